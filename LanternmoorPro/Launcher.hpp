@@ -7,6 +7,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "LanternmoorPro/platform/Platform.hpp"
 #include "LanternmoorPro/platform/Task.hpp"
@@ -100,8 +102,12 @@ public:
     bool failurePresented = false;      // only ever goes from false to true
 
 private:
-    void setToolTip(const std::string& text);
+    void spawnHolding(Task<> task);
+    void setToolTip(std::string_view text);
     std::string searchPath() const;
+    std::string logPath() const;
+    Task<> stopAndReply();
+    bool claimTheOneAlert();
 
     platform::Platform& platform_;
 };

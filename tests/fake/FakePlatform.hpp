@@ -1,0 +1,340 @@
+// The fake platform: single-threaded, virtual clock, scripted answers, recorded effects.
+// Each part can be used on its own (integration tests borrow some beside real ones).
+#pragma once
+
+#include <chrono>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "LanternmoorPro/platform/ApplicationBase.hpp"
+#include "LanternmoorPro/platform/Platform.hpp"
+
+namespace lm::fake {
+
+using namespace std::chrono_literals;
+using platform::Error;
+using platform::Failure;
+
+// One ordered record of the effects every fake part had, so a test can assert order
+// across parts ("guide opened, then termination requested").
+using Journal = std::vector<std::string>;
+
+class FakeMainThread final : public platform::MainThread {
+public:
+    void post(std::function<void()> task) override;
+    void postAfter(std::chrono::nanoseconds delay, std::function<void()> task) override;
+    std::chrono::system_clock::time_point now() const override { return now_; }
+
+    // Runs posted tasks, moving virtual time on to the next timer whenever nothing else is
+    // left, until nothing is left at all or `limit` of virtual time has passed.
+    void runUntilIdle(std::chrono::nanoseconds limit = std::chrono::hours(1));
+    // Runs everything due within `duration` of virtual time, then stops the clock there.
+    void runFor(std::chrono::nanoseconds duration);
+    // Runs what is runnable now, without moving the clock.
+    void runReady();
+    std::size_t pendingTimers() const { return timers_.size(); }
+    bool isOnMainThread() const { return running_; }
+
+private:
+    struct Timer {
+        std::chrono::system_clock::time_point due;
+        std::uint64_t sequence;
+        std::function<void()> task;
+    };
+    bool runOne();
+    void runUntil(std::chrono::system_clock::time_point end);
+
+    std::chrono::system_clock::time_point now_ = std::chrono::sys_days{std::chrono::November / 23 / 2026};
+    std::deque<std::function<void()>> ready_;
+    std::vector<Timer> timers_;
+    std::uint64_t sequence_ = 0;
+    bool running_ = false;
+};
+
+class FakeApplication final : public platform::ApplicationBase {
+public:
+    explicit FakeApplication(Journal* journal = nullptr) : journal_(journal) {}
+    void setActivationPolicy(platform::ActivationPolicy policy) override { activationPolicy = policy; }
+    int run() override;
+    void terminate() override;
+    void replyToApplicationShouldTerminate(bool shouldTerminate) override;
+    void activateIgnoringOtherApps() override { ++activations; }
+    using ApplicationBase::reopen;
+
+    std::optional<platform::ActivationPolicy> activationPolicy;
+    int terminateRequests = 0;
+    int activations = 0;
+
+protected:
+    void endEventLoop() override;
+
+private:
+    Journal* journal_;
+};
+
+struct ScriptedProcess {
+    std::optional<Error> startError;
+    std::string output;        // what it prints on standard output
+    int exitStatus = 0;
+    // When it ends by itself; none: it runs until it is signalled.
+    std::optional<std::chrono::nanoseconds> exitAfter = 0ns;
+    bool ignoresTerminate = false;
+    // How long it takes to end after SIGTERM when it does not ignore it.
+    std::chrono::nanoseconds terminateDelay = 0ns;
+};
+
+class FakeProcesses;
+
+class FakeChildProcess final : public platform::ChildProcess {
+public:
+    FakeChildProcess(FakeProcesses& owner, platform::ProcessConfiguration configuration, ScriptedProcess script,
+                     std::int32_t pid);
+    void setTerminationHandler(platform::TerminationHandler handler) override { handler_ = std::move(handler); }
+    Failure start() override;
+    bool isRunning() const override { return running_; }
+    std::int32_t processIdentifier() const override { return started_ ? pid_ : 0; }
+    int terminationStatus() const override { return status_; }
+    std::string capturedOutput() const override { return ended_ ? script_.output : std::string(); }
+    void terminate() override;
+    void kill() override;
+
+    // Ends the process now, as if it had exited by itself.
+    void exit(int status);
+    const platform::ProcessConfiguration configuration;
+
+private:
+    void endAfter(std::chrono::nanoseconds delay, int status);
+
+    FakeProcesses& owner_;
+    ScriptedProcess script_;
+    std::int32_t pid_;
+    platform::TerminationHandler handler_;
+    bool started_ = false;
+    bool running_ = false;
+    bool ended_ = false;
+    int status_ = 0;
+};
+
+class FakeProcesses final : public platform::Processes {
+public:
+    explicit FakeProcesses(FakeMainThread* mainThread = nullptr, Journal* journal = nullptr)
+        : mainThread_(mainThread), journal_(journal) {}
+    std::shared_ptr<platform::ChildProcess> create(platform::ProcessConfiguration configuration) override;
+
+    // What a program at `executable` does when started; unscripted ones cannot start.
+    std::map<std::string, ScriptedProcess> scripts;
+    std::vector<std::shared_ptr<FakeChildProcess>> created;
+    // Started and not yet ended.
+    int running() const;
+
+private:
+    friend class FakeChildProcess;
+    FakeMainThread* mainThread_;
+    Journal* journal_;
+    std::int32_t nextPid_ = 4000;
+};
+
+struct FakeNode {
+    bool isDirectory = false;
+    unsigned mode = 0644;
+    std::string content;
+};
+
+class FakeFileSystem final : public platform::FileSystem {
+public:
+    bool fileExists(const std::string& path) const override { return nodes.contains(path); }
+    bool isExecutableFile(const std::string& path) const override;
+    Failure createDirectories(const std::string& path, unsigned mode) override;
+    Failure setMode(const std::string& path, unsigned mode) override;
+    bool createFile(const std::string& path, unsigned mode) override;
+    platform::Result<std::shared_ptr<platform::FileHandle>> openForWriting(const std::string& path) override;
+
+    void addFile(const std::string& path, std::string content = {}, unsigned mode = 0644);
+    void addExecutable(const std::string& path) { addFile(path, {}, 0755); }
+
+    std::map<std::string, FakeNode> nodes;
+    // An operation named here ("createDirectories", "setMode", "createFile", "open", "seek",
+    // "write", "close") fails with that error.
+    std::map<std::string, Error> failures;
+    int openHandles = 0;
+};
+
+class FakeHttp final : public platform::Http {
+public:
+    explicit FakeHttp(FakeMainThread* mainThread = nullptr) : mainThread_(mainThread) {}
+    void get(const platform::HttpRequest& request, std::function<void(platform::HttpResult)> done) override;
+
+    struct Answer {
+        platform::HttpResult result;
+        std::chrono::nanoseconds delay = 0ns;
+    };
+    // Answers given in order; once used up, `fallback` answers every request.
+    std::deque<Answer> answers;
+    std::optional<Answer> fallback = Answer{platform::HttpResult::failed()};
+    // Requests nobody answered yet (answers and fallback both absent): complete them by hand.
+    std::vector<std::function<void(platform::HttpResult)>> held;
+    std::vector<platform::HttpRequest> requests;
+
+    static platform::HttpResult ours() { return platform::HttpResult::reply(200, R"({"appId":"lanternmoor-local-pro"})"); }
+    static platform::HttpResult other() { return platform::HttpResult::reply(200, R"({"appId":"someone-else"})"); }
+
+private:
+    FakeMainThread* mainThread_;
+};
+
+// Understands exactly the flat objects of string members the tests send.
+class FakeJson final : public platform::Json {
+public:
+    std::optional<std::string> stringMemberOfObject(std::string_view text, std::string_view key) const override;
+};
+
+class FakeNetwork final : public platform::Network {
+public:
+    bool loopbackAcceptsConnections(std::uint16_t port) override;
+    bool accepting = false;
+    std::vector<std::uint16_t> checks;
+};
+
+class FakeOpener final : public platform::Opener {
+public:
+    explicit FakeOpener(Journal* journal = nullptr) : journal_(journal) {}
+    bool open(const std::string& url) override;
+    bool succeeds = true;
+    std::vector<std::string> opened;
+
+private:
+    Journal* journal_;
+};
+
+class FakeAlerts final : public platform::Alerts {
+public:
+    explicit FakeAlerts(Journal* journal = nullptr) : journal_(journal) {}
+    int runModal(const platform::Alert& alert) override;
+
+    std::vector<platform::Alert> shown;
+    // Buttons pressed in order (0 = first); once used up, the first button.
+    std::deque<int> answers;
+    // Runs while the alert is up, as events would inside the modal loop.
+    std::function<void()> whileShown;
+
+private:
+    Journal* journal_;
+};
+
+struct FakeMenuEntry {
+    bool separator = false;
+    std::string title;
+    std::optional<platform::MenuAction> action;
+    std::string keyEquivalent;
+};
+
+class FakeMenuItem final : public platform::MenuItem {
+public:
+    explicit FakeMenuItem(FakeMenuEntry entry) : entry(std::move(entry)) {}
+    void setTarget(std::weak_ptr<platform::MenuTarget> newTarget) override { target = std::move(newTarget); }
+    void setEnabled(bool value) override { enabled = value; }
+    bool isEnabled() const override { return enabled; }
+    // What a click does: the action on the target, only when enabled.
+    void click();
+
+    FakeMenuEntry entry;
+    std::weak_ptr<platform::MenuTarget> target;
+    bool enabled = true;
+};
+
+class FakeMenu final : public platform::Menu {
+public:
+    std::shared_ptr<platform::MenuItem> makeItem(std::string title, std::optional<platform::MenuAction> action,
+                                                 std::string keyEquivalent) override;
+    void addItem(std::shared_ptr<platform::MenuItem> item) override;
+    void addSeparator() override;
+    void setAutoenablesItems(bool value) override { autoenablesItems = value; }
+
+    std::vector<std::shared_ptr<FakeMenuItem>> items;  // separators included
+    bool autoenablesItems = true;
+};
+
+class FakeStatusButton final : public platform::StatusButton {
+public:
+    void setTitle(std::string value) override { title = std::move(value); }
+    void setFont(platform::Font value) override { font = value; }
+    void setToolTip(std::string value) override { toolTips.push_back(std::move(value)); }
+    void setAccessibilityLabel(std::string value) override { accessibilityLabel = std::move(value); }
+    std::string toolTip() const { return toolTips.empty() ? std::string() : toolTips.back(); }
+
+    std::string title;
+    std::optional<platform::Font> font;
+    std::vector<std::string> toolTips;
+    std::string accessibilityLabel;
+};
+
+class FakeStatusItem final : public platform::StatusItem {
+public:
+    explicit FakeStatusItem(double length, bool withButton) : length(length), hasButton(withButton) {}
+    platform::StatusButton* button() override { return hasButton ? &fakeButton : nullptr; }
+    void setMenu(std::shared_ptr<platform::Menu> value) override { menu = std::dynamic_pointer_cast<FakeMenu>(value); }
+
+    double length;
+    bool hasButton;
+    FakeStatusButton fakeButton;
+    std::shared_ptr<FakeMenu> menu;
+};
+
+class FakeStatusBar final : public platform::StatusBar {
+public:
+    std::shared_ptr<platform::StatusItem> statusItem(double length) override;
+    std::shared_ptr<platform::Menu> makeMenu() override { return std::make_shared<FakeMenu>(); }
+
+    bool itemsHaveButtons = true;
+    std::vector<std::shared_ptr<FakeStatusItem>> items;
+};
+
+class FakeEnvironment final : public platform::Environment {
+public:
+    std::optional<std::string> variable(const std::string& name) const override;
+    platform::EnvironmentVariables all() const override { return variables; }
+    void set(const std::string& name, const std::string& value);
+    void unset(const std::string& name);
+
+    platform::EnvironmentVariables variables;
+};
+
+class FakeFolders final : public platform::Folders {
+public:
+    std::optional<std::string> resourcesFolder() const override { return resources; }
+    std::vector<std::string> applicationSupportFolders() const override { return applicationSupport; }
+    std::string homeFolder() const override { return home; }
+
+    std::optional<std::string> resources = "/opt/lanternmoor/share/lanternmoor-pro";
+    std::vector<std::string> applicationSupport{"/home/ada/.local/share"};
+    std::string home = "/home/ada";
+};
+
+// Every part, wired to one clock and one journal.
+struct FakePlatform {
+    Journal journal;
+    FakeMainThread mainThread;
+    FakeApplication application{&journal};
+    FakeProcesses processes{&mainThread, &journal};
+    FakeFileSystem files;
+    FakeHttp http{&mainThread};
+    FakeJson json;
+    FakeNetwork network;
+    FakeOpener opener{&journal};
+    FakeAlerts alerts{&journal};
+    FakeStatusBar statusBar;
+    FakeEnvironment environment;
+    FakeFolders folders;
+
+    platform::Platform platform() {
+        return {mainThread, application, processes, files, http, json, network,
+                opener, alerts, statusBar, environment, folders};
+    }
+};
+
+}  // namespace lm::fake
