@@ -128,6 +128,8 @@ inline auto sleepFor(MainThread& mainThread, std::chrono::nanoseconds duration) 
 
 // Awaits a callback-style platform operation: `start` receives the completion callback, which
 // must be called exactly once, from any thread. The task resumes on the main thread.
+// Keep the awaiter in a named local and await that: GCC 12 destroys temporaries of a co_await
+// operand twice (a lambda with captures is enough to corrupt the heap).
 template <typename T>
 auto completionOf(MainThread& mainThread, std::function<void(std::function<void(T)>)> start) {
     struct Awaiter {

@@ -91,7 +91,8 @@ Task<std::optional<std::string>> LanternmoorLauncher::findNode() {
     std::set<std::string> tried;
     for (auto& candidate : candidates) {
         if (!tried.insert(candidate).second) continue;
-        if (co_await supportedNode(candidate)) co_return candidate;
+        const bool supported = co_await supportedNode(candidate);
+        if (supported) co_return candidate;
     }
     co_return std::nullopt;
 }
@@ -109,7 +110,7 @@ Task<bool> LanternmoorLauncher::supportedNode(std::string candidate) {
 
     // Exactly one of the two paths resumes us: the failed start, or the end of the process,
     // which the time limit forces when the candidate never ends by itself.
-    const bool ended = co_await platform::completionOf<bool>(mainThread, [&](std::function<void(bool)> done) {
+    auto probe = platform::completionOf<bool>(mainThread, [&](std::function<void(bool)> done) {
         process->setTerminationHandler([done](std::int32_t) { done(true); });
         if (auto failure = process->start()) {
             process->setTerminationHandler({});
@@ -119,6 +120,7 @@ Task<bool> LanternmoorLauncher::supportedNode(std::string candidate) {
             if (auto hung = weak.lock()) hung->kill();
         });
     });
+    const bool ended = co_await probe;
     if (!ended || process->terminationStatus() != 0) co_return false;
     auto output = process->capturedOutput();
     if (output.size() > platform::ChildProcess::capturedOutputLimit) co_return false;

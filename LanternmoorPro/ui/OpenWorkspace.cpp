@@ -14,7 +14,8 @@ Task<> LanternmoorLauncher::openWorkspace() {
     if (shuttingDown) co_return;
     // Never opened blind: only our own service gets the browser. shuttingDown is not looked at
     // again, so a quit during the probe still lets an answer of ours open the page.
-    switch (co_await probeHealth()) {
+    auto health = co_await probeHealth();
+    switch (health) {
     case Health::ours: co_return openBrowser();
     case Health::foreign: co_return showOccupiedPort();
     case Health::noResponse:

@@ -125,7 +125,12 @@ void FakeChildProcess::kill() {
 }
 
 std::shared_ptr<platform::ChildProcess> FakeProcesses::create(platform::ProcessConfiguration configuration) {
-    auto found = scripts.find(configuration.executable);
+    // A script for the program with its first argument wins over one for the program alone,
+    // so one node can answer "--version" and also run the service.
+    auto found = configuration.arguments.empty()
+                     ? scripts.end()
+                     : scripts.find(configuration.executable + " " + configuration.arguments.front());
+    if (found == scripts.end()) found = scripts.find(configuration.executable);
     ScriptedProcess script;
     if (found != scripts.end())
         script = found->second;

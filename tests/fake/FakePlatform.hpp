@@ -78,8 +78,8 @@ private:
 };
 
 struct ScriptedProcess {
-    std::optional<Error> startError;
-    std::string output;        // what it prints on standard output
+    std::optional<Error> startError{};
+    std::string output{};  // what it prints on standard output
     int exitStatus = 0;
     // When it ends by itself; none: it runs until it is signalled.
     std::optional<std::chrono::nanoseconds> exitAfter = 0ns;
@@ -126,7 +126,8 @@ public:
         : mainThread_(mainThread), journal_(journal) {}
     std::shared_ptr<platform::ChildProcess> create(platform::ProcessConfiguration configuration) override;
 
-    // What a program at `executable` does when started; unscripted ones cannot start.
+    // What a program does when started, by "executable firstArgument" or by executable alone;
+    // unscripted ones cannot start.
     std::map<std::string, ScriptedProcess> scripts;
     std::vector<std::shared_ptr<FakeChildProcess>> created;
     // Started and not yet ended.

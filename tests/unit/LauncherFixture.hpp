@@ -1,0 +1,104 @@
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "LanternmoorPro/Launcher.hpp"
+#include "fake/FakePlatform.hpp"
+
+namespace lm::test {
+
+using namespace std::chrono_literals;
+using Health = LanternmoorLauncher::Health;
+using fake::FakeHttp;
+using platform::HttpResult;
+
+inline constexpr const char* resources = "/opt/lm/share/lanternmoor-pro";
+inline constexpr const char* serviceScript = "/opt/lm/share/lanternmoor-pro/app/server.mjs";
+inline constexpr const char* node = "/usr/bin/node";
+inline constexpr const char* codex = "/home/ada/.local/bin/codex";
+inline constexpr const char* logFile = "/home/ada/.local/share/Lanternmoor Pro/server.log";
+
+// A launcher on the fake platform. By default the machine is ready for a start: the service
+// script is shipped, a Node.js 22.13 and Codex are installed, nothing holds the port.
+struct Harness {
+    Harness() {
+        fake.application.setDelegate(launcher);
+        fake.folders.resources = resources;
+        fake.files.addFile(serviceScript);
+        fake.environment.set("PATH", "/usr/bin");
+        fake.environment.set("LANG", "zh_CN.UTF-8");
+        fake.files.addExecutable(node);
+        fake.processes.scripts[std::string(node) + " --version"] = {.output = "v22.13.0\n", .exitAfter = 20ms};
+        fake.processes.scripts[std::string(node) + " --experimental-strip-types"] = {.exitAfter = std::nullopt};
+        fake.files.addExecutable(codex);
+    }
+
+    // Nothing answers the first probe; the started service answers after `failures` more.
+    void serviceAnswersAfter(int failures) {
+        for (int i = 0; i <= failures; ++i) fake.http.answers.push_back({HttpResult::failed()});
+        fake.http.answers.push_back({FakeHttp::ours()});
+    }
+
+    // The whole start: launching finished, then everything that follows in virtual time.
+    void launch(std::chrono::nanoseconds forAtMost = 1h) {
+        launcher->applicationDidFinishLaunching();
+        fake.mainThread.runUntilIdle(forAtMost);
+    }
+
+    Task<Health> probe() { return launcher->probeHealth(); }
+
+    template <typename T>
+    T await(Task<T> task) {
+        std::optional<T> result;
+        platform::spawn(fake.mainThread, store(std::move(task), result));
+        fake.mainThread.runUntilIdle();
+        EXPECT_TRUE(result.has_value()) << "the task did not finish";
+        return std::move(*result);
+    }
+    void await(Task<> task) {
+        bool finished = false;
+        platform::spawn(fake.mainThread, markDone(std::move(task), finished));
+        fake.mainThread.runUntilIdle();
+        EXPECT_TRUE(finished) << "the task did not finish";
+    }
+
+    std::vector<std::string> alertTitles() const {
+        std::vector<std::string> titles;
+        for (auto& alert : fake.alerts.shown) titles.push_back(alert.title);
+        return titles;
+    }
+    std::shared_ptr<fake::FakeChildProcess> service() const {
+        for (auto& child : fake.processes.created)
+            if (!child->configuration.arguments.empty() && child->configuration.arguments[0] != "--version") return child;
+        return nullptr;
+    }
+    bool journalHas(const std::string& entry) const {
+        return std::find(fake.journal.begin(), fake.journal.end(), entry) != fake.journal.end();
+    }
+    long journalIndex(const std::string& entry) const {
+        auto found = std::find(fake.journal.begin(), fake.journal.end(), entry);
+        return found == fake.journal.end() ? -1 : found - fake.journal.begin();
+    }
+    fake::FakeStatusButton& button() { return fake.statusBar.items.at(0)->fakeButton; }
+    fake::FakeMenu& menu() { return *fake.statusBar.items.at(0)->menu; }
+
+    fake::FakePlatform fake;
+    platform::Platform platform = fake.platform();
+    std::shared_ptr<LanternmoorLauncher> launcher = std::make_shared<LanternmoorLauncher>(platform);
+
+    template <typename T>
+    static Task<> store(Task<T> task, std::optional<T>& result) {
+        auto value = co_await std::move(task);
+        result.emplace(std::move(value));
+    }
+    static Task<> markDone(Task<> task, bool& finished) {
+        co_await std::move(task);
+        finished = true;
+    }
+};
+
+class LauncherTest : public testing::Test, public Harness {};
+
+}  // namespace lm::test
