@@ -1,5 +1,8 @@
 #include "LanternmoorPro/platform/Task.hpp"
 
+#include <memory>
+#include <utility>
+
 namespace lm::platform {
 namespace {
 
@@ -19,11 +22,30 @@ struct Detached {
 
 Detached runDetached(Task<void> task) { co_await std::move(task); }
 
+// Owns a root that has not started yet: a main thread that ends without running the start
+// frees the task instead of leaking it.
+class PendingStart {
+public:
+    explicit PendingStart(std::coroutine_handle<> handle) : handle_(handle) {}
+    PendingStart(PendingStart&& other) noexcept : handle_(std::exchange(other.handle_, {})) {}
+    PendingStart(const PendingStart&) = delete;
+    PendingStart& operator=(const PendingStart&) = delete;
+    PendingStart& operator=(PendingStart&&) = delete;
+    ~PendingStart() {
+        if (handle_) handle_.destroy();
+    }
+    void operator()() { std::exchange(handle_, {}).resume(); }
+
+private:
+    std::coroutine_handle<> handle_;
+};
+
 }  // namespace
 
 void spawn(MainThread& mainThread, Task<void> task) {
     auto root = runDetached(std::move(task));
-    mainThread.post([handle = root.handle] { handle.resume(); });
+    // std::function needs a copyable target, so the owner travels in a shared_ptr.
+    mainThread.post([start = std::make_shared<PendingStart>(root.handle)] { (*start)(); });
 }
 
 }  // namespace lm::platform

@@ -321,8 +321,9 @@ struct FakePlatform {
     Journal journal;
     FakeMainThread mainThread;
     FakeApplication application{&journal};
-    FakeProcesses processes{&mainThread, &journal};
+    // Before the processes: their configurations hold handles on its files.
     FakeFileSystem files;
+    FakeProcesses processes{&mainThread, &journal};
     FakeHttp http{&mainThread};
     FakeJson json;
     FakeNetwork network;

@@ -34,6 +34,11 @@ struct Harness {
         fake.processes.scripts[std::string(node) + " --experimental-strip-types"] = {.exitAfter = std::nullopt};
         fake.files.addExecutable(codex);
     }
+    // Whatever a test left under way runs to its end in virtual time, so no task is left
+    // suspended when the fakes go.
+    ~Harness() { fake.mainThread.runUntilIdle(); }
+    Harness(const Harness&) = delete;
+    Harness& operator=(const Harness&) = delete;
 
     // Nothing answers the first probe; the started service answers after `failures` more.
     void serviceAnswersAfter(int failures) {
