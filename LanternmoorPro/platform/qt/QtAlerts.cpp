@@ -1,0 +1,45 @@
+#include "LanternmoorPro/platform/qt/QtAlerts.hpp"
+
+#include <QMessageBox>
+#include <QPushButton>
+#include <algorithm>
+
+namespace lm::platform::qt {
+namespace {
+
+QMessageBox::Icon icon(AlertStyle style) {
+    switch (style) {
+    case AlertStyle::informational: return QMessageBox::Information;
+    case AlertStyle::critical: return QMessageBox::Critical;
+    case AlertStyle::warning: break;
+    }
+    return QMessageBox::Warning;
+}
+
+}  // namespace
+
+int QtAlerts::runModal(const Alert& alert) {
+    QMessageBox box;
+    box.setIcon(icon(alert.style));
+    box.setWindowTitle(QString::fromStdString(alert.title));
+    box.setTextFormat(Qt::PlainText);
+    box.setText(QString::fromStdString(alert.title));
+    box.setInformativeText(QString::fromStdString(alert.message));
+
+    // One role for all keeps the platform's button layout from reordering them.
+    std::vector<QPushButton*> buttons;
+    for (const auto& title : alert.buttons) {
+        buttons.push_back(box.addButton(QString::fromStdString(title), QMessageBox::ActionRole));
+    }
+    if (!buttons.empty()) box.setDefaultButton(buttons.front());
+    if (buttons.size() == 1) box.setEscapeButton(buttons.front());
+
+    box.exec();
+    const auto clicked = std::find(buttons.begin(), buttons.end(), box.clickedButton());
+    // Anything but a click on one of ours (the loop ended under it, say) is the last button.
+    const auto index = clicked != buttons.end() ? clicked - buttons.begin()
+                                                : std::max<std::ptrdiff_t>(std::ssize(buttons) - 1, 0);
+    return firstButton + static_cast<int>(index);
+}
+
+}  // namespace lm::platform::qt

@@ -1,0 +1,114 @@
+#include "LanternmoorPro/platform/terminal/TerminalStreams.hpp"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <unistd.h>
+#include <utility>
+
+namespace lm::platform::terminal {
+namespace {
+
+// The code a waiting loop is woken with when input arrived; the application ending the loops
+// uses another one.
+constexpr int inputArrived = 1;
+
+}  // namespace
+
+std::string_view trimmed(std::string_view text) {
+    constexpr std::string_view blanks = " \t\r";
+    const auto first = text.find_first_not_of(blanks);
+    if (first == std::string_view::npos) return {};
+    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
+
+void TerminalOutput::writeLine(std::string_view text) {
+    std::string line(text);
+    line += '\n';
+    std::string_view rest = line;
+    while (!rest.empty()) {
+        const ssize_t written = ::write(descriptor_, rest.data(), rest.size());
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return;
+        rest.remove_prefix(static_cast<std::size_t>(written));
+    }
+}
+
+TerminalInput::TerminalInput(int descriptor) : descriptor_(descriptor) {
+    if (::fcntl(descriptor_, F_GETFL) < 0) {
+        closed_ = true;
+        return;
+    }
+    notifier_ = std::make_unique<QSocketNotifier>(descriptor_, QSocketNotifier::Read);
+    QObject::connect(notifier_.get(), &QSocketNotifier::activated, notifier_.get(), [this] { onReadable(); });
+    updateNotifier();
+}
+
+TerminalInput::~TerminalInput() = default;
+
+void TerminalInput::setLineHandler(std::function<void(const std::string&)> handler) {
+    lineHandler_ = std::move(handler);
+    updateNotifier();
+}
+
+std::optional<std::string> TerminalInput::awaitLine() {
+    QEventLoop loop;
+    QEventLoop* outer = std::exchange(waiting_, &loop);
+    updateNotifier();
+    auto line = takeLine();
+    while (!line && !closed_ && loop.exec() == inputArrived) line = takeLine();
+    waiting_ = outer;
+    updateNotifier();
+    return line;
+}
+
+void TerminalInput::onReadable() {
+    readAvailable();
+    updateNotifier();
+    if (waiting_ != nullptr) {
+        waiting_->exit(inputArrived);
+        return;
+    }
+    offerLines();
+}
+
+void TerminalInput::readAvailable() {
+    char chunk[4096];
+    const ssize_t got = ::read(descriptor_, chunk, sizeof chunk);
+    if (got > 0) {
+        buffer_.append(chunk, static_cast<std::size_t>(got));
+        return;
+    }
+    // A read that fails for good (a terminal that hung up, a launcher in the background of
+    // its shell) ends the input as its end would.
+    if (got == 0 || (errno != EINTR && errno != EAGAIN)) closed_ = true;
+}
+
+void TerminalInput::offerLines() {
+    while (waiting_ == nullptr && lineHandler_) {
+        auto line = takeLine();
+        if (!line) return;
+        // A copy, since handling a line may replace the handler.
+        auto handler = lineHandler_;
+        handler(*line);
+    }
+}
+
+std::optional<std::string> TerminalInput::takeLine() {
+    const auto end = buffer_.find('\n');
+    if (end == std::string::npos) {
+        // What was typed before the end of input without a line break still counts.
+        if (!closed_ || buffer_.empty()) return std::nullopt;
+        return std::exchange(buffer_, {});
+    }
+    auto line = buffer_.substr(0, end);
+    buffer_.erase(0, end + 1);
+    return line;
+}
+
+void TerminalInput::updateNotifier() {
+    if (!notifier_) return;
+    // Without an alert or a menu to serve, input is left where it is for the next alert.
+    notifier_->setEnabled(!closed_ && (waiting_ != nullptr || lineHandler_));
+}
+
+}  // namespace lm::platform::terminal

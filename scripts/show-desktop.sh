@@ -1,0 +1,120 @@
+#!/usr/bin/env bash
+# Shows the desktop surface on a virtual screen and saves two pictures of it:
+#   docs/screenshots/menu.png   the tray icon's menu, right after start
+#   docs/screenshots/alert.png  the alert that follows when no Node.js 22.13 is found
+# Needs the built program (scripts/run.sh or `cmake --build build`), Xvfb, trayer, xdotool and
+# ImageMagick. The launcher runs with a temporary HOME, so nothing of the user's is touched.
+#   scripts/show-desktop.sh [build-dir]
+set -euo pipefail
+
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+build_dir="${1:-$root/build}"
+launcher="$build_dir/bin/lanternmoor-pro"
+shots="$root/docs/screenshots"
+[[ -x $launcher ]] || { echo "show-desktop: $launcher is not built yet" >&2; exit 1; }
+for tool in Xvfb trayer xdotool xwininfo import convert display; do
+  command -v "$tool" >/dev/null || { echo "show-desktop: $tool is missing" >&2; exit 1; }
+done
+
+# A workspace service already on the port would be opened instead, with no alert to show.
+if (exec 3<>/dev/tcp/127.0.0.1/18765) 2>/dev/null; then
+  echo "show-desktop: something answers on 127.0.0.1:18765; stop it first" >&2
+  exit 1
+fi
+
+work="$(mktemp -d)"
+pids=()
+cleanup() {
+  local pid
+  for pid in "${pids[@]}"; do kill "$pid" 2>/dev/null || true; done
+  for pid in "${pids[@]}"; do wait "$pid" 2>/dev/null || true; done
+  rm -rf "$work"
+}
+trap cleanup EXIT
+trap 'echo "show-desktop: stopped at line $LINENO" >&2' ERR
+
+# Waits up to $1 tenths of a second for the command after it to succeed.
+wait_for() {
+  local tries="$1"
+  shift
+  until "$@" >/dev/null 2>&1; do
+    ((tries-- > 0)) || return 1
+    sleep 0.1
+  done
+}
+
+# The server picks a free display itself and writes its number to the descriptor.
+exec {display_fd}<> <(:)
+Xvfb -displayfd "$display_fd" -screen 0 800x480x24 -nolisten tcp -noreset >"$work/xvfb.log" 2>&1 &
+pids+=($!)
+read -r -t 10 -u "$display_fd" display_number || { echo "show-desktop: Xvfb did not start" >&2; exit 1; }
+exec {display_fd}<&-
+export DISPLAY=":$display_number"
+wait_for 50 xdotool getdisplaygeometry
+# A plain desktop colour, so the pictures show the icon and windows rather than black.
+convert -size 800x480 xc:'#4f6d8a' "$work/desktop.png"
+# display reports failure even when it has set the background.
+display -window root "$work/desktop.png" || true
+
+# A light panel along the top edge, as wide as the icons it holds.
+trayer --edge top --align right --widthtype request --height 32 --SetDockType true \
+  --transparent true --alpha 0 --tint 0xeeeeee >"$work/trayer.log" 2>&1 &
+pids+=($!)
+panel() { xdotool search --classname '^panel$' | head -n 1; }
+wait_for 50 panel
+
+# The stand-in `node` answers a version too old after a pause, so the alert comes only after
+# the menu has been photographed. The launcher also looks in the places checked below, which
+# must hold no Node.js 22.13 or newer for the alert to come.
+mkdir -p "$work/home" "$work/bin"
+cat >"$work/bin/node" <<'EOF'
+#!/bin/sh
+sleep 4
+echo v18.20.4
+EOF
+chmod +x "$work/bin/node"
+for node in /opt/homebrew/bin/node /usr/local/bin/node /usr/bin/node /bin/node; do
+  if "$node" --version 2>/dev/null | grep -Eq '^v(2[3-9]|[3-9][0-9]|22\.(1[3-9]|[2-9][0-9]))'; then
+    echo "show-desktop: $node is new enough, so no alert would appear" >&2
+    exit 1
+  fi
+done
+
+# Sanitizer settings pass through, so a sanitized build can be shown as well.
+sanitizer_settings=()
+for name in ASAN_OPTIONS LSAN_OPTIONS UBSAN_OPTIONS; do
+  if [[ -n ${!name:-} ]]; then sanitizer_settings+=("$name=${!name}"); fi
+done
+env -i DISPLAY="$DISPLAY" HOME="$work/home" PATH="$work/bin:/usr/bin:/bin" LANG=C.UTF-8 "${sanitizer_settings[@]}" \
+  "$launcher" >"$work/launcher.log" 2>&1 &
+launcher_pid=$!
+pids+=("$launcher_pid")
+
+# The icon is the only thing in the panel, so its middle is the panel's middle.
+icon_middle() {
+  eval "$(xdotool getwindowgeometry --shell "$(panel)")"
+  ((WIDTH > 8)) || return 1
+  echo "$((X + WIDTH / 2)) $((Y + HEIGHT / 2))"
+}
+wait_for 100 icon_middle || { echo "show-desktop: the tray icon did not appear" >&2; exit 1; }
+sleep 0.5
+read -r icon_x icon_y < <(icon_middle)
+xdotool mousemove "$icon_x" "$icon_y" click 1
+# The menu is the launcher's one top-level window of some size; the icon sits inside the panel.
+menu_shown() { xwininfo -root -children | grep -Eq '"lanternmoor-pro"\)  [0-9]{3,}x[0-9]+'; }
+wait_for 30 menu_shown || { echo "show-desktop: the menu did not open" >&2; exit 1; }
+sleep 0.3
+mkdir -p "$shots"
+import -window root "$shots/menu.png"
+xdotool key Escape
+echo "show-desktop: saved $shots/menu.png"
+
+alert_window() { xdotool search --onlyvisible --name '请先安装 Node.js'; }
+wait_for 150 alert_window || { echo "show-desktop: no alert appeared" >&2; cat "$work/launcher.log" >&2; exit 1; }
+sleep 0.5
+import -window root "$shots/alert.png"
+echo "show-desktop: saved $shots/alert.png"
+
+# A termination request from the system ends the launcher the regular way, alert and all.
+kill -TERM "$launcher_pid"
+wait "$launcher_pid" || { echo "show-desktop: the launcher ended with status $?" >&2; cat "$work/launcher.log" >&2; exit 1; }
