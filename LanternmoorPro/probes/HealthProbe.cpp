@@ -11,8 +11,8 @@ using namespace std::chrono_literals;
 using Health = LanternmoorLauncher::Health;
 using platform::HttpResult;
 
-// A silent service is given up on quickly, a slow one a little later, so a readiness poll
-// never waits much longer than one round.
+// Whatever the other end does, a probe ends within about 1.2 s so callers can poll it in a
+// loop; a peer that has gone quiet is given up on sooner.
 constexpr auto idleLimit = 800ms;
 constexpr auto exchangeLimit = 1200ms;
 constexpr std::size_t bodyLimit = 4096;

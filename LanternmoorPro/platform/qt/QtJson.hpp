@@ -1,0 +1,13 @@
+// Real platform pieces on Qt 6: they include nothing of the core but its platform interfaces.
+#pragma once
+
+#include "LanternmoorPro/platform/Platform.hpp"
+
+namespace lm::platform::qt {
+
+class QtJson final : public Json {
+public:
+    std::optional<std::string> stringMemberOfObject(std::string_view text, std::string_view key) const override;
+};
+
+}  // namespace lm::platform::qt

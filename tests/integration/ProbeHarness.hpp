@@ -1,0 +1,88 @@
+// The launcher on the real network, JSON and main thread, with fake parts for everything the
+// probes never touch, and a way to run one of its tasks to the end inside the Qt event loop.
+#pragma once
+
+#include <QCoreApplication>
+#include <QEventLoop>
+#include <QTimer>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+
+#include "LanternmoorPro/Launcher.hpp"
+#include "LanternmoorPro/platform/posix/PosixNetwork.hpp"
+#include "LanternmoorPro/platform/qt/QtHttp.hpp"
+#include "LanternmoorPro/platform/qt/QtJson.hpp"
+#include "LanternmoorPro/platform/qt/QtMainThread.hpp"
+#include "fake/FakePlatform.hpp"
+
+namespace lm::testing {
+
+struct ProbePlatform {
+    platform::qt::QtMainThread mainThread;
+    platform::qt::QtHttp http;
+    platform::qt::QtJson json;
+    platform::posix::PosixNetwork network;
+    fake::FakeApplication application;
+    fake::FakeProcesses processes;
+    fake::FakeFileSystem files;
+    fake::FakeOpener opener;
+    fake::FakeAlerts alerts;
+    fake::FakeStatusBar statusBar;
+    fake::FakeEnvironment environment;
+    fake::FakeFolders folders;
+    platform::Platform platform{mainThread, application, processes, files,   http,        json,
+                                network,    opener,      alerts,    statusBar, environment, folders};
+
+    std::shared_ptr<LanternmoorLauncher> launcher(std::uint16_t port) {
+        return std::make_shared<LanternmoorLauncher>(platform, port);
+    }
+};
+
+// Where a task's outcome lands; shared with the task so a test that gives up early leaves
+// nothing dangling behind.
+template <typename T>
+struct Outcome {
+    std::optional<T> value;
+    std::chrono::steady_clock::time_point end;
+};
+
+template <typename T>
+platform::Task<> collect(platform::Task<T> task, std::shared_ptr<Outcome<T>> outcome) {
+    outcome->value.emplace(co_await std::move(task));
+    outcome->end = std::chrono::steady_clock::now();
+}
+
+// Starts the task on the main thread; it runs once the event loop is served.
+template <typename T>
+std::shared_ptr<Outcome<T>> start(platform::MainThread& mainThread, platform::Task<T> task) {
+    auto outcome = std::make_shared<Outcome<T>>();
+    platform::spawn(mainThread, collect(std::move(task), outcome));
+    return outcome;
+}
+
+// Serves a real event loop, not bare processEvents, so objects the platform hands to
+// deleteLater are really deleted.
+template <typename Predicate>
+void serveEventsUntil(Predicate done, std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    QEventLoop loop;
+    QTimer check;
+    QObject::connect(&check, &QTimer::timeout, &loop, [&] {
+        if (done() || std::chrono::steady_clock::now() >= deadline) loop.quit();
+    });
+    check.start(5);
+    loop.exec();
+}
+
+// Runs the task to its end, or for `limit` at most.
+template <typename T>
+std::shared_ptr<Outcome<T>> runToEnd(platform::MainThread& mainThread, platform::Task<T> task,
+                                     std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+    auto outcome = start(mainThread, std::move(task));
+    serveEventsUntil([&] { return outcome->value.has_value(); }, limit);
+    return outcome;
+}
+
+}  // namespace lm::testing
