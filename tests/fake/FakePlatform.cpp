@@ -96,10 +96,7 @@ Failure FakeChildProcess::start() {
 
 void FakeChildProcess::endAfter(std::chrono::nanoseconds delay, int status) {
     if (!owner_.mainThread_) return;
-    std::weak_ptr<FakeChildProcess> self;
-    for (auto& child : owner_.created)
-        if (child.get() == this) self = child;
-    owner_.mainThread_->postAfter(delay, [self, status] {
+    owner_.mainThread_->postAfter(delay, [self = weak_from_this(), status] {
         if (auto child = self.lock()) child->exit(status);
     });
 }

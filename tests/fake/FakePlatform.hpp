@@ -90,7 +90,7 @@ struct ScriptedProcess {
 
 class FakeProcesses;
 
-class FakeChildProcess final : public platform::ChildProcess {
+class FakeChildProcess final : public platform::ChildProcess, public std::enable_shared_from_this<FakeChildProcess> {
 public:
     FakeChildProcess(FakeProcesses& owner, platform::ProcessConfiguration configuration, ScriptedProcess script,
                      std::int32_t pid);

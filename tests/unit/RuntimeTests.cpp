@@ -65,14 +65,6 @@ TEST_F(Runtime, PassesValuesUpAChainOfAwaits) {
     EXPECT_EQ(result, 1000);
 }
 
-TEST_F(Runtime, PausesCostVirtualTimeOnly) {
-    auto task = [](fake::FakeMainThread& thread) -> Task<> { co_await sleepFor(thread, 18s); };
-    auto start = mainThread.now();
-    spawn(mainThread, task(mainThread));
-    mainThread.runUntilIdle();
-    EXPECT_EQ(mainThread.now() - start, 18s);
-}
-
 using Probe = LauncherTest;
 
 TEST_F(Probe, TwoProbesOutstandingAtOnceEachGetTheirOwnAnswer) {
