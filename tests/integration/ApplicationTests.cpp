@@ -1,15 +1,10 @@
 // The real application object: the event loop, and termination signals reaching the delegate
 // through that loop rather than inside their handler.
 #include <QCoreApplication>
-#include <QObject>
-#include <QThread>
 #include <QTimer>
 #include <csignal>
-#include <cstring>
 #include <deque>
 #include <gtest/gtest.h>
-#include <string>
-#include <vector>
 
 #include "LanternmoorPro/platform/qt/QtApplication.hpp"
 
@@ -19,97 +14,74 @@ namespace {
 using platform::TerminateReply;
 using platform::qt::QtApplication;
 
-// Records the calls it gets; answers termination requests from a script, "now" when it runs
-// out. `onLaunch` runs inside applicationDidFinishLaunching.
+// Records the calls it gets and answers termination requests from a script, "now" once it
+// runs out.
 struct RecordingDelegate final : platform::ApplicationDelegate {
     std::vector<std::string> calls;
     std::deque<TerminateReply> replies;
-    std::function<void()> onLaunch;
-    std::function<void()> onLater;
-    int loopLevelAtLaunch = -1;
+    std::function<void()> onLaunch, onLater;
 
     void applicationDidFinishLaunching() override {
-        calls.push_back("didFinishLaunching");
-        loopLevelAtLaunch = QThread::currentThread()->loopLevel();
-        if (onLaunch) onLaunch();
+        calls.push_back("launched");
+        onLaunch();
     }
     bool applicationShouldHandleReopen(bool) override { return false; }
     TerminateReply applicationShouldTerminate() override {
-        calls.push_back("shouldTerminate");
+        calls.push_back("asked");
         if (replies.empty()) return TerminateReply::now;
-        auto reply = replies.front();
+        const auto reply = replies.front();
         replies.pop_front();
-        if (reply == TerminateReply::later && onLater) onLater();
+        if (reply == TerminateReply::later) onLater();
         return reply;
     }
-    void applicationWillTerminate() override { calls.push_back("willTerminate"); }
+    void applicationWillTerminate() override { calls.push_back("ended"); }
 };
 
-class QtApplicationLoop : public ::testing::Test {
-protected:
-    std::shared_ptr<RecordingDelegate> delegate = std::make_shared<RecordingDelegate>();
-
-    // Runs the loop with a safety net: a loop that never ends fails instead of hanging.
-    int run(QtApplication& application) {
-        QObject guard;
-        QTimer::singleShot(5000, &guard, [] { QCoreApplication::exit(99); });
-        application.setDelegate(delegate);
-        return application.run();
-    }
-};
-
-TEST_F(QtApplicationLoop, LaunchingFinishesInsideTheLoopAndTerminationEndsIt) {
-    QtApplication application;
-    delegate->onLaunch = [&application] { application.terminate(); };
-
-    EXPECT_EQ(run(application), 0);
-    EXPECT_GE(delegate->loopLevelAtLaunch, 1);
-    EXPECT_EQ(delegate->calls, (std::vector<std::string>{"didFinishLaunching", "shouldTerminate", "willTerminate"}));
-}
-
-class TerminationSignal : public QtApplicationLoop, public ::testing::WithParamInterface<int> {};
-
-TEST_P(TerminationSignal, AsksTheDelegateFromTheLoopNotFromTheHandler) {
-    QtApplication application;
-    std::size_t callsRightAfterTheSignal = 0;
-    delegate->onLaunch = [this, &callsRightAfterTheSignal] {
-        std::raise(GetParam());
-        callsRightAfterTheSignal = delegate->calls.size();
-    };
-
-    EXPECT_EQ(run(application), 0);
-    EXPECT_EQ(callsRightAfterTheSignal, 1u);
-    EXPECT_EQ(delegate->calls, (std::vector<std::string>{"didFinishLaunching", "shouldTerminate", "willTerminate"}));
-}
-
-INSTANTIATE_TEST_SUITE_P(QtApplication, TerminationSignal, ::testing::Values(SIGTERM, SIGINT, SIGHUP),
-                         [](const ::testing::TestParamInfo<int>& info) { return std::string(sigabbrev_np(info.param)); });
-
-TEST_F(QtApplicationLoop, ASecondSignalWhileALateReplyIsPendingAsksAgain) {
-    QtApplication application;
-    delegate->replies = {TerminateReply::later, TerminateReply::now};
-    delegate->onLaunch = [] { std::raise(SIGTERM); };
-    delegate->onLater = [] { QTimer::singleShot(20, [] { std::raise(SIGINT); }); };
-
-    EXPECT_EQ(run(application), 0);
-    EXPECT_EQ(delegate->calls, (std::vector<std::string>{"didFinishLaunching", "shouldTerminate", "shouldTerminate",
-                                                         "willTerminate"}));
-}
-
-TEST(QtApplicationSignals, GoBackToTheirEarlierHandlersWhenTheApplicationGoes) {
+TEST(QtApplication, TerminationRequestsAndSignalsReachTheDelegateThroughTheLoop) {
     const auto handlerOf = [](int signal) {
         struct sigaction current = {};
         ::sigaction(signal, nullptr, &current);
         return current.sa_handler;
     };
-    const std::vector<int> watched = {SIGTERM, SIGINT, SIGHUP};
-    std::vector<void (*)(int)> before;
-    for (int signal : watched) before.push_back(handlerOf(signal));
-    {
-        QtApplication application;
-        for (std::size_t index = 0; index < watched.size(); ++index) EXPECT_NE(handlerOf(watched[index]), before[index]);
+    const std::vector<std::string> once = {"launched", "asked", "ended"};
+    // Rows: what, the signal raised at launch (0: terminate() called), the delegate's replies,
+    // what happens a little after a "later" reply, the delegate's calls.
+    const std::vector<std::tuple<const char*, int, std::deque<TerminateReply>, std::function<void(QtApplication&)>,
+                                 std::vector<std::string>>>
+        rows = {
+            {"terminate(), answered now", 0, {}, {}, once},
+            {"terminate(), answered later and then yes", 0, {TerminateReply::later},
+             [](QtApplication& application) { application.replyToApplicationShouldTerminate(true); }, once},
+            {"SIGTERM", SIGTERM, {}, {}, once},
+            {"SIGINT", SIGINT, {}, {}, once},
+            {"SIGHUP", SIGHUP, {}, {}, once},
+            {"a second signal while a late reply is pending", SIGTERM, {TerminateReply::later, TerminateReply::now},
+             [](QtApplication&) { std::raise(SIGINT); }, {"launched", "asked", "asked", "ended"}},
+        };
+    const std::vector<void (*)(int)> before = {handlerOf(SIGTERM), handlerOf(SIGINT), handlerOf(SIGHUP)};
+    for (const auto& [name, signal, replies, afterLater, expected] : rows) {
+        SCOPED_TRACE(name);
+        QObject scope;
+        auto delegate = std::make_shared<RecordingDelegate>();
+        std::size_t callsRightAfterTheSignal = 0;
+        {
+            QtApplication application;
+            delegate->replies = replies;
+            delegate->onLaunch = [&] {
+                if (signal == 0) return application.terminate();
+                std::raise(signal);
+                callsRightAfterTheSignal = delegate->calls.size();
+            };
+            delegate->onLater = [&] { QTimer::singleShot(20, &scope, [&] { afterLater(application); }); };
+            // A loop that never ends fails instead of hanging.
+            QTimer::singleShot(5000, &scope, [] { QCoreApplication::exit(99); });
+            application.setDelegate(delegate);
+            EXPECT_EQ(application.run(), 0);
+        }
+        EXPECT_EQ(callsRightAfterTheSignal, signal != 0 ? 1u : 0u);
+        EXPECT_EQ(delegate->calls, expected);
+        EXPECT_EQ((std::vector{handlerOf(SIGTERM), handlerOf(SIGINT), handlerOf(SIGHUP)}), before);
     }
-    for (std::size_t index = 0; index < watched.size(); ++index) EXPECT_EQ(handlerOf(watched[index]), before[index]);
 }
 
 }  // namespace

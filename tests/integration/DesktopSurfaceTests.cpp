@@ -7,10 +7,8 @@
 #include <QMenu>
 #include <QMessageBox>
 #include <QPushButton>
-#include <QSystemTrayIcon>
 #include <QTimer>
 #include <algorithm>
-#include <functional>
 #include <gtest/gtest.h>
 
 #include "LanternmoorPro/platform/qt/QtAlerts.hpp"
@@ -23,204 +21,96 @@ inline void PrintTo(const QString& text, std::ostream* stream) { *stream << '"' 
 namespace lm::testing {
 namespace {
 
-using platform::Alert;
-using platform::AlertStyle;
 using platform::Alerts;
-using platform::qt::QtAlerts;
-using platform::qt::QtStatusBar;
-using platform::qt::QtStatusItem;
+using platform::AlertStyle;
 
-class DesktopMenu : public ::testing::Test {
-protected:
-    QtStatusBar statusBar;
-    std::shared_ptr<RecordingTarget> target = std::make_shared<RecordingTarget>();
-    InstalledMenu installed = installLikeTheLauncher(statusBar, target);
-    QtStatusItem& item = dynamic_cast<QtStatusItem&>(*installed.statusItem);
-
-    QMenu& menu() { return *item.trayIcon().contextMenu(); }
-    QAction& entry(int index) { return *menu().actions().at(index); }
-};
-
-TEST_F(DesktopMenu, ShowsTheSixEntriesInOrderWithTheirFlagsAndShortcuts) {
-    struct Row {
-        QString text;
-        bool separator;
-        bool enabled;
-        QString shortcut;
-    };
-    const std::vector<Row> expected = {
-        {"Lanternmoor Pro · 本机工作区", false, false, ""},
-        {"打开研究工作区", false, false, "Ctrl+O"},
-        {"安装与使用说明", false, true, ""},
-        {"打开数据文件夹", false, true, ""},
-        {"", true, true, ""},
-        {"退出 Lanternmoor", false, true, "Ctrl+Q"},
-    };
-    ASSERT_EQ(menu().actions().size(), static_cast<qsizetype>(expected.size()));
-    for (std::size_t index = 0; index < expected.size(); ++index) {
+TEST(DesktopMenu, ShowsTheSixEntriesAndTriggersTheActionsOfTheEnabledOnes) {
+    platform::qt::QtStatusBar statusBar;
+    auto target = std::make_shared<RecordingTarget>();
+    auto [item, openItem] = installLikeTheLauncher(statusBar, target);
+    auto& icon = dynamic_cast<platform::qt::QtStatusItem&>(*item).trayIcon();
+    const auto entries = icon.contextMenu()->actions();
+    // Rows: the text (none for the separator), whether enabled, the shortcut.
+    const std::vector<std::tuple<QString, bool, QString>> rows = {{"Lanternmoor Pro · 本机工作区", false, ""}, {"打开研究工作区", false, "Ctrl+O"},
+                                   {"安装与使用说明", true, ""},               {"打开数据文件夹", true, ""},
+                                   {"", true, ""},                             {"退出 Lanternmoor", true, "Ctrl+Q"}};
+    ASSERT_EQ(entries.size(), std::ssize(rows));
+    for (int index = 0; index < entries.size(); ++index) {
         SCOPED_TRACE(index);
-        const auto& action = entry(static_cast<int>(index));
-        EXPECT_EQ(action.text(), expected[index].text);
-        EXPECT_EQ(action.isSeparator(), expected[index].separator);
-        EXPECT_EQ(action.isEnabled(), expected[index].enabled);
-        EXPECT_EQ(action.shortcut().toString(QKeySequence::PortableText), expected[index].shortcut);
+        const auto& [text, enabled, shortcut] = rows[index];
+        EXPECT_EQ(entries[index]->text(), text);
+        EXPECT_EQ(entries[index]->isSeparator(), text.isEmpty());
+        EXPECT_EQ(entries[index]->isEnabled(), enabled);
+        EXPECT_EQ(entries[index]->shortcut().toString(QKeySequence::PortableText), shortcut);
     }
-}
-
-TEST_F(DesktopMenu, TheOpenEntryIsUsableExactlyWhileTheLauncherEnablesIt) {
-    entry(1).trigger();
-    installed.openItem->setEnabled(true);
-    EXPECT_TRUE(entry(1).isEnabled());
-    entry(1).trigger();
-    installed.openItem->setEnabled(false);
-    EXPECT_FALSE(entry(1).isEnabled());
-    entry(1).trigger();
-
-    EXPECT_EQ(target->performed, std::vector<MenuAction>{MenuAction::openFromMenu});
-}
-
-TEST_F(DesktopMenu, EachEntryPerformsItsOwnActionAndTheHeaderNone) {
-    installed.openItem->setEnabled(true);
-    const std::vector<std::pair<int, std::vector<MenuAction>>> rows = {
-        {0, {}},
-        {1, {MenuAction::openFromMenu}},
-        {2, {MenuAction::openGuide}},
-        {3, {MenuAction::openData}},
-        {5, {MenuAction::quitFromMenu}},
-    };
-    for (const auto& [index, actions] : rows) {
-        SCOPED_TRACE(index);
+    const auto triggerAll = [&] {
         target->performed.clear();
-        entry(index).setEnabled(true);
-        entry(index).trigger();
-        EXPECT_EQ(target->performed, actions);
-    }
-}
-
-TEST_F(DesktopMenu, EntriesOfAGoneTargetDoNothing) {
-    installed.openItem->setEnabled(true);
+        for (auto* entry : entries) entry->trigger();
+        return target->performed;
+    };
+    EXPECT_EQ(triggerAll(), (std::vector{MenuAction::openGuide, MenuAction::openData, MenuAction::quitFromMenu}));
+    // The header enabled too shows that it has no action of its own.
+    entries[0]->setEnabled(true);
+    openItem->setEnabled(true);
+    EXPECT_EQ(triggerAll(), (std::vector{MenuAction::openFromMenu, MenuAction::openGuide, MenuAction::openData,
+                                         MenuAction::quitFromMenu}));
     target.reset();
-    for (auto* action : menu().actions()) action->trigger();
-    SUCCEED();
-}
+    for (auto* entry : entries) entry->trigger();
 
-TEST_F(DesktopMenu, TheTrayIconShowsTheTitleAndItsToolTipFollowsThePresentation) {
-    const auto picture = item.trayIcon().icon().pixmap(64).toImage();
-    const auto drawn = [&picture] {
-        for (int y = 0; y < picture.height(); ++y) {
-            for (int x = 0; x < picture.width(); ++x) {
-                if (qAlpha(picture.pixel(x, y)) != 0) return true;
-            }
-        }
-        return false;
-    }();
-    EXPECT_TRUE(drawn);
-
-    for (const auto& toolTip : {startingToolTip, runningToolTip, stoppedToolTip}) {
-        item.setToolTip(toolTip);
-        EXPECT_EQ(item.trayIcon().toolTip().toStdString(), toolTip);
-        EXPECT_EQ(menu().accessibleName(), "Lanternmoor Pro");
-    }
-}
-
-TEST(DesktopStatusItem, TheAccessibilityLabelReachesAMenuAttachedLater) {
-    QtStatusBar statusBar;
-    auto item = statusBar.statusItem(platform::StatusBar::variableLength);
-    item->button()->setAccessibilityLabel("Lanternmoor Pro");
-    item->setMenu(statusBar.makeMenu());
-    auto& icon = dynamic_cast<QtStatusItem&>(*item).trayIcon();
+    const auto picture = icon.icon().pixmap(64).toImage();
+    QImage blank(picture.size(), picture.format());
+    blank.fill(Qt::transparent);
+    EXPECT_NE(picture, blank);
+    EXPECT_EQ(icon.toolTip().toStdString(), startingToolTip);
+    item->button()->setToolTip("Lanternmoor Pro · 服务已停止");
+    EXPECT_EQ(icon.toolTip(), "Lanternmoor Pro · 服务已停止");
+    // Set before the menu was attached, the label still has to reach it.
     EXPECT_EQ(icon.contextMenu()->accessibleName(), "Lanternmoor Pro");
 }
 
-// ---- alerts ---------------------------------------------------------------------------------
+using ShownAlert = std::pair<platform::Alert, QMessageBox::Icon>;
+const ShownAlert prerequisite{
+    {AlertStyle::informational, "请先安装 Node.js", "Lanternmoor 需要 Node.js 22.13 或更新版本。\n第二行", {"查看安装说明", "退出"}},
+    QMessageBox::Information};
+const ShownAlert failure{{AlertStyle::warning, "没有打开浏览器", "工作区地址：http://127.0.0.1:18765/", {"好"}},
+                        QMessageBox::Warning};
 
-const Alert prerequisite{AlertStyle::informational, "请先安装 Node.js",
-                         "Lanternmoor 需要 Node.js 22.13 或更新版本。\n第二行", {"查看安装说明", "退出"}};
-const Alert failure{AlertStyle::warning, "没有打开浏览器", "工作区地址：http://127.0.0.1:18765/", {"好"}};
-
-// What the test saw of the box while it was up.
-struct SeenBox {
-    QString windowTitle;
-    QString text;
-    QString informativeText;
-    QMessageBox::Icon icon = QMessageBox::NoIcon;
-    QStringList buttonsLeftToRight;
-    QString defaultButton;
-    QString escapeButton;
-};
-
-// Waits for the modal box, records it, then answers it with `answer`.
-void answerNextBox(SeenBox& seen, std::function<void(QMessageBox&, const QList<QAbstractButton*>&)> answer) {
-    auto* poll = new QTimer;
-    QObject::connect(poll, &QTimer::timeout, poll, [poll, &seen, answer] {
-        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
-        if (box == nullptr) return;
-        poll->deleteLater();
-        poll->stop();
-        box->layout()->activate();
-        auto buttons = box->buttons();
-        std::sort(buttons.begin(), buttons.end(), [box](QAbstractButton* left, QAbstractButton* right) {
-            return left->mapTo(box, QPoint()).x() < right->mapTo(box, QPoint()).x();
+TEST(DesktopAlerts, ShowTheAlertAndAnswerWithTheButtonClickedOrTheLastForABoxClosedOtherwise) {
+    // Rows: what, the alert and its icon, the button clicked (-1: the box closed without a
+    // click), the answer.
+    const std::vector<std::tuple<const char*, const ShownAlert&, int, int>> rows = {
+        {"first of two", prerequisite, 0, Alerts::firstButton},
+        {"second of two", prerequisite, 1, Alerts::firstButton + 1},
+        {"two, closed without a click", prerequisite, -1, Alerts::firstButton + 1},
+        {"the only one", failure, 0, Alerts::firstButton},
+        {"one, closed without a click", failure, -1, Alerts::firstButton},
+    };
+    for (const auto& [name, shown, click, expected] : rows) {
+        SCOPED_TRACE(name);
+        const auto& [alert, expectedIcon] = shown;
+        bool answered = false;
+        QTimer poll;
+        QObject::connect(&poll, &QTimer::timeout, [&] {
+            auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+            if (box == nullptr || std::exchange(answered, true)) return;
+            box->layout()->activate();
+            auto buttons = box->buttons();
+            std::ranges::sort(buttons, {}, [box](QAbstractButton* button) { return button->mapTo(box, QPoint()).x(); });
+            std::vector<std::string> leftToRight;
+            for (auto* button : buttons) leftToRight.push_back(button->text().toStdString());
+            EXPECT_EQ(box->windowTitle(), QString::fromStdString(alert.title));
+            EXPECT_EQ(box->text(), QString::fromStdString(alert.title));
+            EXPECT_EQ(box->informativeText(), QString::fromStdString(alert.message));
+            EXPECT_EQ(box->icon(), expectedIcon);
+            EXPECT_EQ(leftToRight, alert.buttons);
+            EXPECT_EQ(box->defaultButton(), buttons.front());
+            // Escape may stand for a button only when it cannot be mistaken for a choice.
+            EXPECT_EQ(box->escapeButton(), buttons.size() == 1 ? buttons.front() : nullptr);
+            click < 0 ? box->done(0) : buttons.at(click)->click();
         });
-        seen = {box->windowTitle(), box->text(), box->informativeText(), box->icon(), {}, {}, {}};
-        for (auto* button : buttons) seen.buttonsLeftToRight << button->text();
-        if (box->defaultButton() != nullptr) seen.defaultButton = box->defaultButton()->text();
-        if (box->escapeButton() != nullptr) seen.escapeButton = box->escapeButton()->text();
-        answer(*box, buttons);
-    });
-    poll->start(5);
-}
-
-auto clickButton(int index) {
-    return [index](QMessageBox&, const QList<QAbstractButton*>& buttons) { buttons.at(index)->click(); };
-}
-
-TEST(DesktopAlerts, ShowTheExactTextsIconAndButtonsInOrder) {
-    struct Row {
-        const Alert& alert;
-        QMessageBox::Icon icon;
-        QString escapeButton;
-    };
-    for (const Row& row : {Row{prerequisite, QMessageBox::Information, ""}, Row{failure, QMessageBox::Warning, "好"}}) {
-        SCOPED_TRACE(row.alert.title);
-        SeenBox seen;
-        answerNextBox(seen, clickButton(0));
-        QtAlerts().runModal(row.alert);
-
-        const auto title = QString::fromStdString(row.alert.title);
-        EXPECT_EQ(seen.windowTitle, title);
-        EXPECT_EQ(seen.text, title);
-        EXPECT_EQ(seen.informativeText, QString::fromStdString(row.alert.message));
-        EXPECT_EQ(seen.icon, row.icon);
-        QStringList buttons;
-        for (const auto& button : row.alert.buttons) buttons << QString::fromStdString(button);
-        EXPECT_EQ(seen.buttonsLeftToRight, buttons);
-        EXPECT_EQ(seen.defaultButton, buttons.front());
-        EXPECT_EQ(seen.escapeButton, row.escapeButton);
-    }
-}
-
-TEST(DesktopAlerts, AnswerWithTheButtonClickedAndTheLastOneForABoxClosedOtherwise) {
-    using Answer = std::function<void(QMessageBox&, const QList<QAbstractButton*>&)>;
-    const Answer closeWithoutClick = [](QMessageBox& box, const QList<QAbstractButton*>&) { box.done(0); };
-    struct Row {
-        const char* name;
-        const Alert& alert;
-        Answer answer;
-        int expected;
-    };
-    const std::vector<Row> rows = {
-        {"first of two", prerequisite, clickButton(0), Alerts::firstButton},
-        {"second of two", prerequisite, clickButton(1), Alerts::firstButton + 1},
-        {"two, closed without a click", prerequisite, closeWithoutClick, Alerts::firstButton + 1},
-        {"the only one", failure, clickButton(0), Alerts::firstButton},
-        {"one, closed without a click", failure, closeWithoutClick, Alerts::firstButton},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        SeenBox seen;
-        answerNextBox(seen, row.answer);
-        EXPECT_EQ(QtAlerts().runModal(row.alert), row.expected);
+        poll.start(5);
+        EXPECT_EQ(platform::qt::QtAlerts().runModal(alert), expected);
+        EXPECT_TRUE(answered);
     }
 }
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "LanternmoorPro/platform/posix/PosixEnvironment.hpp"
@@ -16,38 +17,26 @@
 namespace lm::testing {
 namespace {
 
-TEST(PosixFolders, resourcesLieBesideTheRunningExecutableAsInstalled) {
-    fake::FakeEnvironment environment;
-    auto executable = std::filesystem::read_symlink("/proc/self/exe");
-    auto expected = executable.parent_path().parent_path() / "share/lanternmoor-pro";
+TEST(PosixFolders, resourcesLieBesideTheExecutableAndPerUserDataFollowsXdgThenHomeThenThePasswordDatabase) {
+    auto installed = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
+    EXPECT_EQ(platform::posix::PosixFolders(fake::FakeEnvironment()).resourcesFolder(),
+              (installed / "share/lanternmoor-pro").string());
 
-    EXPECT_EQ(platform::posix::PosixFolders(environment).resourcesFolder(), expected.string());
-}
-
-TEST(PosixFolders, perUserDataFollowsTheXdgRulesAndHomeFallsBackToThePasswordDatabase) {
     const std::string passwordHome = ::getpwuid(::getuid())->pw_dir;
-    struct Row {
-        std::optional<std::string> home;
-        std::optional<std::string> dataHome;
-        std::string expectedHome;
-        std::string expectedData;
-    };
-    const std::vector<Row> rows{
-        {"/home/ada", std::nullopt, "/home/ada", "/home/ada/.local/share"},
-        {"/home/ada/", "/data/ada/", "/home/ada", "/data/ada"},
-        {"/home/ada", "relative/data", "/home/ada", "/home/ada/.local/share"},
-        {"/home/ada", "", "/home/ada", "/home/ada/.local/share"},
-        {"/", std::nullopt, "/", "/.local/share"},
-        {"", std::nullopt, passwordHome, passwordHome + "/.local/share"},
-        {std::nullopt, std::nullopt, passwordHome, passwordHome + "/.local/share"},
-    };
-    for (const auto& [home, dataHome, expectedHome, expectedData] : rows) {
+    using Row = std::tuple<std::optional<std::string>, std::optional<std::string>, std::string, std::string>;
+    for (const auto& [home, dataHome, expectedHome, expectedData] : std::vector<Row>{
+             {"/home/ada", std::nullopt, "/home/ada", "/home/ada/.local/share"},
+             {"/home/ada/", "/data/ada/", "/home/ada", "/data/ada"},
+             {"/home/ada", "relative/data", "/home/ada", "/home/ada/.local/share"},
+             {"/home/ada", "", "/home/ada", "/home/ada/.local/share"},
+             {"/", std::nullopt, "/", "/.local/share"},
+             {"", std::nullopt, passwordHome, passwordHome + "/.local/share"},
+             {std::nullopt, std::nullopt, passwordHome, passwordHome + "/.local/share"}}) {
         SCOPED_TRACE(home.value_or("(unset)") + " " + dataHome.value_or("(unset)"));
         fake::FakeEnvironment environment;
         if (home) environment.set("HOME", *home);
         if (dataHome) environment.set("XDG_DATA_HOME", *dataHome);
         platform::posix::PosixFolders folders(environment);
-
         EXPECT_EQ(folders.homeFolder(), expectedHome);
         EXPECT_EQ(folders.applicationSupportFolders(), std::vector{expectedData});
     }
@@ -57,10 +46,9 @@ TEST(PosixEnvironment, tellsAnEmptyVariableFromAMissingOne) {
     ::setenv("LM_EMPTY_MARK", "", 1);
     ::unsetenv("LM_MISSING_MARK");
     platform::posix::PosixEnvironment environment;
-
+    auto all = environment.all();
     EXPECT_EQ(environment.variable("LM_EMPTY_MARK"), std::string());
     EXPECT_EQ(environment.variable("LM_MISSING_MARK"), std::nullopt);
-    auto all = environment.all();
     EXPECT_NE(std::find(all.begin(), all.end(), std::pair<std::string, std::string>{"LM_EMPTY_MARK", ""}), all.end());
     ::unsetenv("LM_EMPTY_MARK");
 }

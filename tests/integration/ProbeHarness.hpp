@@ -1,5 +1,6 @@
 // The launcher on the real network, JSON and main thread, with fake parts for everything the
 // probes never touch, and a way to run one of its tasks to the end inside the Qt event loop.
+// Shared by the tests and the benchmarks.
 #pragma once
 
 #include <QCoreApplication>
@@ -18,6 +19,51 @@
 #include "fake/FakePlatform.hpp"
 
 namespace lm::testing {
+
+// Where a task's outcome lands; shared with the task so a caller that gives up early leaves
+// nothing dangling behind.
+template <typename T>
+struct Outcome {
+    std::optional<T> value;
+    std::chrono::steady_clock::time_point begin = std::chrono::steady_clock::now(), end;
+    auto took() const { return std::chrono::duration_cast<std::chrono::microseconds>(end - begin); }
+};
+
+template <typename T>
+platform::Task<> collect(platform::Task<T> task, std::shared_ptr<Outcome<T>> outcome) {
+    outcome->value.emplace(co_await std::move(task));
+    outcome->end = std::chrono::steady_clock::now();
+}
+
+// Starts the task on the main thread; it runs once the event loop is served.
+template <typename T>
+std::shared_ptr<Outcome<T>> start(platform::MainThread& mainThread, platform::Task<T> task) {
+    auto outcome = std::make_shared<Outcome<T>>();
+    platform::spawn(mainThread, collect(std::move(task), outcome));
+    return outcome;
+}
+
+// A real event loop, not bare processEvents, so objects handed to deleteLater really go. The
+// polling only delays the return: outcomes time themselves.
+template <typename Predicate>
+void serveEventsUntil(Predicate done, std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+    auto deadline = std::chrono::steady_clock::now() + limit;
+    QEventLoop loop;
+    QTimer check;
+    QObject::connect(&check, &QTimer::timeout, &loop, [&] {
+        if (done() || std::chrono::steady_clock::now() >= deadline) loop.quit();
+    });
+    check.start(1);
+    loop.exec();
+}
+
+template <typename T>
+std::shared_ptr<Outcome<T>> runToEnd(platform::MainThread& mainThread, platform::Task<T> task,
+                                     std::chrono::milliseconds limit = std::chrono::seconds(5)) {
+    auto outcome = start(mainThread, std::move(task));
+    serveEventsUntil([&] { return outcome->value.has_value(); }, limit);
+    return outcome;
+}
 
 struct ProbePlatform {
     platform::qt::QtMainThread mainThread;
@@ -38,51 +84,10 @@ struct ProbePlatform {
     std::shared_ptr<LanternmoorLauncher> launcher(std::uint16_t port) {
         return std::make_shared<LanternmoorLauncher>(platform, port);
     }
+    std::shared_ptr<Outcome<LanternmoorLauncher::Health>> probe(std::uint16_t port) {
+        auto prober = launcher(port);
+        return runToEnd(mainThread, prober->probeHealth());
+    }
 };
-
-// Where a task's outcome lands; shared with the task so a test that gives up early leaves
-// nothing dangling behind.
-template <typename T>
-struct Outcome {
-    std::optional<T> value;
-    std::chrono::steady_clock::time_point end;
-};
-
-template <typename T>
-platform::Task<> collect(platform::Task<T> task, std::shared_ptr<Outcome<T>> outcome) {
-    outcome->value.emplace(co_await std::move(task));
-    outcome->end = std::chrono::steady_clock::now();
-}
-
-// Starts the task on the main thread; it runs once the event loop is served.
-template <typename T>
-std::shared_ptr<Outcome<T>> start(platform::MainThread& mainThread, platform::Task<T> task) {
-    auto outcome = std::make_shared<Outcome<T>>();
-    platform::spawn(mainThread, collect(std::move(task), outcome));
-    return outcome;
-}
-
-// Serves a real event loop, not bare processEvents, so objects the platform hands to
-// deleteLater are really deleted.
-template <typename Predicate>
-void serveEventsUntil(Predicate done, std::chrono::milliseconds limit = std::chrono::seconds(5)) {
-    auto deadline = std::chrono::steady_clock::now() + limit;
-    QEventLoop loop;
-    QTimer check;
-    QObject::connect(&check, &QTimer::timeout, &loop, [&] {
-        if (done() || std::chrono::steady_clock::now() >= deadline) loop.quit();
-    });
-    check.start(5);
-    loop.exec();
-}
-
-// Runs the task to its end, or for `limit` at most.
-template <typename T>
-std::shared_ptr<Outcome<T>> runToEnd(platform::MainThread& mainThread, platform::Task<T> task,
-                                     std::chrono::milliseconds limit = std::chrono::seconds(5)) {
-    auto outcome = start(mainThread, std::move(task));
-    serveEventsUntil([&] { return outcome->value.has_value(); }, limit);
-    return outcome;
-}
 
 }  // namespace lm::testing
