@@ -24,45 +24,45 @@ using platform::Failure;
 // across parts ("guide opened, then termination requested").
 using Journal = std::vector<std::string>;
 
-class FakeMainThread final : public platform::MainThread {
-public:
-    void post(std::function<void()> task) override;
-    void postAfter(std::chrono::nanoseconds delay, std::function<void()> task) override;
-    std::chrono::system_clock::time_point now() const override { return now_; }
+struct Journaled {
+    Journal* journal = nullptr;
+    void note(std::string entry) const { if (journal) journal->push_back(std::move(entry)); }
+};
 
+struct FakeMainThread final : platform::MainThread {
+    using TimePoint = std::chrono::system_clock::time_point;
+    void post(std::function<void()> task) override { ready_.push_back(std::move(task)); }
+    // Timers due at the same time run in the order they were set.
+    void postAfter(std::chrono::nanoseconds delay, std::function<void()> task) override {
+        timers_.emplace(now_ + delay, std::move(task));
+    }
+    TimePoint now() const override { return now_; }
     // Runs posted tasks, moving virtual time on to the next timer whenever nothing else is
     // left, until nothing is left at all or `limit` of virtual time has passed.
-    void runUntilIdle(std::chrono::nanoseconds limit = std::chrono::hours(1));
+    void runUntilIdle(std::chrono::nanoseconds limit = 1h) { runUntil(now_ + limit); }
     // Runs everything due within `duration` of virtual time, then stops the clock there.
-    void runFor(std::chrono::nanoseconds duration);
+    void runFor(std::chrono::nanoseconds duration) { now_ = runUntil(now_ + duration); }
     // Runs what is runnable now, without moving the clock.
     void runReady();
-    std::size_t pendingTimers() const { return timers_.size(); }
     bool isOnMainThread() const { return running_; }
 
 private:
-    struct Timer {
-        std::chrono::system_clock::time_point due;
-        std::uint64_t sequence;
-        std::function<void()> task;
-    };
-    bool runOne();
-    void runUntil(std::chrono::system_clock::time_point end);
-
-    std::chrono::system_clock::time_point now_ = std::chrono::sys_days{std::chrono::November / 23 / 2026};
+    TimePoint runUntil(TimePoint end);
+    TimePoint now_ = std::chrono::sys_days{std::chrono::November / 23 / 2026};
     std::deque<std::function<void()>> ready_;
-    std::vector<Timer> timers_;
-    std::uint64_t sequence_ = 0;
+    std::multimap<TimePoint, std::function<void()>> timers_;
     bool running_ = false;
 };
 
-class FakeApplication final : public platform::ApplicationBase {
-public:
-    explicit FakeApplication(Journal* journal = nullptr) : journal_(journal) {}
+struct FakeApplication final : platform::ApplicationBase, Journaled {
+    explicit FakeApplication(Journal* journal = nullptr) : Journaled{journal} {}
     void setActivationPolicy(platform::ActivationPolicy policy) override { activationPolicy = policy; }
-    int run() override;
-    void terminate() override;
-    void replyToApplicationShouldTerminate(bool shouldTerminate) override;
+    int run() override { note("launched"); finishLaunching(); return 0; }
+    void terminate() override { ++terminateRequests; note("terminate"); ApplicationBase::terminate(); }
+    void replyToApplicationShouldTerminate(bool yes) override {
+        note(yes ? "reply yes" : "reply no");
+        ApplicationBase::replyToApplicationShouldTerminate(yes);
+    }
     void activateIgnoringOtherApps() override { ++activations; }
     using ApplicationBase::reopen;
 
@@ -71,10 +71,7 @@ public:
     int activations = 0;
 
 protected:
-    void endEventLoop() override;
-
-private:
-    Journal* journal_;
+    void endEventLoop() override { note("ended"); }
 };
 
 struct ScriptedProcess {
@@ -84,70 +81,54 @@ struct ScriptedProcess {
     // When it ends by itself; none: it runs until it is signalled.
     std::optional<std::chrono::nanoseconds> exitAfter = 0ns;
     bool ignoresTerminate = false;
-    // How long it takes to end after SIGTERM when it does not ignore it.
-    std::chrono::nanoseconds terminateDelay = 0ns;
 };
 
 class FakeProcesses;
 
-class FakeChildProcess final : public platform::ChildProcess, public std::enable_shared_from_this<FakeChildProcess> {
-public:
+struct FakeChildProcess final : platform::ChildProcess, std::enable_shared_from_this<FakeChildProcess> {
     FakeChildProcess(FakeProcesses& owner, platform::ProcessConfiguration configuration, ScriptedProcess script,
-                     std::int32_t pid);
+                     std::int32_t pid)
+        : configuration(std::move(configuration)), owner_(owner), script_(std::move(script)), pid_(pid) {}
     void setTerminationHandler(platform::TerminationHandler handler) override { handler_ = std::move(handler); }
     Failure start() override;
     bool isRunning() const override { return running_; }
     std::int32_t processIdentifier() const override { return started_ ? pid_ : 0; }
     int terminationStatus() const override { return status_; }
-    std::string capturedOutput() const override { return ended_ ? script_.output : std::string(); }
+    std::string capturedOutput() const override { return started_ && !running_ ? script_.output : std::string(); }
     void terminate() override;
     void kill() override;
-
     // Ends the process now, as if it had exited by itself.
     void exit(int status);
+
     const platform::ProcessConfiguration configuration;
 
 private:
-    void endAfter(std::chrono::nanoseconds delay, int status);
+    void exitAfter(std::chrono::nanoseconds delay, int status);
 
     FakeProcesses& owner_;
     ScriptedProcess script_;
     std::int32_t pid_;
     platform::TerminationHandler handler_;
-    bool started_ = false;
-    bool running_ = false;
-    bool ended_ = false;
+    bool started_ = false, running_ = false;
     int status_ = 0;
 };
 
-class FakeProcesses final : public platform::Processes {
-public:
+struct FakeProcesses final : platform::Processes, Journaled {
     explicit FakeProcesses(FakeMainThread* mainThread = nullptr, Journal* journal = nullptr)
-        : mainThread_(mainThread), journal_(journal) {}
+        : Journaled{journal}, mainThread(mainThread) {}
     std::shared_ptr<platform::ChildProcess> create(platform::ProcessConfiguration configuration) override;
+    // Started and not yet ended.
+    int running() const;
 
+    FakeMainThread* mainThread;
     // What a program does when started, by "executable firstArgument" or by executable alone;
     // unscripted ones cannot start.
     std::map<std::string, ScriptedProcess> scripts;
     std::vector<std::shared_ptr<FakeChildProcess>> created;
-    // Started and not yet ended.
-    int running() const;
-
-private:
-    friend class FakeChildProcess;
-    FakeMainThread* mainThread_;
-    Journal* journal_;
-    std::int32_t nextPid_ = 4000;
+    std::int32_t nextPid = 4000;
 };
 
-struct FakeNode {
-    bool isDirectory = false;
-    unsigned mode = 0644;
-    std::string content;
-};
-
-class FakeFileSystem final : public platform::FileSystem {
-public:
+struct FakeFileSystem final : platform::FileSystem {
     bool fileExists(const std::string& path) const override { return nodes.contains(path); }
     bool isExecutableFile(const std::string& path) const override;
     Failure createDirectories(const std::string& path, unsigned mode) override;
@@ -157,23 +138,21 @@ public:
 
     void addFile(const std::string& path, std::string content = {}, unsigned mode = 0644);
     void addExecutable(const std::string& path) { addFile(path, {}, 0755); }
+    Failure failing(const std::string& operation) const;
 
-    std::map<std::string, FakeNode> nodes;
+    struct Node { bool isDirectory = false; unsigned mode = 0644; std::string content; };
+    std::map<std::string, Node> nodes;
     // An operation named here ("createDirectories", "setMode", "createFile", "open", "seek",
     // "write", "close") fails with that error.
     std::map<std::string, Error> failures;
     int openHandles = 0;
 };
 
-class FakeHttp final : public platform::Http {
-public:
+struct FakeHttp final : platform::Http {
     explicit FakeHttp(FakeMainThread* mainThread = nullptr) : mainThread_(mainThread) {}
     void get(const platform::HttpRequest& request, std::function<void(platform::HttpResult)> done) override;
 
-    struct Answer {
-        platform::HttpResult result;
-        std::chrono::nanoseconds delay = 0ns;
-    };
+    struct Answer { platform::HttpResult result; std::chrono::nanoseconds delay = 0ns; };
     // Answers given in order; once used up, `fallback` answers every request.
     std::deque<Answer> answers;
     std::optional<Answer> fallback = Answer{platform::HttpResult::failed()};
@@ -189,32 +168,25 @@ private:
 };
 
 // Understands exactly the flat objects of string members the tests send.
-class FakeJson final : public platform::Json {
-public:
+struct FakeJson final : platform::Json {
     std::optional<std::string> stringMemberOfObject(std::string_view text, std::string_view key) const override;
 };
 
-class FakeNetwork final : public platform::Network {
-public:
-    bool loopbackAcceptsConnections(std::uint16_t port) override;
+struct FakeNetwork final : platform::Network {
+    bool loopbackAcceptsConnections(std::uint16_t port) override { checks.push_back(port); return accepting; }
     bool accepting = false;
     std::vector<std::uint16_t> checks;
 };
 
-class FakeOpener final : public platform::Opener {
-public:
-    explicit FakeOpener(Journal* journal = nullptr) : journal_(journal) {}
-    bool open(const std::string& url) override;
+struct FakeOpener final : platform::Opener, Journaled {
+    explicit FakeOpener(Journal* journal = nullptr) : Journaled{journal} {}
+    bool open(const std::string& url) override { opened.push_back(url); note("open " + url); return succeeds; }
     bool succeeds = true;
     std::vector<std::string> opened;
-
-private:
-    Journal* journal_;
 };
 
-class FakeAlerts final : public platform::Alerts {
-public:
-    explicit FakeAlerts(Journal* journal = nullptr) : journal_(journal) {}
+struct FakeAlerts final : platform::Alerts, Journaled {
+    explicit FakeAlerts(Journal* journal = nullptr) : Journaled{journal} {}
     int runModal(const platform::Alert& alert) override;
 
     std::vector<platform::Alert> shown;
@@ -222,61 +194,55 @@ public:
     std::deque<int> answers;
     // Runs while the alert is up, as events would inside the modal loop.
     std::function<void()> whileShown;
-
-private:
-    Journal* journal_;
 };
 
-struct FakeMenuEntry {
-    bool separator = false;
-    std::string title;
-    std::optional<platform::MenuAction> action;
-    std::string keyEquivalent;
-};
-
-class FakeMenuItem final : public platform::MenuItem {
-public:
-    explicit FakeMenuItem(FakeMenuEntry entry) : entry(std::move(entry)) {}
+struct FakeMenuItem final : platform::MenuItem {
+    FakeMenuItem(bool separator, std::string title = {}, std::optional<platform::MenuAction> action = {},
+                 std::string keyEquivalent = {})
+        : separator(separator), title(std::move(title)), action(action), keyEquivalent(std::move(keyEquivalent)) {}
     void setTarget(std::weak_ptr<platform::MenuTarget> newTarget) override { target = std::move(newTarget); }
     void setEnabled(bool value) override { enabled = value; }
     bool isEnabled() const override { return enabled; }
     // What a click does: the action on the target, only when enabled.
-    void click();
+    void click() { if (auto receiver = target.lock(); receiver && enabled && action) receiver->perform(*action); }
 
-    FakeMenuEntry entry;
+    bool separator;
+    std::string title;
+    std::optional<platform::MenuAction> action;
+    std::string keyEquivalent;
     std::weak_ptr<platform::MenuTarget> target;
     bool enabled = true;
 };
 
-class FakeMenu final : public platform::Menu {
-public:
+struct FakeMenu final : platform::Menu {
     std::shared_ptr<platform::MenuItem> makeItem(std::string title, std::optional<platform::MenuAction> action,
-                                                 std::string keyEquivalent) override;
-    void addItem(std::shared_ptr<platform::MenuItem> item) override;
-    void addSeparator() override;
+                                                 std::string keyEquivalent) override {
+        return std::make_shared<FakeMenuItem>(false, std::move(title), action, std::move(keyEquivalent));
+    }
+    void addItem(std::shared_ptr<platform::MenuItem> item) override {
+        items.push_back(std::dynamic_pointer_cast<FakeMenuItem>(item));
+    }
+    void addSeparator() override { items.push_back(std::make_shared<FakeMenuItem>(true)); }
     void setAutoenablesItems(bool value) override { autoenablesItems = value; }
 
     std::vector<std::shared_ptr<FakeMenuItem>> items;  // separators included
     bool autoenablesItems = true;
 };
 
-class FakeStatusButton final : public platform::StatusButton {
-public:
+struct FakeStatusButton final : platform::StatusButton {
     void setTitle(std::string value) override { title = std::move(value); }
     void setFont(platform::Font value) override { font = value; }
     void setToolTip(std::string value) override { toolTips.push_back(std::move(value)); }
     void setAccessibilityLabel(std::string value) override { accessibilityLabel = std::move(value); }
     std::string toolTip() const { return toolTips.empty() ? std::string() : toolTips.back(); }
 
-    std::string title;
+    std::string title, accessibilityLabel;
     std::optional<platform::Font> font;
     std::vector<std::string> toolTips;
-    std::string accessibilityLabel;
 };
 
-class FakeStatusItem final : public platform::StatusItem {
-public:
-    explicit FakeStatusItem(double length, bool withButton) : length(length), hasButton(withButton) {}
+struct FakeStatusItem final : platform::StatusItem {
+    FakeStatusItem(double length, bool withButton) : length(length), hasButton(withButton) {}
     platform::StatusButton* button() override { return hasButton ? &fakeButton : nullptr; }
     void setMenu(std::shared_ptr<platform::Menu> value) override { menu = std::dynamic_pointer_cast<FakeMenu>(value); }
 
@@ -286,27 +252,26 @@ public:
     std::shared_ptr<FakeMenu> menu;
 };
 
-class FakeStatusBar final : public platform::StatusBar {
-public:
-    std::shared_ptr<platform::StatusItem> statusItem(double length) override;
+struct FakeStatusBar final : platform::StatusBar {
+    std::shared_ptr<platform::StatusItem> statusItem(double length) override {
+        return items.emplace_back(std::make_shared<FakeStatusItem>(length, itemsHaveButtons));
+    }
     std::shared_ptr<platform::Menu> makeMenu() override { return std::make_shared<FakeMenu>(); }
 
     bool itemsHaveButtons = true;
     std::vector<std::shared_ptr<FakeStatusItem>> items;
 };
 
-class FakeEnvironment final : public platform::Environment {
-public:
+struct FakeEnvironment final : platform::Environment {
     std::optional<std::string> variable(const std::string& name) const override;
     platform::EnvironmentVariables all() const override { return variables; }
     void set(const std::string& name, const std::string& value);
-    void unset(const std::string& name);
+    void unset(const std::string& name) { std::erase_if(variables, [&](auto& entry) { return entry.first == name; }); }
 
     platform::EnvironmentVariables variables;
 };
 
-class FakeFolders final : public platform::Folders {
-public:
+struct FakeFolders final : platform::Folders {
     std::optional<std::string> resourcesFolder() const override { return resources; }
     std::vector<std::string> applicationSupportFolders() const override { return applicationSupport; }
     std::string homeFolder() const override { return home; }

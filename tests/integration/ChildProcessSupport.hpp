@@ -16,8 +16,7 @@
 #include "LanternmoorPro/Launcher.hpp"
 #include "LanternmoorPro/platform/posix/PosixFileSystem.hpp"
 #include "LanternmoorPro/platform/posix/PosixProcesses.hpp"
-#include "LanternmoorPro/platform/qt/QtMainThread.hpp"
-#include "fake/FakePlatform.hpp"
+#include "integration/ProbeHarness.hpp"
 
 namespace lm::testing {
 
@@ -77,22 +76,11 @@ inline bool isGone(std::int32_t processIdentifier) { return ::kill(processIdenti
 
 // The launcher on real processes, files and main thread; the environment is the fake one so a
 // test sets PATH without touching its own.
-struct LocalPlatform {
-    platform::qt::QtMainThread mainThread;
+struct LocalPlatform : QtFakes {
     // After the main thread, so it goes first and no late report is posted to a gone loop.
     platform::posix::PosixProcesses processes;
     platform::posix::PosixFileSystem files;
-    fake::FakeEnvironment environment;
-    fake::FakeApplication application;
-    fake::FakeHttp http;
-    fake::FakeJson json;
-    fake::FakeNetwork network;
-    fake::FakeOpener opener;
-    fake::FakeAlerts alerts;
-    fake::FakeStatusBar statusBar;
-    fake::FakeFolders folders;
-    platform::Platform platform{mainThread, application, processes, files,   http,        json,
-                                network,    opener,      alerts,    statusBar, environment, folders};
+    platform::Platform platform = assemble(processes, files, http, json, network);
     std::shared_ptr<LanternmoorLauncher> launcher = std::make_shared<LanternmoorLauncher>(platform);
 };
 

@@ -65,21 +65,23 @@ std::shared_ptr<Outcome<T>> runToEnd(platform::MainThread& mainThread, platform:
     return outcome;
 }
 
-struct ProbePlatform {
+// A real Qt main thread, so the launcher's tasks run in the event loop, and fakes for every part
+// a harness does not make real; `assemble` puts the real ones in their places.
+struct QtFakes : fake::FakePlatform {
     platform::qt::QtMainThread mainThread;
+    platform::Platform assemble(platform::Processes& realProcesses, platform::FileSystem& realFiles,
+                                platform::Http& realHttp, platform::Json& realJson, platform::Network& realNetwork) {
+        return {mainThread, application, realProcesses, realFiles, realHttp,    realJson,
+                realNetwork, opener,     alerts,        statusBar, environment, folders};
+    }
+};
+
+// Real network and JSON for the probes; the fakes stand for the files and processes they never touch.
+struct ProbePlatform : QtFakes {
     platform::qt::QtHttp http;
     platform::qt::QtJson json;
     platform::posix::PosixNetwork network;
-    fake::FakeApplication application;
-    fake::FakeProcesses processes;
-    fake::FakeFileSystem files;
-    fake::FakeOpener opener;
-    fake::FakeAlerts alerts;
-    fake::FakeStatusBar statusBar;
-    fake::FakeEnvironment environment;
-    fake::FakeFolders folders;
-    platform::Platform platform{mainThread, application, processes, files,   http,        json,
-                                network,    opener,      alerts,    statusBar, environment, folders};
+    platform::Platform platform = assemble(processes, files, http, json, network);
 
     std::shared_ptr<LanternmoorLauncher> launcher(std::uint16_t port) {
         return std::make_shared<LanternmoorLauncher>(platform, port);

@@ -37,8 +37,8 @@ TEST(VersionGate, ReadsTheVersionTextAsNodePrintsItAndJudgesIt) {
 
 using NodeSearch = LauncherTest;
 
-std::vector<std::string> probedCandidates(const fake::FakeProcesses& processes) {
-    std::vector<std::string> probed;
+Strings probedCandidates(const fake::FakeProcesses& processes) {
+    Strings probed;
     for (auto& child : processes.created) probed.push_back(child->configuration.executable);
     return probed;
 }
@@ -46,7 +46,7 @@ std::vector<std::string> probedCandidates(const fake::FakeProcesses& processes) 
 TEST_F(NodeSearch, TriesTheFixedCandidatesThenTheSearchPathOnceEach) {
     struct Row {
         std::optional<std::string> path;
-        std::vector<std::string> probed;
+        Strings probed;
     };
     const std::vector<Row> rows{
         {std::nullopt,
@@ -61,11 +61,11 @@ TEST_F(NodeSearch, TriesTheFixedCandidatesThenTheSearchPathOnceEach) {
         run.fake.files.nodes.clear();
         run.fake.processes.scripts.clear();  // every candidate fails to start
         for (auto& candidate : row.probed) run.fake.files.addExecutable(candidate);
-        row.path ? run.fake.environment.set("PATH", *row.path) : run.fake.environment.unset("PATH");
+        run.setPath(row.path);
         EXPECT_EQ(run.await(run.launcher->findNode()), std::nullopt);
         EXPECT_EQ(probedCandidates(run.fake.processes), row.probed) << row.path.value_or("(unset)");
         for (auto& child : run.fake.processes.created)
-            EXPECT_EQ(child->configuration.arguments, std::vector<std::string>{"--version"});
+            EXPECT_EQ(child->configuration.arguments, Strings{"--version"});
     }
 }
 
@@ -113,7 +113,7 @@ using CodexSearch = LauncherTest;
 
 TEST_F(CodexSearch, TakesTheFirstExecutableCandidateInItsFixedOrderThenTheSearchPath) {
     struct Row {
-        std::vector<std::string> present;
+        Strings present;
         std::optional<std::string> path;
         std::optional<std::string> found;
     };
@@ -131,7 +131,7 @@ TEST_F(CodexSearch, TakesTheFirstExecutableCandidateInItsFixedOrderThenTheSearch
         Harness run;
         run.fake.files.nodes.clear();
         for (auto& file : row.present) run.fake.files.addExecutable(file);
-        row.path ? run.fake.environment.set("PATH", *row.path) : run.fake.environment.unset("PATH");
+        run.setPath(row.path);
         EXPECT_EQ(run.launcher->findCodex(), row.found);
     }
 }

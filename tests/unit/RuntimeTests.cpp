@@ -3,7 +3,6 @@
 namespace lm::test {
 namespace {
 
-using platform::completionOf;
 using platform::sleepFor;
 using platform::spawn;
 
@@ -18,11 +17,11 @@ TEST_F(Runtime, ResumesEveryAwaitedStepOnTheMainThread) {
         co_await sleepFor(thread, 10ms);
         seen.push_back(thread.isOnMainThread());
         // Completed inside the start call itself.
-        auto immediate = completionOf<int>(thread, [](auto done) { done(1); });
+        auto immediate = platform::completionOf<int>(thread, [](auto done) { done(1); });
         co_await immediate;
         seen.push_back(thread.isOnMainThread());
         // Completed later from outside the main thread's loop, as a platform thread would.
-        auto later = completionOf<int>(thread, [&held](auto done) { held = std::move(done); });
+        auto later = platform::completionOf<int>(thread, [&held](auto done) { held = std::move(done); });
         co_await later;
         seen.push_back(thread.isOnMainThread());
     };
@@ -36,59 +35,45 @@ TEST_F(Runtime, ResumesEveryAwaitedStepOnTheMainThread) {
 }
 
 TEST_F(Runtime, ASpawnedTaskStartsLaterAndOutlivesItsSpawner) {
-    std::vector<std::string> seen;
+    Strings seen;
     {
-        std::string local = "from a scope that is gone";
-        auto task = [](fake::FakeMainThread& thread, std::string text, std::vector<std::string>& out) -> Task<> {
+        auto task = [](fake::FakeMainThread& thread, std::string text, Strings& out) -> Task<> {
             co_await sleepFor(thread, 1s);
             out.push_back(text);
         };
+        std::string local = "from a scope that is gone";
         spawn(mainThread, task(mainThread, local, seen));
         EXPECT_TRUE(seen.empty());  // nothing runs inside spawn
     }
     mainThread.runUntilIdle();
-    EXPECT_EQ(seen, std::vector<std::string>{"from a scope that is gone"});
+    EXPECT_EQ(seen, Strings{"from a scope that is gone"});
+}
+
+Task<long> depth(long n) {
+    if (n == 0) co_return 0;
+    auto below = co_await depth(n - 1);
+    co_return below + 1;
 }
 
 TEST_F(Runtime, PassesValuesUpAChainOfAwaits) {
-    struct Chain {
-        static Task<long> depth(long n) {
-            if (n == 0) co_return 0;
-            auto below = co_await depth(n - 1);
-            co_return below + 1;
-        }
-    };
     long result = 0;
-    auto outer = [](long& out) -> Task<> { out = co_await Chain::depth(1000); };
+    auto outer = [](long& out) -> Task<> { out = co_await depth(1000); };
     spawn(mainThread, outer(result));
     mainThread.runUntilIdle();
     EXPECT_EQ(result, 1000);
 }
 
-using Probe = LauncherTest;
-
-TEST_F(Probe, TwoProbesOutstandingAtOnceEachGetTheirOwnAnswer) {
+TEST_F(LauncherTest, TwoProbesOutstandingAtOnceEachGetTheirOwnAnswer) {
     fake.http.answers = {{FakeHttp::ours(), 900ms}, {HttpResult::reply(500, ""), 100ms}};
     std::vector<std::pair<int, Health>> results;
     auto run = [](Task<Health> probe, int id, std::vector<std::pair<int, Health>>& out) -> Task<> {
         auto health = co_await std::move(probe);
         out.emplace_back(id, health);
     };
-    spawn(fake.mainThread, run(probe(), 1, results));
-    spawn(fake.mainThread, run(probe(), 2, results));
+    spawn(fake.mainThread, run(launcher->probeHealth(), 1, results));
+    spawn(fake.mainThread, run(launcher->probeHealth(), 2, results));
     fake.mainThread.runUntilIdle();
     EXPECT_EQ(results, (std::vector<std::pair<int, Health>>{{2, Health::foreign}, {1, Health::ours}}));
-}
-
-TEST_F(Probe, AsksTheHealthEndpointWithItsLimits) {
-    fake.http.answers = {{FakeHttp::ours()}};
-    EXPECT_EQ(await(probe()), Health::ours);
-    ASSERT_EQ(fake.http.requests.size(), 1u);
-    auto& request = fake.http.requests[0];
-    EXPECT_EQ(request.url, "http://127.0.0.1:18765/api/health");
-    EXPECT_EQ(request.idleTimeout, 800ms);
-    EXPECT_EQ(request.totalTimeout, 1200ms);
-    EXPECT_EQ(request.bodyLimit, 4096u);
 }
 
 }  // namespace

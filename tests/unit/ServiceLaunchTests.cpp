@@ -19,7 +19,7 @@ TEST_F(ServiceLaunch, StartsNodeOnTheShippedScriptWithItsContract) {
     auto& configuration = service()->configuration;
     EXPECT_EQ(configuration.executable, "/usr/bin/node");
     EXPECT_EQ(configuration.arguments,
-              (std::vector<std::string>{"--experimental-strip-types", "/opt/lm/share/lanternmoor-pro/app/server.mjs"}));
+              (Strings{"--experimental-strip-types", "/opt/lm/share/lanternmoor-pro/app/server.mjs"}));
     EXPECT_EQ(configuration.workingDirectory, "/opt/lm/share/lanternmoor-pro/app");
     EXPECT_EQ(configuration.standardInput.kind, platform::Stream::Kind::nullDevice);
     EXPECT_EQ(configuration.standardOutput.file, configuration.standardError.file);
@@ -39,7 +39,7 @@ TEST_F(ServiceLaunch, StartsNodeOnTheShippedScriptWithItsContract) {
 TEST_F(ServiceLaunch, ThePathEndsInTheDefaultOrInNothingAsTheLauncherWasGiven) {
     auto servicePath = [](std::optional<std::string> inherited) {
         Harness run;
-        inherited ? run.fake.environment.set("PATH", *inherited) : run.fake.environment.unset("PATH");
+        run.setPath(inherited);
         run.fake.files.addExecutable("/opt/homebrew/bin/node");
         run.fake.processes.scripts["/opt/homebrew/bin/node --version"] = {.output = "v24.1.0"};
         run.fake.processes.scripts["/opt/homebrew/bin/node --experimental-strip-types"] = {.exitAfter = std::nullopt};

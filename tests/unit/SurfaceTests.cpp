@@ -1,5 +1,4 @@
 #include "LauncherFixture.hpp"
-#include "LanternmoorPro/ui/Texts.hpp"
 
 namespace lm::test {
 namespace {
@@ -13,10 +12,10 @@ using Notices = LauncherTest;
 TEST_F(Notices, OnlyTheFirstOfTwoFailuresIsShownAndOnlyItAsksToQuit) {
     launcher->showFailure("一", "1");
     launcher->showFailure("二", "2");
-    EXPECT_EQ(alertTitles(), std::vector<std::string>{"一"});
+    EXPECT_EQ(alertTitles(), Strings{"一"});
     EXPECT_EQ(fake.application.terminateRequests, 1);
-    EXPECT_EQ(fake.alerts.shown[0].buttons, std::vector<std::string>{"好"});
-    EXPECT_EQ(fake.alerts.shown[0].style, platform::AlertStyle::warning);
+    EXPECT_EQ(alert().buttons, Strings{"好"});
+    EXPECT_EQ(alert().style, platform::AlertStyle::warning);
     EXPECT_EQ(fake.application.activations, 1);
 }
 
@@ -38,8 +37,8 @@ TEST_F(Notices, NothingIsShownOnceTerminationBegan) {
 
 TEST_F(Notices, ThePrerequisiteAlertOpensTheGuideBeforeQuittingOnlyWhenAskedTo) {
     launcher->showPrerequisite(std::string(texts::nodeMissingTitle), std::string(texts::nodeMissingMessage));
-    EXPECT_EQ(fake.alerts.shown[0].buttons, (std::vector<std::string>{"查看安装说明", "退出"}));
-    EXPECT_EQ(fake.alerts.shown[0].style, platform::AlertStyle::informational);
+    EXPECT_EQ(alert().buttons, (Strings{"查看安装说明", "退出"}));
+    EXPECT_EQ(alert().style, platform::AlertStyle::informational);
     EXPECT_LT(journalIndex(std::string("open ") + guideURL), journalIndex("terminate"));
 
     Harness other;  // a second run answered with "退出"
@@ -51,8 +50,8 @@ TEST_F(Notices, ThePrerequisiteAlertOpensTheGuideBeforeQuittingOnlyWhenAskedTo) 
 
 TEST_F(Notices, TheOccupiedPortMessageNamesTheAddressWithOneBlankBeforeTheText) {
     launcher->showOccupiedPort();
-    EXPECT_EQ(fake.alerts.shown[0].title, "本机地址已被其他程序占用");
-    EXPECT_EQ(fake.alerts.shown[0].message,
+    EXPECT_EQ(alert().title, "本机地址已被其他程序占用");
+    EXPECT_EQ(alert().message,
               "127.0.0.1:18765 当前没有返回 Lanternmoor 的服务标识。请先关闭占用该地址的程序，再重新打开 Lanternmoor Pro。应用没有关闭或替换其他程序。");
 }
 
@@ -61,11 +60,11 @@ using OpenWorkspace = LauncherTest;
 TEST_F(OpenWorkspace, EachProbeVerdictHasItsOutcome) {
     struct Row {
         HttpResult answer;
-        std::vector<std::string> opened;
-        std::vector<std::string> alerts;
+        Strings opened;
+        Strings alerts;
     };
     const std::vector<Row> rows{
-        {FakeHttp::ours(), {"http://127.0.0.1:18765/"}, {}},
+        {FakeHttp::ours(), {workspace}, {}},
         {FakeHttp::other(), {}, {"本机地址已被其他程序占用"}},
         {HttpResult::failed(), {}, {"工作区暂时不可用"}},
     };
@@ -103,8 +102,8 @@ TEST_F(OpenWorkspace, ABrowserThatWillNotOpenQuotesTheWholeAddress) {
     fake.opener.succeeds = false;
     launcher->openBrowser();
     ASSERT_EQ(fake.alerts.shown.size(), 1u);
-    EXPECT_EQ(fake.alerts.shown[0].title, "没有打开浏览器");
-    EXPECT_EQ(fake.alerts.shown[0].message, "工作区地址：http://127.0.0.1:18765/\n请检查默认浏览器设置，再重新打开应用。");
+    EXPECT_EQ(alert().title, "没有打开浏览器");
+    EXPECT_EQ(alert().message, "工作区地址：http://127.0.0.1:18765/\n请检查默认浏览器设置，再重新打开应用。");
 }
 
 TEST_F(OpenWorkspace, ReopenDoesNothingWhileStartingAndOpensWhileReady) {
@@ -116,7 +115,7 @@ TEST_F(OpenWorkspace, ReopenDoesNothingWhileStartingAndOpensWhileReady) {
     launcher->ready = true;
     EXPECT_FALSE(launcher->applicationShouldHandleReopen(false));
     fake.mainThread.runUntilIdle();
-    EXPECT_EQ(fake.opener.opened, std::vector<std::string>{"http://127.0.0.1:18765/"});
+    EXPECT_EQ(fake.opener.opened, Strings{workspace});
 }
 
 class StatusMenu : public LauncherTest {
@@ -131,8 +130,8 @@ protected:
     std::vector<Entry> entries() {
         std::vector<Entry> result;
         for (auto& item : menu().items)
-            result.push_back({item->entry.separator ? "---" : item->entry.title, item->entry.action,
-                              item->entry.keyEquivalent, item->enabled});
+            result.push_back({item->separator ? "---" : item->title, item->action,
+                              item->keyEquivalent, item->enabled});
         return result;
     }
 };
@@ -157,20 +156,17 @@ TEST_F(StatusMenu, StartsWithSixEntriesInTheStartingPresentation) {
     EXPECT_EQ(launcher->openItem, std::static_pointer_cast<platform::MenuItem>(menu().items[1]));
 }
 
-TEST_F(StatusMenu, IsUpBeforeTheFirstProbeGoesOut) {
+TEST_F(StatusMenu, IsUpBeforeTheFirstProbeThenFollowsRunningThenStoppedAndTheLabelNeverChanges) {
+    serviceAnswersAfter(0);
     launcher->applicationDidFinishLaunching();
     EXPECT_EQ(fake.statusBar.items.size(), 1u);
     EXPECT_TRUE(fake.http.requests.empty());
-}
-
-TEST_F(StatusMenu, FollowsRunningThenStoppedAndTheLabelNeverChanges) {
-    serviceAnswersAfter(0);
-    launch();
+    fake.mainThread.runUntilIdle();
     EXPECT_TRUE(menu().items[1]->enabled);
     service()->exit(1);
     fake.mainThread.runUntilIdle();
     EXPECT_FALSE(menu().items[1]->enabled);
-    EXPECT_EQ(button().toolTips, (std::vector<std::string>{"Lanternmoor Pro · 正在启动", "Lanternmoor Pro · 正在本机运行",
+    EXPECT_EQ(button().toolTips, (Strings{"Lanternmoor Pro · 正在启动", "Lanternmoor Pro · 正在本机运行",
                                                            "Lanternmoor Pro · 服务已停止"}));
     EXPECT_EQ(button().accessibilityLabel, "Lanternmoor Pro");
 }
@@ -192,7 +188,7 @@ TEST_F(StatusMenu, EntriesDriveTheLauncherAndDisabledOnesDoNothing) {
     fake.mainThread.runUntilIdle();
     EXPECT_TRUE(fake.http.requests.empty());
     EXPECT_EQ(fake.opener.opened,
-              (std::vector<std::string>{guideURL, "file:///home/ada/.local/share/Lanternmoor%20Pro/"}));
+              (Strings{guideURL, "file:///home/ada/.local/share/Lanternmoor%20Pro/"}));
     menu().items[5]->click();
     EXPECT_TRUE(journalHas("ended"));
 }
