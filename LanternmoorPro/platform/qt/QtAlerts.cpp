@@ -24,6 +24,8 @@ int QtAlerts::runModal(const Alert& alert) {
     box.setWindowTitle(QString::fromStdString(alert.title));
     box.setTextFormat(Qt::PlainText);
     box.setText(QString::fromStdString(alert.title));
+    // The title stands out from the message as a heading, with its text left plain.
+    box.setStyleSheet(QStringLiteral("QLabel#qt_msgbox_label { font-weight: bold; }"));
     box.setInformativeText(QString::fromStdString(alert.message));
 
     // One role for all keeps the platform's button layout from reordering them.
