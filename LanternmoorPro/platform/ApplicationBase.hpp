@@ -28,7 +28,6 @@ public:
     }
 
     bool hasEnded() const { return ended_; }
-    bool isAwaitingReply() const { return awaitingReply_; }
 
 protected:
     // Leaves the event loop; run() then returns 0.
@@ -36,9 +35,6 @@ protected:
 
     void finishLaunching() {
         if (auto delegate = delegate_.lock()) delegate->applicationDidFinishLaunching();
-    }
-    void reopen() {
-        if (auto delegate = delegate_.lock()) (void)delegate->applicationShouldHandleReopen(false);
     }
 
 private:

@@ -64,7 +64,6 @@ struct FakeApplication final : platform::ApplicationBase, Journaled {
         ApplicationBase::replyToApplicationShouldTerminate(yes);
     }
     void activateIgnoringOtherApps() override { ++activations; }
-    using ApplicationBase::reopen;
 
     std::optional<platform::ActivationPolicy> activationPolicy;
     int terminateRequests = 0;
