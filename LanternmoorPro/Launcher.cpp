@@ -2,20 +2,13 @@
 
 namespace lm {
 
-namespace {
-
-// Keeps the launcher alive for as long as the task runs, whoever else lets go of it.
-Task<> holding(std::shared_ptr<LanternmoorLauncher> /*launcher*/, Task<> task) { co_await std::move(task); }
-
-}  // namespace
-
 LanternmoorLauncher::LanternmoorLauncher(platform::Platform& platform, std::uint16_t port)
     : port(port), platform_(platform) {}
 
 void LanternmoorLauncher::applicationDidFinishLaunching() {
     // The status item is up in its starting presentation before the first probe goes out.
     installMenu();
-    spawnHolding(startOrConnect());
+    spawn(startOrConnect());
 }
 
 void LanternmoorLauncher::perform(platform::MenuAction action) {
@@ -27,9 +20,8 @@ void LanternmoorLauncher::perform(platform::MenuAction action) {
     }
 }
 
-void LanternmoorLauncher::spawnHolding(Task<> task) {
-    platform::spawn(platform_.mainThread, holding(shared_from_this(), std::move(task)));
-}
+// The launcher owns its tasks: one still suspended when the launcher goes is ended with it.
+void LanternmoorLauncher::spawn(Task<> task) { tasks_.spawn(platform_.mainThread, std::move(task)); }
 
 void LanternmoorLauncher::setToolTip(std::string_view text) {
     if (!statusItem) return;
@@ -41,6 +33,8 @@ std::string LanternmoorLauncher::searchPath() const {
 }
 
 int runLauncher(platform::Platform& platform) {
+    // The one reference that keeps the launcher alive: it and its unfinished tasks go when the
+    // event loop has ended.
     auto launcher = std::make_shared<LanternmoorLauncher>(platform);
     platform.application.setDelegate(launcher);
     platform.application.setActivationPolicy(platform::ActivationPolicy::accessory);

@@ -36,6 +36,11 @@ class LanternmoorLauncher final : public platform::ApplicationDelegate,
                                   public std::enable_shared_from_this<LanternmoorLauncher> {
 public:
     enum class Health { ours, foreign, noResponse };
+    // The verdict, and the process identifier the answer named, if it named one.
+    struct HealthAnswer {
+        Health health = Health::noResponse;
+        std::optional<std::int64_t> processIdentifier;
+    };
 
     static constexpr std::uint16_t defaultPort = 18765;
 
@@ -66,6 +71,7 @@ public:
 
     // ---- probes ------------------------------------------------------------------------------
     Task<Health> probeHealth();
+    Task<HealthAnswer> probeHealthAnswer();
     bool portAcceptsConnections();
 
     // ---- prerequisites -----------------------------------------------------------------------
@@ -76,6 +82,7 @@ public:
     // ---- locations and the run log ------------------------------------------------------------
     std::string workspaceURL() const;
     std::optional<FileLocation> resourcesFolder() const;
+    std::optional<FileLocation> applicationSupportFolder() const;
     std::optional<FileLocation> appRoot() const;
     std::optional<FileLocation> dataFolderURL() const;
     std::optional<FileLocation> logURL() const;
@@ -102,7 +109,7 @@ public:
     bool failurePresented = false;      // only ever goes from false to true
 
 private:
-    void spawnHolding(Task<> task);
+    void spawn(Task<> task);
     void setToolTip(std::string_view text);
     std::string searchPath() const;
     std::string logPath() const;
@@ -110,6 +117,8 @@ private:
     bool claimTheOneAlert();
 
     platform::Platform& platform_;
+    // Last, so that tasks still suspended go before the fields their frames refer to.
+    platform::TaskScope tasks_;
 };
 
 // The process entry once the platform is chosen: the launcher, the delegate, the accessory

@@ -45,7 +45,7 @@ platform::TerminateReply LanternmoorLauncher::applicationShouldTerminate() {
     if (shuttingDown) return platform::TerminateReply::now;
     shuttingDown = true;
     if (!ownedProcess || !ownedProcess->isRunning()) return platform::TerminateReply::now;
-    spawnHolding(stopAndReply());
+    spawn(stopAndReply());
     return platform::TerminateReply::later;
 }
 
@@ -55,8 +55,9 @@ Task<> LanternmoorLauncher::stopAndReply() {
 }
 
 void LanternmoorLauncher::applicationWillTerminate() {
-    // Only reached with a live service when a second request cut the stop task short.
-    if (ownedProcess && ownedProcess->isRunning()) ownedProcess->terminate();
+    // Only reached with a live service when a second request cut the stop task short, after
+    // SIGTERM and some of its grace: the process ends now, and nothing it started survives it.
+    if (ownedProcess && ownedProcess->isRunning()) ownedProcess->kill();
     if (logHandle) (void)logHandle->close();
 }
 

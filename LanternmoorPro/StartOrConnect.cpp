@@ -50,7 +50,9 @@ Task<> LanternmoorLauncher::startOrConnect() {
     }
     if (startError) {
         co_await stopOwnedChild();
-        co_return showFailure(std::string(texts::startFailedTitle), startError->description + std::string(texts::startFailedAdvice));
+        auto support = applicationSupportFolder();
+        co_return showFailure(std::string(texts::startFailedTitle),
+                              startError->description + texts::startFailedAdvice(support ? support->path : homeFolderPath()));
     }
 
     // The deadline is looked at only here: a probe or pause begun before it is finished and
@@ -63,20 +65,30 @@ Task<> LanternmoorLauncher::startOrConnect() {
             co_return showFailure(std::string(texts::timedOutTitle), std::string(texts::timedOutMessage) + logPath());
         }
         if (shuttingDown) co_return;
-        auto health = co_await probeHealth();
+        auto answer = co_await probeHealthAnswer();
         if (shuttingDown) co_return;
+        auto health = answer.health;
 
         // Asked of the launched process itself: ownedProcess may have been replaced meanwhile.
         const bool running = launched->isRunning();
-        if (health == Health::ours && running) {
+        // Two launchers started together both launch; the service that lost the port still runs
+        // for a moment while the winner's answers as ours. Only an answer from our own process
+        // (or one of its group, as under a version manager's shim) is our success.
+        const bool fromOurs = !answer.processIdentifier || launched->includes(*answer.processIdentifier);
+        if (health == Health::ours && running && fromOurs) {
             ready = true;
             if (openItem) openItem->setEnabled(true);
             setToolTip(texts::runningToolTip);
             co_return openBrowser();
         }
         if (health == Health::ours) {
-            // Ours ended, yet a service of ours answers: another launcher's. Hand over to it.
-            ownedProcess.reset();
+            // Another launcher's service of ours answers: hand over to it, leaving nothing of ours.
+            if (running) {
+                co_await stopOwnedChild();
+                if (shuttingDown) co_return;
+            } else {
+                ownedProcess.reset();
+            }
             openBrowser();
             co_return platform_.application.terminate();
         }

@@ -1,7 +1,6 @@
 // The program's entry: the only place that chooses the real platform and its surface.
 #include <QApplication>
 #include <QCoreApplication>
-#include <cstdlib>
 #include <unistd.h>
 
 #include "LanternmoorPro/Launcher.hpp"
@@ -9,9 +8,11 @@
 #include "LanternmoorPro/platform/posix/PosixFileSystem.hpp"
 #include "LanternmoorPro/platform/posix/PosixNetwork.hpp"
 #include "LanternmoorPro/platform/posix/PosixProcesses.hpp"
+#include "LanternmoorPro/platform/posix/System.hpp"
 #include "LanternmoorPro/platform/posix/TerminationSignals.hpp"
 #include "LanternmoorPro/platform/qt/QtAlerts.hpp"
 #include "LanternmoorPro/platform/qt/QtApplication.hpp"
+#include "LanternmoorPro/platform/qt/QtDisplay.hpp"
 #include "LanternmoorPro/platform/qt/QtHttp.hpp"
 #include "LanternmoorPro/platform/qt/QtJson.hpp"
 #include "LanternmoorPro/platform/qt/QtMainThread.hpp"
@@ -29,14 +30,15 @@ using namespace lm::platform;
 // the one that owns it.
 struct Backend {
     qt::QtMainThread mainThread;
-    qt::QtApplication application;
+    // After the main thread, so it goes first and no late report is posted to a gone loop.
     posix::PosixProcesses processes;
+    qt::QtApplication application{mainThread, [this] { processes.stopAll(); }};
     posix::PosixFileSystem files;
     qt::QtHttp http;
     qt::QtJson json;
     posix::PosixNetwork network;
     posix::PosixEnvironment environment;
-    posix::PosixFolders folders{environment};
+    posix::PosixFolders folders{environment, QCoreApplication::applicationDirPath().toStdString()};
 
     int run(Opener& opener, Alerts& alerts, StatusBar& statusBar) {
         Platform platform{mainThread, application, processes, files,        http,      json,
@@ -45,12 +47,9 @@ struct Backend {
     }
 };
 
-bool hasDisplay() {
-    return !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
-}
-
 int runOnDesktop(int& argc, char** argv) {
     QApplication qtApplication(argc, argv);
+    QGuiApplication::setDesktopFileName(QStringLiteral("lanternmoor-pro"));
     Backend backend;
     qt::QtOpener opener;
     qt::QtAlerts alerts;
@@ -59,7 +58,6 @@ int runOnDesktop(int& argc, char** argv) {
 }
 
 int runInTerminal(int& argc, char** argv) {
-    posix::ignoreTerminalStreamSignals();
     QCoreApplication qtApplication(argc, argv);
     Backend backend;
     terminal::TerminalInput input(STDIN_FILENO);
@@ -68,16 +66,24 @@ int runInTerminal(int& argc, char** argv) {
     // Typed commands only make sense when someone types; piped input is kept for the alerts.
     const auto menuInput = ::isatty(STDIN_FILENO) ? terminal::MenuInput::typed : terminal::MenuInput::none;
     terminal::TerminalStatusBar statusBar(input, output, menuInput);
-    terminal::TerminalOpener opener(output, backend.environment.variable("BROWSER"));
+    terminal::TerminalOpener opener(output, backend.processes, backend.environment.variable("BROWSER"));
     return backend.run(opener, alerts, statusBar);
 }
 
 }  // namespace
 
 int main() {
+    posix::ensureStandardDescriptors();
+    posix::ignoreStreamSignals();
     // The launcher reads no arguments, and Qt is given none to read either.
     static char programName[] = "lanternmoor-pro";
     char* qtArguments[] = {programName, nullptr};
     int qtArgumentCount = 1;
-    return hasDisplay() ? runOnDesktop(qtArgumentCount, qtArguments) : runInTerminal(qtArgumentCount, qtArguments);
+    // A display that is named but cannot be opened is no display: Qt would abort on it.
+    const auto displays = qt::usableDisplays();
+    if (!displays.any()) return runInTerminal(qtArgumentCount, qtArguments);
+    if (const char* platform = displays.qtPlatform(); platform != nullptr && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
+        qputenv("QT_QPA_PLATFORM", platform);
+    }
+    return runOnDesktop(qtArgumentCount, qtArguments);
 }

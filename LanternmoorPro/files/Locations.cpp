@@ -51,10 +51,16 @@ std::optional<FileLocation> LanternmoorLauncher::appRoot() const {
     return resources->appending("app", true);
 }
 
-std::optional<FileLocation> LanternmoorLauncher::dataFolderURL() const {
+std::optional<FileLocation> LanternmoorLauncher::applicationSupportFolder() const {
     auto folders = platform_.folders.applicationSupportFolders();
     if (folders.empty()) return std::nullopt;
-    return FileLocation{pathForm(folders.front()), true}.appending("Lanternmoor Pro", true);
+    return FileLocation{pathForm(folders.front()), true};
+}
+
+std::optional<FileLocation> LanternmoorLauncher::dataFolderURL() const {
+    auto folder = applicationSupportFolder();
+    if (!folder) return std::nullopt;
+    return folder->appending("Lanternmoor Pro", true);
 }
 
 std::optional<FileLocation> LanternmoorLauncher::logURL() const {

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "LanternmoorPro/Launcher.hpp"
+#include "LanternmoorPro/ui/Texts.hpp"
 
 namespace lm {
 namespace {
@@ -42,18 +43,15 @@ platform::Result<std::shared_ptr<platform::FileHandle>> LanternmoorLauncher::pre
     // Also for a folder that already existed: its mode may have been widened since.
     if (auto failure = files.setMode(folder.path, folderMode)) return *failure;
     auto log = folder.appending("server.log").path;
-    if (!files.fileExists(log) && !files.createFile(log, logMode)) {
-        return Error{"Lanternmoor", 1, "无法创建本机运行日志。", "createFile"};
+    // Another launcher may create it at the same moment; one that exists already is as good.
+    if (auto failure = files.createFile(log, logMode)) {
+        return Error{std::string(texts::errorDomain), 1, std::string(texts::logNotCreated), failure->call, failure->cause};
     }
     if (auto failure = files.setMode(log, logMode)) return *failure;
     auto opened = files.openForWriting(log);
     if (!opened) return opened.error();
     auto handle = opened.release();
-    // A failed step must not leave the log open: the caller gets no handle to close.
-    if (auto failure = handle->seekToEnd()) {
-        (void)handle->close();
-        return *failure;
-    }
+    // A failed write must not leave the log open: the caller gets no handle to close.
     if (auto failure = handle->write(logStamp(platform_.mainThread.now()))) {
         (void)handle->close();
         return *failure;

@@ -28,6 +28,7 @@ public:
     }
 
     bool hasEnded() const { return ended_; }
+    bool isAwaitingReply() const { return awaitingReply_; }
 
 protected:
     // Leaves the event loop; run() then returns 0.

@@ -33,7 +33,7 @@ std::string action(const std::string& call) {
     if (call == "open") return "无法打开文件";
     if (call == "write" || call == "lseek") return "无法写入文件";
     if (call == "close") return "无法关闭文件";
-    if (call == "posix_spawn" || call == "pidfd_open" || call == "pipe") return "无法启动程序";
+    if (call == "posix_spawn" || call == "pipe" || call == "pthread_create") return "无法启动程序";
     return "操作失败：";
 }
 
@@ -41,7 +41,7 @@ std::string action(const std::string& call) {
 
 Error Error::fromSyscall(std::string call, int errnum, const std::string& subject) {
     auto description = action(call) + "“" + subject + "”：" + reason(errnum) + "。";
-    return Error{"POSIX", errnum, std::move(description), std::move(call)};
+    return Error{"POSIX", errnum, std::move(description), std::move(call), errnum};
 }
 
 }  // namespace lm::platform

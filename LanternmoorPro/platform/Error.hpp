@@ -14,9 +14,10 @@ struct [[nodiscard]] Error {
     std::string domain;
     int code = 0;
     std::string description;
-    // The call that failed ("mkdir", "posix_spawn", ...): for people reading a bug
-    // report, never shown to the user.
+    // The call that failed ("mkdir", "posix_spawn", ...) and the errno it gave: for people
+    // reading a bug report, never shown to the user.
     std::string call;
+    int cause = 0;
 
     // The platform's own error for a failed system call on `subject` (a path, a program).
     static Error fromSyscall(std::string call, int errnum, const std::string& subject);
@@ -42,7 +43,19 @@ private:
     std::variant<T, Error> state_;
 };
 
-// For operations without a value: absent means it worked.
-using Failure = std::optional<Error>;
+// The outcome of an operation without a value: true when it failed, and then the error.
+class [[nodiscard]] Failure {
+public:
+    Failure() = default;
+    Failure(std::nullopt_t) {}                           // NOLINT(google-explicit-constructor)
+    Failure(Error error) : error_(std::move(error)) {}  // NOLINT(google-explicit-constructor)
+
+    explicit operator bool() const { return error_.has_value(); }
+    const Error& operator*() const { return *error_; }
+    const Error* operator->() const { return &*error_; }
+
+private:
+    std::optional<Error> error_;
+};
 
 }  // namespace lm::platform

@@ -62,11 +62,10 @@ public:
 
 // ---- child processes ---------------------------------------------------------------------
 
-// An open, writable file. Also what a child process can get as an output stream.
+// A file open for appending. Also what a child process can get as an output stream.
 class FileHandle {
 public:
     virtual ~FileHandle() = default;
-    virtual Failure seekToEnd() = 0;
     virtual Failure write(std::string_view bytes) = 0;
     virtual Failure close() = 0;
 };
@@ -86,12 +85,16 @@ using EnvironmentVariables = std::vector<std::pair<std::string, std::string>>;
 
 struct ProcessConfiguration {
     std::string executable;
+    bool searchPath = false;                          // look a bare name up on PATH, as a shell would
     std::vector<std::string> arguments;               // without the program name
     std::optional<std::string> workingDirectory;      // none: the launcher's own
     std::optional<EnvironmentVariables> environment;  // none: the launcher's own, whole
     Stream standardInput;
     Stream standardOutput;
     Stream standardError;
+    // A program handed over to the user (a browser): a session of its own, and nobody stops it.
+    // Every other child is stopped when the launcher ends, if it has not ended by then.
+    bool outlivesLauncher = false;
 };
 
 // Called once per started process when it has ended, from any thread, with its identifier.
@@ -110,13 +113,17 @@ public:
     // False before the start and once the process has ended.
     virtual bool isRunning() const = 0;
     virtual std::int32_t processIdentifier() const = 0;
+    // Whether `processIdentifier` names this process or, while it runs, one of the process
+    // group it leads.
+    virtual bool includes(std::int64_t processIdentifier) const = 0;
     // Exit status once ended; non-zero for a process ended by a signal.
     virtual int terminationStatus() const = 0;
     // Standard output read while the process ran (pipe only), complete once it has ended.
     virtual std::string capturedOutput() const = 0;
     // Polite stop (SIGTERM). Nothing happens to a process that has ended.
     virtual void terminate() = 0;
-    // Forced stop (SIGKILL). Never reaches a process that merely reuses the identifier.
+    // Forced stop (SIGKILL), of the process and every process of its group. Never reaches a
+    // process that merely reuses an identifier.
     virtual void kill() = 0;
 };
 
@@ -137,10 +144,10 @@ public:
     // Creates the folder and any missing parents with `mode`; an existing folder is fine.
     virtual Failure createDirectories(const std::string& path, unsigned mode) = 0;
     virtual Failure setMode(const std::string& path, unsigned mode) = 0;
-    // Creates an empty file with `mode`; false when it could not be created.
-    virtual bool createFile(const std::string& path, unsigned mode) = 0;
-    // Opens an existing file for writing, positioned at its start, neither truncated nor
-    // in append mode.
+    // Creates an empty file with `mode`; one that exists already is fine and stays as it is.
+    virtual Failure createFile(const std::string& path, unsigned mode) = 0;
+    // Opens an existing file for appending, never truncated: every write lands at its end,
+    // whoever else writes to it.
     virtual Result<std::shared_ptr<FileHandle>> openForWriting(const std::string& path) = 0;
 };
 
@@ -178,12 +185,14 @@ public:
     // The string value of `key` when `text` is JSON whose top level is an object holding
     // that key with a string value; none in every other case.
     virtual std::optional<std::string> stringMemberOfObject(std::string_view text, std::string_view key) const = 0;
+    // Likewise for a member whose value is a whole number.
+    virtual std::optional<std::int64_t> integerMemberOfObject(std::string_view text, std::string_view key) const = 0;
 };
 
 class Network {
 public:
     virtual ~Network() = default;
-    // One blocking connection attempt to 127.0.0.1:port, bounded at about a second.
+    // One connection attempt to 127.0.0.1:port, bounded at about a second.
     virtual bool loopbackAcceptsConnections(std::uint16_t port) = 0;
 };
 

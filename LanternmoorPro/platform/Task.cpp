@@ -1,51 +1,40 @@
 #include "LanternmoorPro/platform/Task.hpp"
 
-#include <memory>
-#include <utility>
-
 namespace lm::platform {
-namespace {
 
-// The root of a spawned task: it owns its own frame and frees it when the task is done.
-struct Detached {
-    struct promise_type {
-        Detached get_return_object() noexcept {
-            return Detached{std::coroutine_handle<promise_type>::from_promise(*this)};
+// The frame at the root of one spawned task: it awaits the task and, once that finished, takes
+// itself off the scope's list and frees itself.
+struct TaskScope::Root {
+    struct promise_type : detail::PromiseBase {
+        std::list<std::coroutine_handle<>>* roots = nullptr;
+        std::list<std::coroutine_handle<>>::iterator place;
+
+        Root get_return_object() noexcept { return Root{std::coroutine_handle<promise_type>::from_promise(*this)}; }
+        std::suspend_never final_suspend() noexcept {
+            roots->erase(place);
+            return {};
         }
-        std::suspend_always initial_suspend() noexcept { return {}; }
-        std::suspend_never final_suspend() noexcept { return {}; }
         void return_void() noexcept {}
-        void unhandled_exception() noexcept { std::terminate(); }
     };
     std::coroutine_handle<promise_type> handle;
 };
 
-Detached runDetached(Task<void> task) { co_await std::move(task); }
+TaskScope::Root TaskScope::run(Task<void> task) { co_await std::move(task); }
 
-// Owns a root that has not started yet: a main thread that ends without running the start
-// frees the task instead of leaking it.
-class PendingStart {
-public:
-    explicit PendingStart(std::coroutine_handle<> handle) : handle_(handle) {}
-    PendingStart(PendingStart&& other) noexcept : handle_(std::exchange(other.handle_, {})) {}
-    PendingStart(const PendingStart&) = delete;
-    PendingStart& operator=(const PendingStart&) = delete;
-    PendingStart& operator=(PendingStart&&) = delete;
-    ~PendingStart() {
-        if (handle_) handle_.destroy();
+TaskScope::~TaskScope() {
+    // Destroying a root destroys the task it awaits and everything that task awaits in turn.
+    while (!roots_.empty()) {
+        auto root = roots_.front();
+        roots_.pop_front();
+        root.destroy();
     }
-    void operator()() { std::exchange(handle_, {}).resume(); }
+}
 
-private:
-    std::coroutine_handle<> handle_;
-};
-
-}  // namespace
-
-void spawn(MainThread& mainThread, Task<void> task) {
-    auto root = runDetached(std::move(task));
-    // std::function needs a copyable target, so the owner travels in a shared_ptr.
-    mainThread.post([start = std::make_shared<PendingStart>(root.handle)] { (*start)(); });
+void TaskScope::spawn(MainThread& mainThread, Task<void> task) {
+    auto root = run(std::move(task));
+    root.handle.promise().roots = &roots_;
+    root.handle.promise().place = roots_.insert(roots_.end(), root.handle);
+    mainThread.post(detail::resumption(root.handle));
 }
 
 }  // namespace lm::platform

@@ -4,8 +4,12 @@
 
 #include <chrono>
 #include <coroutine>
+#include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <functional>
+#include <list>
+#include <memory>
 #include <optional>
 #include <utility>
 
@@ -18,8 +22,20 @@ class Task;
 
 namespace detail {
 
+// Whether a frame still exists. Whoever resumes a task later (a timer, a platform callback)
+// looks here first, so a frame destroyed meanwhile is never touched. Main thread only.
+struct FrameLife {
+    bool alive = true;
+};
+
 struct PromiseBase {
     std::coroutine_handle<> continuation = std::noop_coroutine();
+    std::shared_ptr<FrameLife> life = std::make_shared<FrameLife>();
+
+    PromiseBase() = default;
+    PromiseBase(const PromiseBase&) = delete;
+    PromiseBase& operator=(const PromiseBase&) = delete;
+    ~PromiseBase() { life->alive = false; }
 
     std::suspend_always initial_suspend() noexcept { return {}; }
 
@@ -53,6 +69,14 @@ struct Promise<void> : PromiseBase {
     void take() noexcept {}
 };
 
+// Resumes the suspended task on the main thread, unless its frame is gone by then.
+template <typename P>
+auto resumption(std::coroutine_handle<P> task) {
+    return [life = task.promise().life, task] {
+        if (life->alive) task.resume();
+    };
+}
+
 }  // namespace detail
 
 // A lazy task: the body starts only when the task is awaited (or spawned), and the frame is
@@ -80,7 +104,12 @@ public:
     auto operator co_await() && noexcept {
         struct Awaiter {
             Handle handle;
-            bool await_ready() noexcept { return false; }
+            // A task that was moved from has no body to run; saying so beats a null dereference.
+            bool await_ready() noexcept {
+                if (handle) return false;
+                std::fputs("lanternmoor: a task was awaited after it had been moved from\n", stderr);
+                std::abort();
+            }
             std::coroutine_handle<> await_suspend(std::coroutine_handle<> awaiting) noexcept {
                 handle.promise().continuation = awaiting;
                 return handle;
@@ -108,22 +137,62 @@ inline Task<void> Promise<void>::get_return_object() noexcept {
 }
 }  // namespace detail
 
-// Starts `task` on the main thread later and keeps it alive until it finishes; nobody awaits
-// or cancels it. Whatever the task needs must live in its own frame (its parameters).
-void spawn(MainThread& mainThread, Task<void> task);
+// Owns the tasks started through it; nobody awaits or cancels them. Each starts on the main
+// thread later and frees itself when it finishes; one still suspended when the scope goes is
+// destroyed with it, frame and all, and whatever would have resumed it finds it gone.
+class TaskScope {
+public:
+    TaskScope() = default;
+    TaskScope(const TaskScope&) = delete;
+    TaskScope& operator=(const TaskScope&) = delete;
+    ~TaskScope();
+
+    void spawn(MainThread& mainThread, Task<void> task);
+    std::size_t unfinished() const { return roots_.size(); }
+
+private:
+    struct Root;
+    static Root run(Task<void> task);
+    std::list<std::coroutine_handle<>> roots_;
+};
+
+namespace detail {
+
+struct SleepAwaiter {
+    MainThread& mainThread;
+    std::chrono::nanoseconds duration;
+    bool await_ready() noexcept { return false; }
+    template <typename P>
+    void await_suspend(std::coroutine_handle<P> task) {
+        mainThread.postAfter(duration, resumption(task));
+    }
+    void await_resume() noexcept {}
+};
+
+template <typename T>
+struct CompletionAwaiter {
+    MainThread& mainThread;
+    std::function<void(std::function<void(T)>)> start;
+    // Shared with the callback, which may come after the frame is gone.
+    std::shared_ptr<std::optional<T>> result = std::make_shared<std::optional<T>>();
+
+    bool await_ready() noexcept { return false; }
+    template <typename P>
+    void await_suspend(std::coroutine_handle<P> task) {
+        // The result is written before the post that publishes it to the main thread.
+        start([&mainThread = mainThread, result = result, resume = resumption(task)](T value) {
+            result->emplace(std::move(value));
+            mainThread.post(resume);
+        });
+    }
+    T await_resume() { return std::move(**result); }
+};
+
+}  // namespace detail
 
 // Suspends the calling task for `duration` without blocking the main thread.
-inline auto sleepFor(MainThread& mainThread, std::chrono::nanoseconds duration) {
-    struct Awaiter {
-        MainThread& mainThread;
-        std::chrono::nanoseconds duration;
-        bool await_ready() noexcept { return false; }
-        void await_suspend(std::coroutine_handle<> task) {
-            mainThread.postAfter(duration, [task] { task.resume(); });
-        }
-        void await_resume() noexcept {}
-    };
-    return Awaiter{mainThread, duration};
+inline detail::SleepAwaiter sleepFor(MainThread& mainThread, std::chrono::nanoseconds duration) {
+    return {mainThread, duration};
 }
 
 // Awaits a callback-style platform operation: `start` receives the completion callback, which
@@ -131,24 +200,8 @@ inline auto sleepFor(MainThread& mainThread, std::chrono::nanoseconds duration) 
 // Keep the awaiter in a named local and await that: GCC 12 destroys temporaries of a co_await
 // operand twice (a lambda with captures is enough to corrupt the heap).
 template <typename T>
-auto completionOf(MainThread& mainThread, std::function<void(std::function<void(T)>)> start) {
-    struct Awaiter {
-        MainThread& mainThread;
-        std::function<void(std::function<void(T)>)> start;
-        std::optional<T> result;
-
-        bool await_ready() noexcept { return false; }
-        void await_suspend(std::coroutine_handle<> task) {
-            // The awaiter lives in the suspended frame, so it outlives the callback; the
-            // result is written before the post that publishes it to the main thread.
-            start([this, task](T value) {
-                result.emplace(std::move(value));
-                mainThread.post([task] { task.resume(); });
-            });
-        }
-        T await_resume() { return std::move(*result); }
-    };
-    return Awaiter{mainThread, std::move(start), std::nullopt};
+detail::CompletionAwaiter<T> completionOf(MainThread& mainThread, std::function<void(std::function<void(T)>)> start) {
+    return {mainThread, std::move(start)};
 }
 
 }  // namespace lm::platform

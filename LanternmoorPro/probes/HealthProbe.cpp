@@ -31,7 +31,7 @@ Health judge(const HttpResult& result, const platform::Json& json, const std::st
 
 }  // namespace
 
-Task<LanternmoorLauncher::Health> LanternmoorLauncher::probeHealth() {
+Task<LanternmoorLauncher::HealthAnswer> LanternmoorLauncher::probeHealthAnswer() {
     // Named, not temporaries inside the co_await: GCC 12 destroys those twice.
     std::function<void(std::function<void(HttpResult)>)> exchange =
         [&http = platform_.http, request = platform::HttpRequest{workspaceURL() + "api/health", idleLimit,
@@ -40,7 +40,15 @@ Task<LanternmoorLauncher::Health> LanternmoorLauncher::probeHealth() {
         };
     auto reply = platform::completionOf<HttpResult>(platform_.mainThread, std::move(exchange));
     auto result = co_await reply;
-    co_return judge(result, platform_.json, appID);
+    auto health = judge(result, platform_.json, appID);
+    if (health != Health::ours) co_return HealthAnswer{health, std::nullopt};
+    // The shipped service names its process; an answer that does not is judged on the rest.
+    co_return HealthAnswer{health, platform_.json.integerMemberOfObject(result.body, "pid")};
+}
+
+Task<LanternmoorLauncher::Health> LanternmoorLauncher::probeHealth() {
+    auto answer = co_await probeHealthAnswer();
+    co_return answer.health;
 }
 
 }  // namespace lm

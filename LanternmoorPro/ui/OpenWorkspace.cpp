@@ -23,10 +23,10 @@ Task<> LanternmoorLauncher::openWorkspace() {
     }
 }
 
-void LanternmoorLauncher::openFromMenu() { spawnHolding(openWorkspace()); }
+void LanternmoorLauncher::openFromMenu() { spawn(openWorkspace()); }
 
 bool LanternmoorLauncher::applicationShouldHandleReopen(bool /*hasVisibleWindows*/) {
-    if (ready) spawnHolding(openWorkspace());
+    if (ready) spawn(openWorkspace());
     return false;
 }
 

@@ -1,6 +1,7 @@
 // Every text the user can see, in one place, exactly as it must appear.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 namespace lm::texts {
@@ -24,19 +25,36 @@ inline constexpr std::string_view buttonViewGuide = "查看安装说明";
 inline constexpr std::string_view buttonQuit = "退出";
 inline constexpr std::string_view buttonOK = "好";
 
-// The alerts, in the order of their catalogue.
+// The alerts, in the order of their catalogue. Three of them name the Mac's own places; on
+// other systems they name what the user finds there instead.
 inline constexpr std::string_view nodeMissingTitle = "请先安装 Node.js";
 inline constexpr std::string_view nodeMissingMessage =
     "Lanternmoor 需要 Node.js 22.13 或更新版本。应用不会自动安装软件。打开安装说明，按其中的官方链接安装后，再重新打开 Lanternmoor。";
 inline constexpr std::string_view codexMissingTitle = "请先安装并登录 Codex";
+#if defined(__APPLE__)
 inline constexpr std::string_view codexMissingMessage =
     "Lanternmoor 需要这台 Mac 上的 Codex。请按安装说明获取官方 Codex，并选择使用你自己的 ChatGPT 账户登录。无需创建或填写 API 密钥。";
+#else
+inline constexpr std::string_view codexMissingMessage =
+    "Lanternmoor 需要这台电脑上的 Codex。请按安装说明获取官方 Codex，并选择使用你自己的 ChatGPT 账户登录。无需创建或填写 API 密钥。";
+#endif
 inline constexpr std::string_view filesIncompleteTitle = "应用文件不完整";
+#if defined(__APPLE__)
 inline constexpr std::string_view filesIncompleteMessage =
     "没有找到随应用附带的工作区服务。请重新复制完整的 Lanternmoor Pro.app，再打开。";
+#else
+inline constexpr std::string_view filesIncompleteMessage =
+    "没有找到随应用附带的工作区服务。请重新安装完整的 Lanternmoor Pro，再打开。";
+#endif
 inline constexpr std::string_view startFailedTitle = "无法启动 Lanternmoor Pro";
-// Follows the error's own description.
-inline constexpr std::string_view startFailedAdvice = "\n请确认你的“资源库 / Application Support”文件夹可以写入，然后重新打开。";
+// Follows the error's own description; `supportFolder` is the per-user application-support folder.
+inline std::string startFailedAdvice([[maybe_unused]] std::string_view supportFolder) {
+#if defined(__APPLE__)
+    return "\n请确认你的“资源库 / Application Support”文件夹可以写入，然后重新打开。";
+#else
+    return "\n请确认文件夹“" + std::string(supportFolder) + "”可以写入，然后重新打开。";
+#endif
+}
 inline constexpr std::string_view timedOutTitle = "工作区启动超时";
 // The run log's path follows.
 inline constexpr std::string_view timedOutMessage = "本机服务未能及时就绪。请重新打开应用；如仍失败，可查看运行日志：\n";

@@ -11,12 +11,12 @@ from harness import (OK_BUTTON, PORT, PREREQUISITE_BUTTONS, PROGRAM, RESOURCES, 
 OCCUPIED = ("本机地址已被其他程序占用",
             f"127.0.0.1:{PORT} 当前没有返回 Lanternmoor 的服务标识。请先关闭占用该地址的程序，"
             "再重新打开 Lanternmoor Pro。应用没有关闭或替换其他程序。", OK_BUTTON)
-INCOMPLETE = ("应用文件不完整", "没有找到随应用附带的工作区服务。请重新复制完整的 Lanternmoor Pro.app，再打开。", OK_BUTTON)
+INCOMPLETE = ("应用文件不完整", "没有找到随应用附带的工作区服务。请重新安装完整的 Lanternmoor Pro，再打开。", OK_BUTTON)
 NO_NODE = ("请先安装 Node.js", "Lanternmoor 需要 Node.js 22.13 或更新版本。应用不会自动安装软件。"
            "打开安装说明，按其中的官方链接安装后，再重新打开 Lanternmoor。", PREREQUISITE_BUTTONS)
-NO_CODEX = ("请先安装并登录 Codex", "Lanternmoor 需要这台 Mac 上的 Codex。请按安装说明获取官方 Codex，"
+NO_CODEX = ("请先安装并登录 Codex", "Lanternmoor 需要这台电脑上的 Codex。请按安装说明获取官方 Codex，"
             "并选择使用你自己的 ChatGPT 账户登录。无需创建或填写 API 密钥。", PREREQUISITE_BUTTONS)
-NOT_WRITABLE = ("无法启动 Lanternmoor Pro", None, "请确认你的“资源库 / Application Support”文件夹可以写入，然后重新打开。", OK_BUTTON)
+NOT_WRITABLE = ("无法启动 Lanternmoor Pro", None, None, OK_BUTTON)
 NOT_STARTED = ("工作区没有启动成功", "本机服务已停止。请重新打开应用；如仍失败，可查看运行日志：")
 DIED = ("研究工作区已停止", "本机服务意外退出。请重新打开 Lanternmoor Pro。", "运行日志：")
 NO_BROWSER = ("没有打开浏览器", "工作区地址：http://127.0.0.1:18765/", "请检查默认浏览器设置，再重新打开应用。", OK_BUTTON)

@@ -29,7 +29,7 @@ FakeMainThread::TimePoint FakeMainThread::runUntil(TimePoint end) {
 // ---- processes -----------------------------------------------------------------------------
 
 Failure FakeChildProcess::start() {
-    if (script_.startError) return script_.startError;
+    if (script_.startError) return *script_.startError;
     started_ = running_ = true;
     owner_.note("start " + configuration.executable);
     if (script_.exitAfter) exitAfter(*script_.exitAfter, script_.exitStatus);
@@ -91,16 +91,9 @@ public:
     ~FakeFileHandle() override {
         if (open_) --files_.openHandles;
     }
-    Failure seekToEnd() override {
-        if (auto failure = files_.failing("seek")) return failure;
-        position_ = files_.nodes[path_].content.size();
-        return std::nullopt;
-    }
     Failure write(std::string_view bytes) override {
         if (auto failure = files_.failing("write")) return failure;
-        auto& content = files_.nodes[path_].content;
-        content.replace(position_, std::min(bytes.size(), content.size() - position_), bytes);
-        position_ += bytes.size();
+        files_.nodes[path_].content += bytes;
         return std::nullopt;
     }
     Failure close() override {
@@ -113,7 +106,6 @@ public:
 private:
     FakeFileSystem& files_;
     std::string path_;
-    std::size_t position_ = 0;
     bool open_ = true;
 };
 
@@ -126,7 +118,8 @@ std::string parentOf(const std::string& path) {
 
 Failure FakeFileSystem::failing(const std::string& operation) const {
     auto failure = failures.find(operation);
-    return failure == failures.end() ? Failure{} : failure->second;
+    if (failure == failures.end()) return std::nullopt;
+    return failure->second;
 }
 
 bool FakeFileSystem::isExecutableFile(const std::string& path) const {
@@ -149,8 +142,10 @@ Failure FakeFileSystem::setMode(const std::string& path, unsigned mode) {
     return std::nullopt;
 }
 
-bool FakeFileSystem::createFile(const std::string& path, unsigned mode) {
-    return !failures.contains("createFile") && nodes.try_emplace(path, Node{false, mode, {}}).second;
+Failure FakeFileSystem::createFile(const std::string& path, unsigned mode) {
+    if (auto failure = failing("createFile")) return failure;
+    nodes.try_emplace(path, Node{false, mode, {}});
+    return std::nullopt;
 }
 
 platform::Result<std::shared_ptr<platform::FileHandle>> FakeFileSystem::openForWriting(const std::string& path) {
@@ -179,6 +174,14 @@ void FakeHttp::get(const platform::HttpRequest& request, std::function<void(plat
         mainThread_->postAfter(answer->delay, [done = std::move(done), result = answer->result] { done(result); });
     else
         done(answer->result);
+}
+
+std::optional<std::int64_t> FakeJson::integerMemberOfObject(std::string_view text, std::string_view key) const {
+    static const std::regex number(R"xx("([^"]*)"\s*:\s*(-?[0-9]+))xx");
+    std::string body(text);
+    for (auto it = std::sregex_iterator(body.begin(), body.end(), number); it != std::sregex_iterator(); ++it)
+        if ((*it)[1].str() == key) return std::stoll((*it)[2].str());
+    return std::nullopt;
 }
 
 std::optional<std::string> FakeJson::stringMemberOfObject(std::string_view text, std::string_view key) const {

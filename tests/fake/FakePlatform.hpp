@@ -8,6 +8,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -92,6 +93,7 @@ struct FakeChildProcess final : platform::ChildProcess, std::enable_shared_from_
     Failure start() override;
     bool isRunning() const override { return running_; }
     std::int32_t processIdentifier() const override { return started_ ? pid_ : 0; }
+    bool includes(std::int64_t pid) const override { return started_ && (pid == pid_ || group.contains(pid)); }
     int terminationStatus() const override { return status_; }
     std::string capturedOutput() const override { return started_ && !running_ ? script_.output : std::string(); }
     void terminate() override;
@@ -100,6 +102,7 @@ struct FakeChildProcess final : platform::ChildProcess, std::enable_shared_from_
     void exit(int status);
 
     const platform::ProcessConfiguration configuration;
+    std::set<std::int64_t> group;  // processes it started
 
 private:
     void exitAfter(std::chrono::nanoseconds delay, int status);
@@ -132,7 +135,7 @@ struct FakeFileSystem final : platform::FileSystem {
     bool isExecutableFile(const std::string& path) const override;
     Failure createDirectories(const std::string& path, unsigned mode) override;
     Failure setMode(const std::string& path, unsigned mode) override;
-    bool createFile(const std::string& path, unsigned mode) override;
+    Failure createFile(const std::string& path, unsigned mode) override;
     platform::Result<std::shared_ptr<platform::FileHandle>> openForWriting(const std::string& path) override;
 
     void addFile(const std::string& path, std::string content = {}, unsigned mode = 0644);
@@ -169,6 +172,7 @@ private:
 // Understands exactly the flat objects of string members the tests send.
 struct FakeJson final : platform::Json {
     std::optional<std::string> stringMemberOfObject(std::string_view text, std::string_view key) const override;
+    std::optional<std::int64_t> integerMemberOfObject(std::string_view text, std::string_view key) const override;
 };
 
 struct FakeNetwork final : platform::Network {

@@ -65,7 +65,8 @@ TEST(QtApplication, TerminationRequestsAndSignalsReachTheDelegateThroughTheLoop)
         auto delegate = std::make_shared<RecordingDelegate>();
         std::size_t callsRightAfterTheSignal = 0;
         {
-            QtApplication application;
+            platform::qt::QtMainThread mainThread;
+            QtApplication application(mainThread, nullptr);
             delegate->replies = replies;
             delegate->onLaunch = [&] {
                 if (signal == 0) return application.terminate();

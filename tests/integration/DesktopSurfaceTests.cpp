@@ -57,6 +57,7 @@ TEST(DesktopMenu, ShowsTheSixEntriesAndTriggersTheActionsOfTheEnabledOnes) {
     target.reset();
     for (auto* entry : entries) entry->trigger();
 
+    QCoreApplication::processEvents();  // the icon is put up once back in the event loop
     const auto picture = icon.icon().pixmap(64).toImage();
     QImage blank(picture.size(), picture.format());
     blank.fill(Qt::transparent);
@@ -104,8 +105,7 @@ TEST(DesktopAlerts, ShowTheAlertAndAnswerWithTheButtonClickedOrTheLastForABoxClo
             EXPECT_EQ(box->icon(), expectedIcon);
             EXPECT_EQ(leftToRight, alert.buttons);
             EXPECT_EQ(box->defaultButton(), buttons.front());
-            // Escape may stand for a button only when it cannot be mistaken for a choice.
-            EXPECT_EQ(box->escapeButton(), buttons.size() == 1 ? buttons.front() : nullptr);
+            EXPECT_EQ(box->escapeButton(), buttons.back());
             click < 0 ? box->done(0) : buttons.at(click)->click();
         });
         poll.start(5);

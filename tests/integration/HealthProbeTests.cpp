@@ -65,10 +65,10 @@ const std::vector<Reply> replies = {
     {"Chunked", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\n" + matching.substr(0, 9) + "\r\n18\r\n" +
                     matching.substr(9) + "\r\n0\r\n\r\n",
      Health::ours},
-    {"Gzipped", answer("200 OK", gzipped, "Content-Encoding: gzip\r\n"), Health::ours},
+    {"Gzipped", answer("200 OK", gzipped, "Content-Encoding: gzip\r\n"), Health::foreign},
     {"SmallOnTheWireOver4096Decoded", answer("200 OK", gzippedPadded, "Content-Encoding: gzip\r\n"), Health::foreign},
     {"EndedByClosing", "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + matching, Health::ours},
-    {"RedirectToMatching", answer("302 Found", "", "Location: /moved\r\n"), Health::ours},
+    {"RedirectToMatching", answer("302 Found", "", "Location: /moved\r\n"), Health::foreign},
     {"Status201", answer("201 Created", matching), Health::foreign},
     {"Status204", answer("204 No Content", ""), Health::foreign},
     {"Status301WithoutLocation", answer("301 Moved Permanently", matching), Health::foreign},
@@ -88,7 +88,7 @@ const std::vector<Reply> replies = {
     {"EmptyBody", ok(""), Health::foreign},
     {"NotJson", ok("ok"), Health::foreign},
     {"JsonFollowedByGarbage", ok(matching + "}"), Health::foreign},
-    {"NotHttpAtAll", "SSH-2.0-OpenSSH_9.2\r\n", Health::noResponse},
+    {"NotHttpAtAll", "SSH-2.0-OpenSSH_9.2\r\n", Health::foreign},
     {"HangsUpWithoutAnswer", "", Health::noResponse},
     {"BodyShorterThanAnnounced", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n" + matching, Health::noResponse},
     // Paced so that only a probe that stops reading at the limit answers in time.

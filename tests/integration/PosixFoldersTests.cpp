@@ -18,9 +18,8 @@ namespace lm::testing {
 namespace {
 
 TEST(PosixFolders, resourcesLieBesideTheExecutableAndPerUserDataFollowsXdgThenHomeThenThePasswordDatabase) {
-    auto installed = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path();
-    EXPECT_EQ(platform::posix::PosixFolders(fake::FakeEnvironment()).resourcesFolder(),
-              (installed / "share/lanternmoor-pro").string());
+    EXPECT_EQ(platform::posix::PosixFolders(fake::FakeEnvironment(), "/usr/bin/").resourcesFolder(),
+              "/usr/share/lanternmoor-pro");
 
     const std::string passwordHome = ::getpwuid(::getuid())->pw_dir;
     using Row = std::tuple<std::optional<std::string>, std::optional<std::string>, std::string, std::string>;
@@ -36,7 +35,7 @@ TEST(PosixFolders, resourcesLieBesideTheExecutableAndPerUserDataFollowsXdgThenHo
         fake::FakeEnvironment environment;
         if (home) environment.set("HOME", *home);
         if (dataHome) environment.set("XDG_DATA_HOME", *dataHome);
-        platform::posix::PosixFolders folders(environment);
+        platform::posix::PosixFolders folders(environment, "");
         EXPECT_EQ(folders.homeFolder(), expectedHome);
         EXPECT_EQ(folders.applicationSupportFolders(), std::vector{expectedData});
     }

@@ -38,8 +38,9 @@ platform::Task<> collect(platform::Task<T> task, std::shared_ptr<Outcome<T>> out
 // Starts the task on the main thread; it runs once the event loop is served.
 template <typename T>
 std::shared_ptr<Outcome<T>> start(platform::MainThread& mainThread, platform::Task<T> task) {
+    static platform::TaskScope scope;
     auto outcome = std::make_shared<Outcome<T>>();
-    platform::spawn(mainThread, collect(std::move(task), outcome));
+    scope.spawn(mainThread, collect(std::move(task), outcome));
     return outcome;
 }
 

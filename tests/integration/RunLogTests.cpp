@@ -80,7 +80,7 @@ TEST_F(RunLog, aPlaceThatCannotHoldTheLogEndsWithADescriptionAndNoLog) {
     std::filesystem::create_symlink(folder / "missing/target", log);
     for (auto [place, call, reason] : {std::tuple{folder / "file/Lanternmoor Pro", "mkdir", folder / "file"},
                                        {folder / "parent/child/x/y", "mkdir", folder / "parent/child"},
-                                       {dataFolder, "createFile", std::string("无法创建本机运行日志。")}}) {
+                                       {dataFolder, "chmod", dataFolder + "/server.log"}}) {
         SCOPED_TRACE(place);
         auto prepared = world.launcher->prepareLog(FileLocation{place, true});
         ASSERT_FALSE(prepared);

@@ -12,6 +12,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "LanternmoorPro/platform/posix/PosixProcesses.hpp"
 #include "LanternmoorPro/platform/posix/TerminationSignals.hpp"
 #include "LanternmoorPro/platform/terminal/TerminalAlerts.hpp"
 #include "LanternmoorPro/platform/terminal/TerminalOpener.hpp"
@@ -135,7 +136,7 @@ TEST(TerminalTypedMenu, PicksEnabledEntriesByKeyOrNumberWhileNoAlertWaitsUntilTh
     for (int round = 0; round < 5; ++round) QCoreApplication::processEvents();
     // Alerts that can be neither answered nor seen still end, as their last button.
     Terminal::hangUp(terminal.screen[0]);
-    platform::posix::ignoreTerminalStreamSignals();
+    platform::posix::ignoreStreamSignals();
     EXPECT_EQ(alerts.runModal(prerequisite.alert), Alerts::firstButton + 1);
     EXPECT_EQ(alerts.runModal(failure.alert), Alerts::firstButton);
 }
@@ -154,7 +155,8 @@ TEST(TerminalOpener, PrintsTheURLAndRunsTheBrowserWithItFailingOnlyWhenItCannotS
     for (const auto& [browser, opened] : rows) {
         SCOPED_TRACE(browser.value_or("unset"));
         Terminal terminal;
-        EXPECT_EQ(TerminalOpener(terminal.output, browser).open(workspace), opened);
+        platform::posix::PosixProcesses processes;
+        EXPECT_EQ(TerminalOpener(terminal.output, processes, browser).open(workspace), opened);
         EXPECT_EQ(terminal.printed(), "→ " + workspace + "\n");
     }
     ASSERT_TRUE(serveEventsUntil([&] { return ::access(record.c_str(), F_OK) == 0; }));

@@ -62,7 +62,7 @@ struct Harness {
     template <typename T>
     T await(Task<T> task) {
         std::optional<T> result;
-        platform::spawn(fake.mainThread, store(std::move(task), result));
+        scope.spawn(fake.mainThread, store(std::move(task), result));
         fake.mainThread.runUntilIdle();
         EXPECT_TRUE(result.has_value()) << "the task did not finish";
         return std::move(*result);
@@ -90,6 +90,7 @@ struct Harness {
     fake::FakeMenu& menu() { return *fake.statusBar.items.at(0)->menu; }
 
     fake::FakePlatform fake;
+    platform::TaskScope scope;
     platform::Platform platform = fake.platform();
     std::shared_ptr<LanternmoorLauncher> launcher = std::make_shared<LanternmoorLauncher>(platform);
 

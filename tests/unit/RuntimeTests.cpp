@@ -4,10 +4,11 @@ namespace lm::test {
 namespace {
 
 using platform::sleepFor;
-using platform::spawn;
 
 struct Runtime : testing::Test {
     fake::FakeMainThread mainThread;
+    platform::TaskScope scope;
+    void spawn(fake::FakeMainThread& thread, Task<> task) { scope.spawn(thread, std::move(task)); }
 };
 
 TEST_F(Runtime, ResumesEveryAwaitedStepOnTheMainThread) {
@@ -70,8 +71,8 @@ TEST_F(LauncherTest, TwoProbesOutstandingAtOnceEachGetTheirOwnAnswer) {
         auto health = co_await std::move(probe);
         out.emplace_back(id, health);
     };
-    spawn(fake.mainThread, run(launcher->probeHealth(), 1, results));
-    spawn(fake.mainThread, run(launcher->probeHealth(), 2, results));
+    scope.spawn(fake.mainThread, run(launcher->probeHealth(), 1, results));
+    scope.spawn(fake.mainThread, run(launcher->probeHealth(), 2, results));
     fake.mainThread.runUntilIdle();
     EXPECT_EQ(results, (std::vector<std::pair<int, Health>>{{2, Health::foreign}, {1, Health::ours}}));
 }

@@ -123,13 +123,13 @@ INSTANTIATE_TEST_SUITE_P(
         Failed{"CodexMissing", [](auto& h) { h.fake.files.nodes.erase(codex); }, texts::codexMissingTitle},
         Failed{"LogCannotBeCreated", [](auto& h) { h.fake.files.failures["createFile"] = platform::Error{}; },
                texts::startFailedTitle,
-               "无法创建本机运行日志。\n请确认你的“资源库 / Application Support”文件夹可以写入，然后重新打开。"},
+               "无法创建本机运行日志。\n请确认文件夹“/home/ada/.local/share”可以写入，然后重新打开。"},
         Failed{"ServiceCannotStart",
                [](auto& h) {
                    h.serviceProcess().startError =
                        platform::Error{"POSIX", 13, "无法启动程序“/usr/bin/node”：没有访问权限。", "posix_spawn"};
                },
-               texts::startFailedTitle, "无法启动程序“/usr/bin/node”：没有访问权限。" + std::string(texts::startFailedAdvice),
+               texts::startFailedTitle, "无法启动程序“/usr/bin/node”：没有访问权限。" + texts::startFailedAdvice("/home/ada/.local/share"),
                Service::unsignalled},
         // Eighteen seconds after the launch it is stopped, then the notice tells where the log is.
         Failed{"TimedOut", [](auto&) {}, texts::timedOutTitle, afterLog(texts::timedOutMessage), Service::stopped},

@@ -8,6 +8,8 @@
 #include <string_view>
 #include <system_error>
 
+extern char** environ;
+
 namespace lm::platform::posix {
 namespace {
 
@@ -43,14 +45,19 @@ EnvironmentVariables PosixEnvironment::all() const {
 }
 
 std::optional<std::string> PosixFolders::resourcesFolder() const {
-    std::error_code error;
-    auto executable = std::filesystem::read_symlink("/proc/self/exe", error);
-    if (error) return std::nullopt;
-    auto folder = (executable.parent_path() / ".." / "share" / "lanternmoor-pro").lexically_normal();
-    return withoutTrailingSlash(folder.string());
+    if (programFolder_.empty()) return std::nullopt;
+#if defined(__APPLE__)
+    const auto relative = std::filesystem::path("..") / "Resources";
+#else
+    const auto relative = std::filesystem::path("..") / "share" / "lanternmoor-pro";
+#endif
+    return withoutTrailingSlash((std::filesystem::path(programFolder_) / relative).lexically_normal().string());
 }
 
 std::vector<std::string> PosixFolders::applicationSupportFolders() const {
+#if defined(__APPLE__)
+    return {homeFolder() + "/Library/Application Support"};
+#endif
     // A relative XDG_DATA_HOME is invalid by the XDG rules and is ignored, as they ask.
     auto dataHome = environment_.variable("XDG_DATA_HOME");
     if (dataHome && dataHome->starts_with('/')) return {withoutTrailingSlash(*dataHome)};

@@ -16,18 +16,23 @@ public:
     EnvironmentVariables all() const override;
 };
 
-// The three folders by the XDG base-directory rules, taken from the environment it is given.
+// The three folders, taken from the environment it is given: per-user data by the XDG
+// base-directory rules (in a Mac's Library/Application Support), resources beside the program.
 class PosixFolders final : public Folders {
 public:
-    explicit PosixFolders(const Environment& environment) : environment_(environment) {}
+    // `programFolder` is the folder of the running executable; empty when it is not known.
+    PosixFolders(const Environment& environment, std::string programFolder)
+        : environment_(environment), programFolder_(std::move(programFolder)) {}
 
-    // <folder of the running executable>/../share/lanternmoor-pro, as installed and as built.
+    // <program folder>/../share/lanternmoor-pro, as installed and as built; in an app bundle,
+    // its Contents/Resources.
     std::optional<std::string> resourcesFolder() const override;
     std::vector<std::string> applicationSupportFolders() const override;
     std::string homeFolder() const override;
 
 private:
     const Environment& environment_;
+    std::string programFolder_;
 };
 
 }  // namespace lm::platform::posix

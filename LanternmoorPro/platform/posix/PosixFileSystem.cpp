@@ -7,21 +7,17 @@
 #include <cerrno>
 #include <utility>
 
+#include "LanternmoorPro/platform/posix/System.hpp"
+
 namespace lm::platform::posix {
 
 PosixFileHandle::PosixFileHandle(int descriptor, std::string path) : descriptor_(descriptor), path_(std::move(path)) {}
 
 PosixFileHandle::~PosixFileHandle() { (void)close(); }
 
-Failure PosixFileHandle::seekToEnd() {
-    if (::lseek(descriptor_, 0, SEEK_END) < 0) return Error::fromSyscall("lseek", errno, path_);
-    return std::nullopt;
-}
-
 Failure PosixFileHandle::write(std::string_view bytes) {
     while (!bytes.empty()) {
-        auto written = ::write(descriptor_, bytes.data(), bytes.size());
-        if (written < 0 && errno == EINTR) continue;
+        auto written = retryingInterrupted([&] { return ::write(descriptor_, bytes.data(), bytes.size()); });
         if (written < 0) return Error::fromSyscall("write", errno, path_);
         bytes.remove_prefix(static_cast<std::size_t>(written));
     }
@@ -77,17 +73,18 @@ Failure PosixFileSystem::setMode(const std::string& path, unsigned mode) {
     return std::nullopt;
 }
 
-bool PosixFileSystem::createFile(const std::string& path, unsigned mode) {
-    auto descriptor = ::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, mode);
-    if (descriptor < 0) return false;
+Failure PosixFileSystem::createFile(const std::string& path, unsigned mode) {
+    Descriptor file(::open(path.c_str(), O_CREAT | O_EXCL | O_WRONLY | O_CLOEXEC, mode));
+    if (!file && errno == EEXIST) return std::nullopt;
+    if (!file) return Error::fromSyscall("open", errno, path);
     // open applies the umask; only fchmod gives the file exactly `mode`.
-    auto modeSet = ::fchmod(descriptor, mode) == 0;
-    ::close(descriptor);
-    return modeSet;
+    if (::fchmod(file.get(), mode) != 0) return Error::fromSyscall("fchmod", errno, path);
+    return std::nullopt;
 }
 
 Result<std::shared_ptr<FileHandle>> PosixFileSystem::openForWriting(const std::string& path) {
-    auto descriptor = ::open(path.c_str(), O_WRONLY | O_CLOEXEC);
+    // Appending: another launcher writing to the same log never lands on our bytes, nor we on its.
+    auto descriptor = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
     if (descriptor < 0) return Error::fromSyscall("open", errno, path);
     return std::shared_ptr<FileHandle>(std::make_shared<PosixFileHandle>(descriptor, path));
 }

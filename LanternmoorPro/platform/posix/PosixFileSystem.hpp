@@ -16,7 +16,6 @@ public:
     PosixFileHandle(const PosixFileHandle&) = delete;
     PosixFileHandle& operator=(const PosixFileHandle&) = delete;
 
-    Failure seekToEnd() override;
     Failure write(std::string_view bytes) override;
     // Closes once; later calls do nothing and report nothing.
     Failure close() override;
@@ -35,7 +34,7 @@ public:
     bool isExecutableFile(const std::string& path) const override;
     Failure createDirectories(const std::string& path, unsigned mode) override;
     Failure setMode(const std::string& path, unsigned mode) override;
-    bool createFile(const std::string& path, unsigned mode) override;
+    Failure createFile(const std::string& path, unsigned mode) override;
     Result<std::shared_ptr<FileHandle>> openForWriting(const std::string& path) override;
 
 private:

@@ -5,8 +5,8 @@
 
 namespace lm::platform::posix {
 
-// A blocking connect whose length is capped by the socket's send time-out, which Linux also
-// applies to connect. Nothing is sent on a connection that is accepted.
+// A non-blocking connect bounded by poll, which every system honours (a send time-out does not
+// bound connect everywhere). Nothing is sent on a connection that is accepted.
 class PosixNetwork final : public Network {
 public:
     bool loopbackAcceptsConnections(std::uint16_t port) override;

@@ -4,13 +4,15 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
-#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#if !LM_PORTABLE
+#include <sys/syscall.h>
+#endif
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
+#include <climits>
 #include <filesystem>
 #include <mutex>
 #include <string>
@@ -20,65 +22,23 @@
 #include <vector>
 
 #include "LanternmoorPro/platform/posix/PosixFileSystem.hpp"
+#include "LanternmoorPro/platform/posix/System.hpp"
+
+extern char** environ;
 
 namespace lm::platform::posix {
 
 namespace detail {
-
-// Stands between every watch and the handler it reports to, so that once the owner has closed
-// it no handler runs any more, not even one that was about to start.
-struct HandlerGate {
-    std::mutex mutex;
-    bool open = true;
-
-    void report(const TerminationHandler& handler, std::int32_t processIdentifier) {
-        std::lock_guard lock(mutex);
-        if (open && handler) handler(processIdentifier);
-    }
-    void close() {
-        std::lock_guard lock(mutex);
-        open = false;
-    }
-};
-
-}  // namespace detail
-
-namespace {
-
-class Descriptor {
-public:
-    Descriptor() = default;
-    explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
-    Descriptor(Descriptor&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
-    Descriptor& operator=(Descriptor&& other) noexcept {
-        if (this != &other) {
-            reset();
-            descriptor_ = std::exchange(other.descriptor_, -1);
-        }
-        return *this;
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { reset(); }
-
-    int get() const { return descriptor_; }
-    explicit operator bool() const { return descriptor_ >= 0; }
-    void reset() {
-        if (descriptor_ >= 0) ::close(std::exchange(descriptor_, -1));
-    }
-
-private:
-    int descriptor_ = -1;
-};
 
 // Everything the process object and its watch share; the watch writes while the main thread
 // reads, so every field is guarded by `mutex`.
 struct ChildState {
     std::mutex mutex;
     TerminationHandler handler;
-    std::int32_t processIdentifier = 0;
-    Descriptor processDescriptor;  // open from the start until the child is reaped
+    pid_t processIdentifier = 0;
+    // Started and not yet reaped: only then may a signal use the identifier.
     bool running = false;
+    bool outlivesLauncher = false;
     int status = 0;
     std::string output;
 
@@ -87,28 +47,69 @@ struct ChildState {
         auto room = ChildProcess::capturedOutputLimit + 1 - output.size();
         output.append(bytes.substr(0, std::min(room, bytes.size())));
     }
+
+    void signal(int number, bool wholeGroup) {
+        std::lock_guard lock(mutex);
+        if (running) ::kill(wholeGroup ? -processIdentifier : processIdentifier, number);
+    }
 };
+
+// The children not yet reaped, and the gate between every watch and the handler it reports to:
+// once closed, no handler runs any more, not even one that was about to start.
+struct Children {
+    std::mutex mutex;
+    bool reporting = true;
+    std::vector<std::weak_ptr<ChildState>> live;
+
+    void add(const std::shared_ptr<ChildState>& child) {
+        std::lock_guard lock(mutex);
+        std::erase_if(live, [](const auto& entry) { return entry.expired(); });
+        live.push_back(child);
+    }
+    void report(const TerminationHandler& handler, std::int32_t processIdentifier) {
+        std::lock_guard lock(mutex);
+        if (reporting && handler) handler(processIdentifier);
+    }
+};
+
+}  // namespace detail
+
+namespace {
+
+using detail::ChildState;
+using detail::Children;
 
 // An exit status for a child whose end could not be read (someone else reaped it).
 constexpr int unknownExit = 255;
 
-// Reads the child's output while it runs, reaps it once its pidfd says it has ended, and
+// Signals meant for the launcher belong to the thread that handles them, never to a watch.
+void blockSignals() {
+    sigset_t all;
+    ::sigfillset(&all);
+    ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+}
+
+// Reads the child's output while it runs, reaps it once its exit notice says it has ended, and
 // reports the end. One thread per child: the launcher runs at most a service and one version
 // probe at a time, and a thread that only waits on its own child needs no registry, no wake-up
 // channel and no bookkeeping of which descriptor belongs to whom.
 class Watch {
 public:
-    Watch(std::shared_ptr<ChildState> state, std::shared_ptr<detail::HandlerGate> gate, pid_t processIdentifier,
-          int processDescriptor, Descriptor output)
+    Watch(std::shared_ptr<ChildState> state, std::shared_ptr<Children> children, pid_t processIdentifier,
+          Descriptor exitNotice, Descriptor output)
         : state_(std::move(state)),
-          gate_(std::move(gate)),
+          children_(std::move(children)),
           processIdentifier_(processIdentifier),
-          processDescriptor_(processDescriptor),
+          exitNotice_(std::move(exitNotice)),
           output_(std::move(output)) {}
 
     void operator()() {
         blockSignals();
         waitForExit();
+        {
+            std::lock_guard lock(state_->mutex);
+            state_->running = false;
+        }
         auto status = reap();
         drainOutput();
         finish(status);
@@ -117,18 +118,11 @@ public:
 private:
     enum class Read { data, nothingYet, ended };
 
-    // Signals meant for the launcher belong to the thread that handles them, never to a watch.
-    static void blockSignals() {
-        sigset_t all;
-        ::sigfillset(&all);
-        ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
-    }
-
     void waitForExit() {
         for (;;) {
             // poll skips a negative descriptor, so an ended output simply drops out of the watch.
-            std::array<pollfd, 2> watched{{{processDescriptor_, POLLIN, 0}, {output_.get(), POLLIN, 0}}};
-            if (::poll(watched.data(), watched.size(), -1) < 0) continue;  // EINTR or a passing lack of memory
+            std::array<pollfd, 2> watched{{{exitNotice_.get(), POLLIN, 0}, {output_.get(), POLLIN, 0}}};
+            if (::poll(watched.data(), watched.size(), -1) < 0) continue;  // a passing lack of memory
             if (watched[1].revents != 0) (void)readOutput();
             if (watched[0].revents != 0) return;
         }
@@ -136,11 +130,7 @@ private:
 
     int reap() const {
         int status = 0;
-        pid_t reaped = 0;
-        do {
-            reaped = ::waitpid(processIdentifier_, &status, 0);
-        } while (reaped < 0 && errno == EINTR);
-        if (reaped < 0) return unknownExit;
+        if (retryingInterrupted([&] { return ::waitpid(processIdentifier_, &status, 0); }) < 0) return unknownExit;
         if (WIFEXITED(status)) return WEXITSTATUS(status);
         if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
         return unknownExit;
@@ -171,21 +161,43 @@ private:
         TerminationHandler handler;
         {
             std::lock_guard lock(state_->mutex);
-            state_->running = false;
             state_->status = status;
-            state_->processDescriptor.reset();
             handler = std::move(state_->handler);
         }
-        gate_->report(handler, processIdentifier_);
+        children_->report(handler, processIdentifier_);
     }
 
     std::shared_ptr<ChildState> state_;
-    std::shared_ptr<detail::HandlerGate> gate_;
+    std::shared_ptr<Children> children_;
     pid_t processIdentifier_;
-    int processDescriptor_;
+    Descriptor exitNotice_;
     Descriptor output_;
     std::vector<char> buffer_ = std::vector<char>(64 * 1024);
 };
+
+// A descriptor that becomes readable once the child has ended, while it is not yet reaped.
+Result<Descriptor> exitNoticeFor(pid_t processIdentifier, [[maybe_unused]] ExitWatch watch) {
+#if !LM_PORTABLE
+    if (watch == ExitWatch::automatic) {
+        Descriptor processDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, processIdentifier, 0)));
+        if (processDescriptor) return processDescriptor;
+        // Kernels before 5.3 and some sandboxes have no pidfds; the portable watch serves there.
+    }
+#endif
+    auto pipe = makePipe(NonBlocking::none);
+    if (!pipe) return pipe.error();
+    try {
+        // WNOWAIT leaves the child for the watch to reap; the pipe's end closing is the notice.
+        std::thread([processIdentifier, notice = std::move(pipe.value().writeEnd)] {
+            blockSignals();
+            siginfo_t info{};
+            (void)retryingInterrupted([&] { return ::waitid(P_PID, processIdentifier, &info, WEXITED | WNOWAIT); });
+        }).detach();
+    } catch (const std::system_error& failure) {
+        return Error::fromSyscall("pthread_create", failure.code().value(), "");
+    }
+    return std::move(pipe.value().readEnd);
+}
 
 // A null-terminated array of C strings that owns its strings.
 class StringVector {
@@ -221,6 +233,7 @@ StringVector environmentOf(const EnvironmentVariables& variables) {
 std::string programPath(const ProcessConfiguration& configuration) {
     const auto& executable = configuration.executable;
     if (!configuration.workingDirectory || executable.empty() || executable.front() == '/') return executable;
+    if (configuration.searchPath && executable.find('/') == std::string::npos) return executable;
     std::error_code error;
     auto absolute = std::filesystem::absolute(executable, error);
     return error ? executable : absolute.string();
@@ -266,15 +279,24 @@ public:
     }
 
     // The launcher catches its termination signals and ignores SIGPIPE, and a thread may block
-    // signals when it spawns; a child must start with none of that.
-    void resetSignals() {
+    // signals when it spawns; a child must start with none of that. It starts a process group of
+    // its own, so a Ctrl+C meant for the launcher never reaches it and its forced stop reaches
+    // everything it started; a program handed to the user gets a session of its own instead.
+    void isolate(const ProcessConfiguration& configuration) {
         sigset_t none;
         sigset_t all;
         ::sigemptyset(&none);
         ::sigfillset(&all);
         note(::posix_spawnattr_setsigmask(&attributes_, &none));
         note(::posix_spawnattr_setsigdefault(&attributes_, &all));
-        note(::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF));
+        short flags = POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF;
+        if (configuration.outlivesLauncher) {
+            flags |= POSIX_SPAWN_SETSID;
+        } else {
+            flags |= POSIX_SPAWN_SETPGROUP;
+            note(::posix_spawnattr_setpgroup(&attributes_, 0));
+        }
+        note(::posix_spawnattr_setflags(&attributes_, flags));
     }
 
     Result<pid_t> spawn(const ProcessConfiguration& configuration) {
@@ -283,8 +305,9 @@ public:
         auto environment = environmentOf(configuration.environment.value_or(EnvironmentVariables{}));
         auto* variables = configuration.environment ? environment.get() : environ;
         pid_t processIdentifier = 0;
-        auto error = ::posix_spawn(&processIdentifier, programPath(configuration).c_str(), &actions_, &attributes_,
-                                   arguments.get(), variables);
+        auto program = programPath(configuration);
+        auto spawner = configuration.searchPath ? ::posix_spawnp : ::posix_spawn;
+        auto error = spawner(&processIdentifier, program.c_str(), &actions_, &attributes_, arguments.get(), variables);
         if (error != 0) return Error::fromSyscall("posix_spawn", error, configuration.executable);
         return processIdentifier;
     }
@@ -313,32 +336,10 @@ private:
     int error_ = 0;
 };
 
-struct Pipe {
-    Descriptor output;  // the end the watch reads
-    Descriptor input;   // the end the child writes
-};
-
-Result<Pipe> outputPipe(const std::string& executable) {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) return Error::fromSyscall("pipe", errno, executable);
-    Pipe pipe{Descriptor(ends[0]), Descriptor(ends[1])};
-    // Only the reading end: the child's end stays blocking, as every program expects.
-    ::fcntl(pipe.output.get(), F_SETFL, O_NONBLOCK);
-    return pipe;
-}
-
-// For a child that was started but cannot be watched: it must not run on unobserved, nor
-// stay a zombie. Its identifier cannot have been reused, since it was never reaped.
-void killAndReap(pid_t processIdentifier) {
-    ::kill(processIdentifier, SIGKILL);
-    while (::waitpid(processIdentifier, nullptr, 0) < 0 && errno == EINTR) {
-    }
-}
-
 class PosixChildProcess final : public ChildProcess {
 public:
-    PosixChildProcess(ProcessConfiguration configuration, std::shared_ptr<detail::HandlerGate> gate)
-        : configuration_(std::move(configuration)), gate_(std::move(gate)) {}
+    PosixChildProcess(ProcessConfiguration configuration, std::shared_ptr<Children> children, ExitWatch watch)
+        : configuration_(std::move(configuration)), children_(std::move(children)), watch_(watch) {}
 
     void setTerminationHandler(TerminationHandler handler) override {
         std::lock_guard lock(state_->mutex);
@@ -348,17 +349,17 @@ public:
     Failure start() override {
         if (started_) return Error::fromSyscall("posix_spawn", EALREADY, configuration_.executable);
         started_ = true;
-        auto pipe = needsOutputPipe(configuration_) ? outputPipe(configuration_.executable) : Result<Pipe>(Pipe{});
+        auto pipe = needsOutputPipe(configuration_) ? makePipe(NonBlocking::readEnd) : Result<Pipe>(Pipe{});
         if (!pipe) return pipe.error();
         SpawnSetup setup;
-        setup.connectStreams(configuration_, pipe.value().input.get());
+        setup.connectStreams(configuration_, pipe.value().writeEnd.get());
         setup.changeDirectory(configuration_.workingDirectory);
-        setup.resetSignals();
+        setup.isolate(configuration_);
         auto spawned = setup.spawn(configuration_);
         if (!spawned) return spawned.error();
         // The parent's copy of the child's end would keep the pipe from ever ending.
-        pipe.value().input.reset();
-        return watch(spawned.value(), std::move(pipe.value().output));
+        pipe.value().writeEnd.reset();
+        return watch(spawned.value(), std::move(pipe.value().readEnd));
     }
 
     bool isRunning() const override {
@@ -371,6 +372,15 @@ public:
         return state_->processIdentifier;
     }
 
+    bool includes(std::int64_t processIdentifier) const override {
+        std::lock_guard lock(state_->mutex);
+        if (state_->processIdentifier == 0) return false;
+        if (processIdentifier == state_->processIdentifier) return true;
+        // The group is ours only while its leader is not reaped.
+        if (!state_->running || processIdentifier <= 0 || processIdentifier > INT_MAX) return false;
+        return ::getpgid(static_cast<pid_t>(processIdentifier)) == state_->processIdentifier;
+    }
+
     int terminationStatus() const override {
         std::lock_guard lock(state_->mutex);
         return state_->status;
@@ -381,61 +391,68 @@ public:
         return state_->output;
     }
 
-    void terminate() override { signal(SIGTERM); }
-    void kill() override { signal(SIGKILL); }
+    void terminate() override { state_->signal(SIGTERM, false); }
+    void kill() override { state_->signal(SIGKILL, true); }
 
 private:
     Failure watch(pid_t processIdentifier, Descriptor output) {
-        auto processDescriptor = static_cast<int>(::syscall(SYS_pidfd_open, processIdentifier, 0));
-        if (processDescriptor < 0) {
-            auto error = errno;
-            killAndReap(processIdentifier);
-            return Error::fromSyscall("pidfd_open", error, configuration_.executable);
-        }
         {
             std::lock_guard lock(state_->mutex);
             state_->processIdentifier = processIdentifier;
-            state_->processDescriptor = Descriptor(processDescriptor);
             state_->running = true;
+            state_->outlivesLauncher = configuration_.outlivesLauncher;
         }
+        auto exitNotice = exitNoticeFor(processIdentifier, watch_);
+        if (!exitNotice) return abandon(exitNotice.error());
         try {
-            std::thread(Watch(state_, gate_, processIdentifier, processDescriptor, std::move(output))).detach();
+            std::thread(Watch(state_, children_, processIdentifier, exitNotice.release(), std::move(output))).detach();
         } catch (const std::system_error& failure) {
-            forget();
-            killAndReap(processIdentifier);
-            return Error::fromSyscall("pthread_create", failure.code().value(), configuration_.executable);
+            return abandon(Error::fromSyscall("pthread_create", failure.code().value(), configuration_.executable));
         }
+        children_->add(state_);
         return std::nullopt;
     }
 
-    void forget() {
-        std::lock_guard lock(state_->mutex);
-        state_->running = false;
-        state_->processDescriptor.reset();
-    }
-
-    // Through the pidfd: once the child is reaped its identifier may belong to someone else,
-    // but the pidfd still names the ended child and the signal goes nowhere.
-    void signal(int number) {
-        std::lock_guard lock(state_->mutex);
-        if (!state_->running) return;
-        ::syscall(SYS_pidfd_send_signal, state_->processDescriptor.get(), number, nullptr, 0);
+    // A child that was started but cannot be watched must not run on unobserved, nor stay a
+    // zombie. Its identifier cannot have been reused, since it was never reaped.
+    Failure abandon(Error error) {
+        state_->signal(SIGKILL, true);
+        {
+            std::lock_guard lock(state_->mutex);
+            state_->running = false;
+        }
+        (void)retryingInterrupted([&] { return ::waitpid(state_->processIdentifier, nullptr, 0); });
+        return error;
     }
 
     ProcessConfiguration configuration_;
-    std::shared_ptr<detail::HandlerGate> gate_;
+    std::shared_ptr<Children> children_;
+    ExitWatch watch_;
     std::shared_ptr<ChildState> state_ = std::make_shared<ChildState>();
     bool started_ = false;
 };
 
 }  // namespace
 
-PosixProcesses::PosixProcesses() : gate_(std::make_shared<detail::HandlerGate>()) {}
+PosixProcesses::PosixProcesses(ExitWatch watch) : children_(std::make_shared<Children>()), watch_(watch) {}
 
-PosixProcesses::~PosixProcesses() { gate_->close(); }
+PosixProcesses::~PosixProcesses() {
+    {
+        std::lock_guard lock(children_->mutex);
+        children_->reporting = false;
+    }
+    stopAll();
+}
 
 std::shared_ptr<ChildProcess> PosixProcesses::create(ProcessConfiguration configuration) {
-    return std::make_shared<PosixChildProcess>(std::move(configuration), gate_);
+    return std::make_shared<PosixChildProcess>(std::move(configuration), children_, watch_);
+}
+
+void PosixProcesses::stopAll() {
+    std::lock_guard lock(children_->mutex);
+    for (const auto& entry : children_->live) {
+        if (auto child = entry.lock(); child && !child->outlivesLauncher) child->signal(SIGKILL, true);
+    }
 }
 
 }  // namespace lm::platform::posix

@@ -1,9 +1,9 @@
 #include "LanternmoorPro/platform/posix/TerminationSignals.hpp"
 
-#include <cerrno>
-#include <fcntl.h>
-#include <initializer_list>
 #include <unistd.h>
+
+#include <cerrno>
+#include <initializer_list>
 
 namespace lm::platform::posix {
 namespace {
@@ -23,11 +23,10 @@ extern "C" void writeSignalByte(int) {
 }  // namespace
 
 TerminationSignals::TerminationSignals() {
-    int ends[2];
-    if (::pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) return;
-    readEnd_ = ends[0];
-    writeEnd_ = ends[1];
-    signalPipe = writeEnd_;
+    auto pipe = makePipe(NonBlocking::bothEnds);
+    if (!pipe) return;
+    pipe_ = std::move(pipe.value());
+    signalPipe = pipe_.writeEnd.get();
 
     struct sigaction action = {};
     action.sa_handler = writeSignalByte;
@@ -39,27 +38,24 @@ TerminationSignals::TerminationSignals() {
 }
 
 TerminationSignals::~TerminationSignals() {
-    if (readEnd_ < 0) return;
+    if (!pipe_.readEnd) return;
     for (std::size_t index = 0; index < std::size(watched); ++index) {
         ::sigaction(watched[index], &previous_[index], nullptr);
     }
     signalPipe = -1;
-    ::close(readEnd_);
-    ::close(writeEnd_);
 }
 
 int TerminationSignals::takePending() {
-    if (readEnd_ < 0) return 0;
+    if (!pipe_.readEnd) return 0;
     int count = 0;
     char bytes[64];
-    ssize_t got = 0;
-    while ((got = ::read(readEnd_, bytes, sizeof bytes)) > 0 || (got < 0 && errno == EINTR)) {
-        if (got > 0) count += static_cast<int>(got);
+    for (ssize_t got; (got = retryingInterrupted([&] { return ::read(readDescriptor(), bytes, sizeof bytes); })) > 0;) {
+        count += static_cast<int>(got);
     }
     return count;
 }
 
-void ignoreTerminalStreamSignals() {
+void ignoreStreamSignals() {
     for (int signal : {SIGPIPE, SIGTTIN, SIGTTOU}) std::signal(signal, SIG_IGN);
 }
 

@@ -4,6 +4,8 @@
 #include <csignal>
 #include <iterator>
 
+#include "LanternmoorPro/platform/posix/System.hpp"
+
 namespace lm::platform::posix {
 
 // Turns SIGTERM, SIGINT and SIGHUP into bytes on a pipe that the event loop watches, so the
@@ -19,20 +21,19 @@ public:
 
     // Readable whenever a signal is pending; -1 when the pipe could not be made, in which
     // case the signals keep their default effect.
-    int readDescriptor() const { return readEnd_; }
+    int readDescriptor() const { return pipe_.readEnd.get(); }
     // How many signals arrived since the last call.
     int takePending();
 
 private:
     static constexpr int watched[] = {SIGTERM, SIGINT, SIGHUP};
 
-    int readEnd_ = -1;
-    int writeEnd_ = -1;
+    Pipe pipe_;
     struct sigaction previous_[std::size(watched)] = {};
 };
 
-// A launcher whose terminal went away (SIGPIPE) or that runs in the background of a shell
-// (SIGTTIN, SIGTTOU) keeps running; its writes and reads then fail instead.
-void ignoreTerminalStreamSignals();
+// A peer that went away (SIGPIPE), or a shell that put the launcher in its background (SIGTTIN,
+// SIGTTOU), must not end the launcher; the write or read concerned fails instead.
+void ignoreStreamSignals();
 
 }  // namespace lm::platform::posix

@@ -1,11 +1,16 @@
 #include "LanternmoorPro/platform/qt/QtAlerts.hpp"
 
+#include <QGridLayout>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QSpacerItem>
 #include <algorithm>
 
 namespace lm::platform::qt {
 namespace {
+
+// Wide enough that a sentence, the workspace address and a log path each stay on one line.
+constexpr int minimumWidth = 460;
 
 QMessageBox::Icon icon(AlertStyle style) {
     switch (style) {
@@ -34,7 +39,14 @@ int QtAlerts::runModal(const Alert& alert) {
         buttons.push_back(box.addButton(QString::fromStdString(title), QMessageBox::ActionRole));
     }
     if (!buttons.empty()) box.setDefaultButton(buttons.front());
-    if (buttons.size() == 1) box.setEscapeButton(buttons.front());
+    // Escape and the window's close request answer with the last button, as any answer but
+    // the first counts as the last.
+    if (!buttons.empty()) box.setEscapeButton(buttons.back());
+    // A message box sizes itself to its title; only a spacer across it sets a floor it keeps.
+    if (auto* grid = qobject_cast<QGridLayout*>(box.layout())) {
+        grid->addItem(new QSpacerItem(minimumWidth, 0, QSizePolicy::Minimum, QSizePolicy::Fixed), grid->rowCount(), 0, 1,
+                      grid->columnCount());
+    }
 
     box.exec();
     const auto clicked = std::find(buttons.begin(), buttons.end(), box.clickedButton());

@@ -3,10 +3,33 @@
 #include <QCoreApplication>
 #include <QEvent>
 #include <QGuiApplication>
-#include <QMetaObject>
+#include <QThread>
 #include <QWidget>
 
+#include <chrono>
+#include <cstdlib>
+
 namespace lm::platform::qt {
+namespace {
+
+// Room for the owned service's whole grace and its forced stop.
+constexpr auto abruptEndLimit = std::chrono::seconds(6);
+
+// Exit handlers and message handlers reach no object; this is the one they reach.
+QtApplication* current = nullptr;
+QtMessageHandler previousMessageHandler = nullptr;
+
+void endAtExit() {
+    if (current != nullptr) current->endAbruptly();
+}
+
+void handleMessage(QtMsgType type, const QMessageLogContext& context, const QString& message) {
+    if (previousMessageHandler != nullptr) previousMessageHandler(type, context, message);
+    // Qt aborts once this returns.
+    if (type == QtFatalMsg && current != nullptr) current->endAbruptly();
+}
+
+}  // namespace
 
 // The launcher has no window to bring forward; what it can bring forward is the next window
 // it shows, which is the alert it is about to run.
@@ -33,19 +56,48 @@ private:
     bool armed_ = false;
 };
 
-QtApplication::QtApplication() : windowRaiser_(std::make_unique<NextWindowRaiser>()) {
+// Qt's own quit would end the event loop behind the contract's back.
+class QuitRedirect final : public QObject {
+public:
+    explicit QuitRedirect(QtApplication& application) : application_(application) {
+        QCoreApplication::instance()->installEventFilter(this);
+    }
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override {
+        if (watched != QCoreApplication::instance() || event->type() != QEvent::Quit) return false;
+        application_.terminate();
+        return true;
+    }
+
+private:
+    QtApplication& application_;
+};
+
+QtApplication::QtApplication(QtMainThread& mainThread, std::function<void()> lastResort)
+    : mainThread_(mainThread),
+      lastResort_(std::move(lastResort)),
+      windowRaiser_(std::make_unique<NextWindowRaiser>()),
+      quitRedirect_(std::make_unique<QuitRedirect>(*this)) {
+    current = this;
+    static const bool registered = std::atexit(endAtExit) == 0;
+    (void)registered;
+    previousMessageHandler = qInstallMessageHandler(handleMessage);
     if (signals_.readDescriptor() < 0) return;
     signalNotifier_ = std::make_unique<QSocketNotifier>(signals_.readDescriptor(), QSocketNotifier::Read);
     QObject::connect(signalNotifier_.get(), &QSocketNotifier::activated, signalNotifier_.get(),
                      [this] { serveSignals(); });
 }
 
-QtApplication::~QtApplication() = default;
+QtApplication::~QtApplication() {
+    qInstallMessageHandler(previousMessageHandler);
+    current = nullptr;
+}
 
 void QtApplication::setActivationPolicy(ActivationPolicy) {
-    // There is no Dock or application menu bar to hide on Linux, and no window is ever made
-    // for the launcher. What is left of every policy is that closing the last alert must not
-    // end the loop behind the termination contract's back.
+    // There is no Dock or application menu bar to hide on Linux (a Mac's app bundle hides them
+    // itself). What is left of every policy is that closing the last window must not end the
+    // loop behind the termination contract's back.
     if (qobject_cast<QGuiApplication*>(QCoreApplication::instance()) != nullptr) {
         QGuiApplication::setQuitOnLastWindowClosed(false);
     }
@@ -53,13 +105,28 @@ void QtApplication::setActivationPolicy(ActivationPolicy) {
 
 int QtApplication::run() {
     if (hasEnded()) return 0;
-    QMetaObject::invokeMethod(QCoreApplication::instance(), [this] { finishLaunching(); }, Qt::QueuedConnection);
-    return QCoreApplication::exec();
+    mainThread_.post([this] { finishLaunching(); });
+    const int status = QCoreApplication::exec();
+    if (!hasEnded()) endAbruptly();
+    return status;
 }
 
 void QtApplication::activateIgnoringOtherApps() { windowRaiser_->arm(); }
 
-void QtApplication::endEventLoop() { QCoreApplication::exit(0); }
+void QtApplication::endEventLoop() {
+    if (!eventLoopGone_) QCoreApplication::exit(0);
+}
+
+void QtApplication::endAbruptly() {
+    // Launcher code runs on the main thread only; from any other, the last resort is all there is.
+    const auto* application = QCoreApplication::instance();
+    if (!hasEnded() && application != nullptr && QThread::currentThread() == application->thread()) {
+        eventLoopGone_ = true;
+        if (!isAwaitingReply()) terminate();
+        mainThread_.serveWithoutEventLoop([this] { return hasEnded(); }, abruptEndLimit);
+    }
+    if (lastResort_) lastResort_();
+}
 
 void QtApplication::serveSignals() {
     for (int pending = signals_.takePending(); pending > 0; --pending) terminate();

@@ -8,6 +8,7 @@ namespace lm::platform::qt {
 class QtJson final : public Json {
 public:
     std::optional<std::string> stringMemberOfObject(std::string_view text, std::string_view key) const override;
+    std::optional<std::int64_t> integerMemberOfObject(std::string_view text, std::string_view key) const override;
 };
 
 }  // namespace lm::platform::qt

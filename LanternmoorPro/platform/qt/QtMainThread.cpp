@@ -1,32 +1,95 @@
 #include "LanternmoorPro/platform/qt/QtMainThread.hpp"
 
+#include <poll.h>
+#include <unistd.h>
+
 #include <QCoreApplication>
-#include <QMetaObject>
-#include <QThread>
-#include <QTimer>
 
 namespace lm::platform::qt {
 
-QtMainThread::QtMainThread() { context_.moveToThread(QCoreApplication::instance()->thread()); }
+QtMainThread::QtMainThread() {
+    auto pipe = posix::makePipe(posix::NonBlocking::bothEnds);
+    // Without a pipe the launcher could not run at all; failing loudly beats hanging silently.
+    if (!pipe) qFatal("lanternmoor: %s", pipe.error().description.c_str());
+    wakeUp_ = std::move(pipe.value());
+    notifier_ = std::make_unique<QSocketNotifier>(wakeUp_.readEnd.get(), QSocketNotifier::Read);
+    QObject::connect(notifier_.get(), &QSocketNotifier::activated, notifier_.get(), [this] { serve(); });
+    timer_.setSingleShot(true);
+    timer_.setTimerType(Qt::PreciseTimer);
+    QObject::connect(&timer_, &QTimer::timeout, &timer_, [this] { serve(); });
+}
 
 void QtMainThread::post(std::function<void()> task) {
-    QMetaObject::invokeMethod(&context_, std::move(task), Qt::QueuedConnection);
+    {
+        std::lock_guard lock(mutex_);
+        ready_.push_back(std::move(task));
+    }
+    wake();
 }
 
 void QtMainThread::postAfter(std::chrono::nanoseconds delay, std::function<void()> task) {
-    auto start = [this, delay, task = std::move(task)]() mutable {
-        auto milliseconds = std::chrono::ceil<std::chrono::milliseconds>(delay);
-        QTimer::singleShot(milliseconds, Qt::PreciseTimer, &context_, std::move(task));
-    };
-    // Timers belong to the thread that starts them, so a pause asked for elsewhere is first
-    // carried to the main thread.
-    if (QThread::currentThread() == context_.thread()) {
-        start();
-    } else {
-        post(std::move(start));
+    {
+        std::lock_guard lock(mutex_);
+        timers_.emplace(Clock::now() + delay, std::move(task));
     }
+    // The timer that waits for it is armed on the main thread, whoever asked.
+    wake();
 }
 
 std::chrono::system_clock::time_point QtMainThread::now() const { return std::chrono::system_clock::now(); }
+
+void QtMainThread::wake() {
+    const char byte = 1;
+    // A full pipe already holds a wake-up that has not been served.
+    [[maybe_unused]] auto written = ::write(wakeUp_.writeEnd.get(), &byte, 1);
+}
+
+std::function<void()> QtMainThread::takeDue(std::optional<Clock::time_point>& nextTimer) {
+    std::lock_guard lock(mutex_);
+    if (!ready_.empty()) {
+        auto task = std::move(ready_.front());
+        ready_.pop_front();
+        return task;
+    }
+    if (timers_.empty()) return nullptr;
+    if (timers_.begin()->first > Clock::now()) {
+        nextTimer = timers_.begin()->first;
+        return nullptr;
+    }
+    auto task = std::move(timers_.begin()->second);
+    timers_.erase(timers_.begin());
+    return task;
+}
+
+// One task at a time: a task may run a nested event loop (a modal alert), in which this is
+// served again and must go on in the same order.
+void QtMainThread::serve() {
+    char bytes[256];
+    while (::read(wakeUp_.readEnd.get(), bytes, sizeof bytes) > 0) {
+    }
+    std::optional<Clock::time_point> nextTimer;
+    while (auto task = takeDue(nextTimer)) task();
+    if (!nextTimer) return timer_.stop();
+    auto wait = std::chrono::ceil<std::chrono::milliseconds>(*nextTimer - Clock::now());
+    timer_.start(std::max(wait, std::chrono::milliseconds(0)));
+}
+
+void QtMainThread::serveWithoutEventLoop(const std::function<bool()>& done, std::chrono::nanoseconds limit) {
+    const auto end = Clock::now() + limit;
+    while (!done() && Clock::now() < end) {
+        std::optional<Clock::time_point> nextTimer;
+        if (auto task = takeDue(nextTimer)) {
+            task();
+            continue;
+        }
+        auto until = std::min(nextTimer.value_or(end), end);
+        auto wait = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
+        pollfd woken{wakeUp_.readEnd.get(), POLLIN, 0};
+        ::poll(&woken, 1, static_cast<int>(std::max<std::int64_t>(wait.count(), 0)));
+        char bytes[256];
+        while (::read(wakeUp_.readEnd.get(), bytes, sizeof bytes) > 0) {
+        }
+    }
+}
 
 }  // namespace lm::platform::qt

@@ -1,61 +1,30 @@
 #include "LanternmoorPro/platform/qt/QtStatusBar.hpp"
 
+#include <QCloseEvent>
 #include <QCursor>
-#include <QFontDatabase>
-#include <QFontMetrics>
-#include <QGuiApplication>
+#include <QFrame>
+#include <QKeyEvent>
 #include <QKeySequence>
-#include <QPainter>
-#include <QPalette>
-#include <QPixmap>
-#include <algorithm>
+#include <QTimer>
+#include <QToolButton>
+#include <QVBoxLayout>
 
 namespace lm::platform::qt {
 namespace {
 
-QFont::Weight qtWeight(FontWeight weight) {
-    switch (weight) {
-    case FontWeight::semibold: return QFont::DemiBold;
-    case FontWeight::bold: return QFont::Bold;
-    case FontWeight::regular: break;
-    }
-    return QFont::Normal;
-}
-
-QFont systemFont(const Font& font) {
-    auto qtFont = QFontDatabase::systemFont(QFontDatabase::GeneralFont);
-    qtFont.setPointSizeF(font.pointSize);
-    qtFont.setWeight(qtWeight(font.weight));
-    return qtFont;
-}
-
 // The key equivalent is a letter that the platform's command modifier goes with; here that
-// is Ctrl.
+// is Ctrl (on a Mac, Qt maps it to Command).
 QKeySequence shortcut(const std::string& keyEquivalent) {
     if (keyEquivalent.empty()) return {};
     return QKeySequence(QStringLiteral("Ctrl+") + QString::fromStdString(keyEquivalent).toUpper());
 }
 
-// Trays scale icons to a square, so the text is centred in one to keep its proportions.
-QPixmap titlePixmap(const QString& title, const QFont& font) {
-    const QFontMetrics metrics(font);
-    const int side = std::max({metrics.horizontalAdvance(title), metrics.height(), 1});
-    const qreal ratio = qGuiApp->devicePixelRatio();
-    QPixmap pixmap(QSize(side, side) * ratio);
-    pixmap.setDevicePixelRatio(ratio);
-    pixmap.fill(Qt::transparent);
-    QPainter painter(&pixmap);
-    painter.setRenderHint(QPainter::TextAntialiasing);
-    painter.setFont(font);
-    painter.setPen(QGuiApplication::palette().color(QPalette::WindowText));
-    painter.drawText(QRect(0, 0, side, side), Qt::AlignCenter, title);
-    return pixmap;
-}
-
 }  // namespace
 
+QIcon applicationIcon() { return QIcon(QStringLiteral(":/lanternmoor-pro.svg")); }
+
 QtMenuItem::QtMenuItem(const std::string& title, std::optional<MenuAction> action, const std::string& keyEquivalent)
-    : action_(QString::fromStdString(title)) {
+    : action_(QString::fromStdString(title)), performs_(action) {
     action_.setShortcut(shortcut(keyEquivalent));
     action_.setShortcutVisibleInContextMenu(true);
     if (!action) return;
@@ -64,6 +33,18 @@ QtMenuItem::QtMenuItem(const std::string& title, std::optional<MenuAction> actio
     QObject::connect(&action_, &QAction::triggered, &action_, [this, performed = *action] {
         if (auto target = target_.lock()) target->perform(performed);
     });
+}
+
+void ShortcutMenu::keyPressEvent(QKeyEvent* event) {
+    const QKeySequence pressed(event->keyCombination());
+    for (auto* action : actions()) {
+        if (action->isSeparator() || action->shortcut().isEmpty() || action->shortcut() != pressed) continue;
+        if (!action->isEnabled()) return;
+        close();
+        action->trigger();
+        return;
+    }
+    QMenu::keyPressEvent(event);
 }
 
 std::shared_ptr<MenuItem> QtMenu::makeItem(std::string title, std::optional<MenuAction> action,
@@ -75,7 +56,49 @@ void QtMenu::addItem(std::shared_ptr<MenuItem> item) {
     auto ours = std::dynamic_pointer_cast<QtMenuItem>(item);
     if (!ours) return;
     menu_.addAction(&ours->action());
-    items_.push_back(std::move(ours));
+    entries_.push_back(std::move(ours));
+}
+
+void QtMenu::addSeparator() {
+    menu_.addSeparator();
+    entries_.push_back(nullptr);
+}
+
+FallbackWindow::FallbackWindow(QtMenu& menu, const QString& title) : menu_(menu) {
+    setWindowTitle(title);
+    setWindowIcon(applicationIcon());
+    setAccessibleName(title);
+    auto* layout = new QVBoxLayout(this);
+    status_.setParent(this);
+    layout->addWidget(&status_);
+    for (const auto& entry : menu.entries()) {
+        if (!entry) {
+            auto* line = new QFrame(this);
+            line->setFrameShape(QFrame::HLine);
+            layout->addWidget(line);
+        } else if (!entry->performs()) {
+            // A label in the menu; here it heads the buttons.
+            auto* heading = new QLabel(entry->action().text(), this);
+            heading->setStyleSheet(QStringLiteral("font-weight: bold;"));
+            layout->addWidget(heading);
+        } else {
+            auto* button = new QToolButton(this);
+            button->setDefaultAction(&entry->action());
+            button->setToolButtonStyle(Qt::ToolButtonTextOnly);
+            button->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
+            layout->addWidget(button);
+            // Their key equivalents work while this window has the keyboard.
+            addAction(&entry->action());
+        }
+    }
+}
+
+void FallbackWindow::closeEvent(QCloseEvent* event) {
+    // The window goes with the launcher, which the quit ends; until then it stays.
+    event->ignore();
+    for (const auto& entry : menu_.entries()) {
+        if (entry && entry->performs() == MenuAction::quitFromMenu) entry->action().trigger();
+    }
 }
 
 QtStatusItem::QtStatusItem() {
@@ -83,37 +106,34 @@ QtStatusItem::QtStatusItem() {
     QObject::connect(&icon_, &QSystemTrayIcon::activated, &icon_, [this](QSystemTrayIcon::ActivationReason reason) {
         if (reason == QSystemTrayIcon::Trigger && menu_) menu_->widget().popup(QCursor::pos());
     });
+    QTimer::singleShot(0, &icon_, [this] { present(); });
 }
 
 void QtStatusItem::setMenu(std::shared_ptr<Menu> menu) {
     menu_ = std::dynamic_pointer_cast<QtMenu>(menu);
     icon_.setContextMenu(menu_ ? &menu_->widget() : nullptr);
-    applyAccessibilityLabel();
+    setAccessibilityLabel(accessibilityLabel_.toStdString());
 }
 
-void QtStatusItem::setTitle(std::string title) {
-    title_ = QString::fromStdString(title);
-    redraw();
-}
-
-void QtStatusItem::setFont(Font font) {
-    font_ = font;
-    redraw();
+void QtStatusItem::setToolTip(std::string toolTip) {
+    toolTip_ = QString::fromStdString(toolTip);
+    icon_.setToolTip(toolTip_);
+    if (window_) window_->setStatus(toolTip_);
 }
 
 void QtStatusItem::setAccessibilityLabel(std::string label) {
     accessibilityLabel_ = QString::fromStdString(label);
-    applyAccessibilityLabel();
-}
-
-void QtStatusItem::redraw() {
-    icon_.setIcon(QIcon(titlePixmap(title_, systemFont(font_))));
-    // Shown once it has a picture: an icon without one would be an empty slot in the tray.
-    icon_.show();
-}
-
-void QtStatusItem::applyAccessibilityLabel() {
     if (menu_) menu_->widget().setAccessibleName(accessibilityLabel_);
+}
+
+void QtStatusItem::present() {
+    icon_.setIcon(applicationIcon());
+    // Shown even without a tray: Qt embeds it once a tray appears.
+    icon_.show();
+    if (QSystemTrayIcon::isSystemTrayAvailable() || !menu_) return;
+    window_ = std::make_unique<FallbackWindow>(*menu_, accessibilityLabel_);
+    window_->setStatus(toolTip_);
+    window_->show();
 }
 
 std::shared_ptr<StatusItem> QtStatusBar::statusItem(double) { return std::make_shared<QtStatusItem>(); }

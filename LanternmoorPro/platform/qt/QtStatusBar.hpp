@@ -2,8 +2,10 @@
 #pragma once
 
 #include <QAction>
+#include <QLabel>
 #include <QMenu>
 #include <QSystemTrayIcon>
+#include <QWidget>
 #include <memory>
 #include <vector>
 
@@ -19,10 +21,19 @@ public:
     bool isEnabled() const override { return action_.isEnabled(); }
 
     QAction& action() { return action_; }
+    const std::optional<MenuAction>& performs() const { return performs_; }
 
 private:
     QAction action_;
+    std::optional<MenuAction> performs_;
     std::weak_ptr<MenuTarget> target_;
+};
+
+// A menu whose key equivalents also work while it is open: a popup menu holds the keyboard,
+// and Qt offers its shortcuts nowhere else then.
+class ShortcutMenu final : public QMenu {
+protected:
+    void keyPressEvent(QKeyEvent* event) override;
 };
 
 class QtMenu final : public Menu {
@@ -30,44 +41,66 @@ public:
     std::shared_ptr<MenuItem> makeItem(std::string title, std::optional<MenuAction> action,
                                        std::string keyEquivalent) override;
     void addItem(std::shared_ptr<MenuItem> item) override;
-    void addSeparator() override { menu_.addSeparator(); }
-    // FIXME: Qt has no automatic enabling to switch off; the flags are always exactly what
-    // the launcher sets, which is what switching it off asks for.
+    void addSeparator() override;
+    // Qt has no automatic enabling to switch off; the flags are always exactly what the
+    // launcher sets, which is what switching it off asks for.
     void setAutoenablesItems(bool) override {}
 
     QMenu& widget() { return menu_; }
+    // In menu order; null for a separator.
+    const std::vector<std::shared_ptr<QtMenuItem>>& entries() const { return entries_; }
 
 private:
-    QMenu menu_;
-    std::vector<std::shared_ptr<QtMenuItem>> items_;
+    ShortcutMenu menu_;
+    std::vector<std::shared_ptr<QtMenuItem>> entries_;
 };
 
-// The status item is a tray icon whose picture is the title drawn in the requested font; it
-// is its own button, so it always has one.
+// Where no system tray shows the icon: a small window with the status text and the menu's
+// entries as buttons, which follow the entries' enabled flags and take their key equivalents.
+// Closing it is choosing the menu's quit.
+class FallbackWindow final : public QWidget {
+public:
+    FallbackWindow(QtMenu& menu, const QString& title);
+    void setStatus(const QString& text) { status_.setText(text); }
+    const QLabel& status() const { return status_; }
+
+protected:
+    void closeEvent(QCloseEvent* event) override;
+
+private:
+    QtMenu& menu_;
+    QLabel status_;
+};
+
+// The status item is a tray icon showing the application's icon, which draws the title "LM"
+// itself; the title and font given are kept but not drawn again. It is its own button, so it
+// always has one. The icon (and, without a tray, the fallback window) is put up once control is
+// back in the event loop, off the path to the launcher's first probe.
 class QtStatusItem final : public StatusItem, public StatusButton {
 public:
     QtStatusItem();
     StatusButton* button() override { return this; }
     void setMenu(std::shared_ptr<Menu> menu) override;
 
-    void setTitle(std::string title) override;
-    void setFont(Font font) override;
-    void setToolTip(std::string toolTip) override { icon_.setToolTip(QString::fromStdString(toolTip)); }
-    // A tray icon has no accessible name of its own; the label goes to the menu, which is
-    // what assistive technology reaches.
+    void setTitle(std::string) override {}
+    void setFont(Font) override {}
+    void setToolTip(std::string toolTip) override;
+    // A tray icon has no accessible name of its own; the label goes to the menu and the
+    // fallback window, which is what assistive technology reaches.
     void setAccessibilityLabel(std::string label) override;
 
     QSystemTrayIcon& trayIcon() { return icon_; }
+    // Null while a tray shows the icon.
+    FallbackWindow* fallbackWindow() { return window_.get(); }
 
 private:
-    void redraw();
-    void applyAccessibilityLabel();
+    void present();
 
-    // Declared first so that the icon, which points at the menu, goes before it.
+    // Declared first so that the icon and the window, which point at the menu, go before it.
     std::shared_ptr<QtMenu> menu_;
     QSystemTrayIcon icon_;
-    QString title_;
-    Font font_;
+    std::unique_ptr<FallbackWindow> window_;
+    QString toolTip_;
     QString accessibilityLabel_;
 };
 
@@ -77,5 +110,8 @@ public:
     std::shared_ptr<StatusItem> statusItem(double length) override;
     std::shared_ptr<Menu> makeMenu() override { return std::make_shared<QtMenu>(); }
 };
+
+// The application's icon, drawn from its SVG at whatever size is asked.
+QIcon applicationIcon();
 
 }  // namespace lm::platform::qt

@@ -4,23 +4,31 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "LanternmoorPro/platform/Platform.hpp"
 #include "LanternmoorPro/platform/terminal/TerminalStreams.hpp"
 
 namespace lm::platform::terminal {
 
-// Prints "→ <url>" so the user can open it by hand; with a browser program (the user's
-// $BROWSER) it also starts that with the URL, and fails only when it cannot be started.
+// Prints "→ <url>" so the user can open it by hand. With a browser setting (the user's
+// $BROWSER) it also starts the first of its commands that can be started, as the user's own
+// program: nobody waits for it or stops it. Opening fails only when none can be started.
 class TerminalOpener final : public Opener {
 public:
-    // An empty program name counts as none.
-    TerminalOpener(TerminalOutput& output, std::optional<std::string> browser);
+    // An empty setting counts as none.
+    TerminalOpener(TerminalOutput& output, Processes& processes, std::optional<std::string> browser);
     bool open(const std::string& url) override;
 
 private:
     TerminalOutput& output_;
+    Processes& processes_;
     std::optional<std::string> browser_;
 };
+
+// The commands a $BROWSER setting names for `url`, by the convention other programs follow: a
+// colon-separated list of commands, each split into words at blanks, in which "%s" stands for
+// the URL and "%%" for "%"; a command without "%s" gets the URL as its last word.
+std::vector<std::vector<std::string>> browserCommands(std::string_view setting, const std::string& url);
 
 }  // namespace lm::platform::terminal

@@ -1,5 +1,6 @@
 #include "LanternmoorPro/platform/terminal/TerminalStreams.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <unistd.h>
@@ -75,12 +76,26 @@ void TerminalInput::readAvailable() {
     char chunk[4096];
     const ssize_t got = ::read(descriptor_, chunk, sizeof chunk);
     if (got > 0) {
-        buffer_.append(chunk, static_cast<std::size_t>(got));
+        accept({chunk, static_cast<std::size_t>(got)});
         return;
     }
     // A read that fails for good (a terminal that hung up, a launcher in the background of
     // its shell) ends the input as its end would.
     if (got == 0 || (errno != EINTR && errno != EAGAIN)) closed_ = true;
+}
+
+void TerminalInput::accept(std::string_view bytes) {
+    while (!bytes.empty()) {
+        const auto end = bytes.find('\n');
+        const auto piece = bytes.substr(0, end);
+        const auto kept = std::min(piece.size(), lineLimit - unfinished_);
+        buffer_.append(piece.substr(0, kept));
+        unfinished_ += kept;
+        if (end == std::string_view::npos) return;
+        buffer_ += '\n';
+        unfinished_ = 0;
+        bytes.remove_prefix(end + 1);
+    }
 }
 
 void TerminalInput::offerLines() {
@@ -98,6 +113,7 @@ std::optional<std::string> TerminalInput::takeLine() {
     if (end == std::string::npos) {
         // What was typed before the end of input without a line break still counts.
         if (!closed_ || buffer_.empty()) return std::nullopt;
+        unfinished_ = 0;
         return std::exchange(buffer_, {});
     }
     auto line = buffer_.substr(0, end);

@@ -27,9 +27,12 @@ private:
 
 // Lines from a descriptor, read only when the event loop says some are there, so the main
 // thread never blocks on them. Lines go to whoever waits for an answer; when nobody does,
-// to the line handler. At end of input the reader stops for good.
+// to the line handler. At end of input the reader stops for good. A line is kept to its first
+// lineLimit bytes and the rest of it is dropped, so neither memory nor work grows with it.
 class TerminalInput {
 public:
+    static constexpr std::size_t lineLimit = 4096;
+
     // The descriptor stays the caller's.
     explicit TerminalInput(int descriptor);
     ~TerminalInput();
@@ -44,12 +47,14 @@ public:
 private:
     void onReadable();
     void readAvailable();
+    void accept(std::string_view bytes);
     void offerLines();
     std::optional<std::string> takeLine();
     void updateNotifier();
 
     int descriptor_;
     std::string buffer_;
+    std::size_t unfinished_ = 0;  // bytes of the last line in the buffer, which has no end yet
     bool closed_ = false;
     std::unique_ptr<QSocketNotifier> notifier_;
     std::function<void(const std::string&)> lineHandler_;
