@@ -187,6 +187,7 @@ function handle(req, res) {
   }
 }
 
+say(`workspace service starting (pid ${process.pid})`);
 const server = createServer(handle);
 
 server.on('error', (error) => {
