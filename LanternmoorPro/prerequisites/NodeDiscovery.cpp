@@ -117,7 +117,7 @@ Task<bool> LanternmoorLauncher::supportedNode(std::string candidate) {
             return done(false);
         }
         mainThread.postAfter(versionProbeLimit, [weak = std::weak_ptr(process)] {
-            if (auto hung = weak.lock()) hung->kill();
+            if (auto hung = weak.lock(); hung && hung->isRunning()) hung->kill();
         });
     });
     const bool ended = co_await probe;
