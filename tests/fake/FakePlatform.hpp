@@ -1,16 +1,13 @@
-// The fake platform: single-threaded, virtual clock, scripted answers, recorded effects.
-// Each part can be used on its own (integration tests borrow some beside real ones).
+// The fake platform: one single-threaded world with a virtual clock, scripted answers, and one
+// journal of every effect stamped with the virtual second it happened at ("3.000 SIGKILL 4001").
+// Signals are journaled even when they reach a child that has ended, so a test can tell that none
+// was sent.
 #pragma once
 
-#include <chrono>
+#include <algorithm>
 #include <deque>
-#include <functional>
 #include <map>
-#include <memory>
-#include <optional>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "LanternmoorPro/platform/ApplicationBase.hpp"
 #include "LanternmoorPro/platform/Platform.hpp"
@@ -18,293 +15,232 @@
 namespace lm::fake {
 
 using namespace std::chrono_literals;
-using platform::Error;
-using platform::Failure;
+using namespace lm::platform;
+using Time = std::chrono::system_clock::time_point;
 
-// One ordered record of the effects every fake part had, so a test can assert order
-// across parts ("guide opened, then termination requested").
-using Journal = std::vector<std::string>;
+// The clock, the main thread's queues, the journal and the files every part shares.
+struct World {
+    std::vector<std::string> journal;
+    Time start = std::chrono::sys_days{std::chrono::November / 23 / 2026}, clock = start;
+    std::deque<std::function<void()>> ready;
+    std::multimap<Time, std::function<void()>> timers;
+    bool onMainThread = false;
+    std::map<std::string, std::pair<unsigned, std::string>> files;  // path: mode and content
 
-struct Journaled {
-    Journal* journal = nullptr;
-    void note(std::string entry) const { if (journal) journal->push_back(std::move(entry)); }
-};
-
-struct FakeMainThread final : platform::MainThread {
-    using TimePoint = std::chrono::system_clock::time_point;
-    void post(std::function<void()> task) override { ready_.push_back(std::move(task)); }
-    // Timers due at the same time run in the order they were set.
-    void postAfter(std::chrono::nanoseconds delay, std::function<void()> task) override {
-        timers_.emplace(now_ + delay, std::move(task));
+    void note(const std::string& what) {
+        const auto ms = (clock - start) / 1ms;
+        journal.push_back(std::to_string(ms / 1000) + "." + std::to_string(1000 + ms % 1000).substr(1) + " " + what);
     }
-    TimePoint now() const override { return now_; }
-    // Runs posted tasks, moving virtual time on to the next timer whenever nothing else is
-    // left, until nothing is left at all or `limit` of virtual time has passed.
-    void runUntilIdle(std::chrono::nanoseconds limit = 1h) { runUntil(now_ + limit); }
-    // Runs everything due within `duration` of virtual time, then stops the clock there.
-    void runFor(std::chrono::nanoseconds duration) { now_ = runUntil(now_ + duration); }
-    // Runs what is runnable now, without moving the clock.
-    void runReady();
-    bool isOnMainThread() const { return running_; }
-
-private:
-    TimePoint runUntil(TimePoint end);
-    TimePoint now_ = std::chrono::sys_days{std::chrono::November / 23 / 2026};
-    std::deque<std::function<void()>> ready_;
-    std::multimap<TimePoint, std::function<void()>> timers_;
-    bool running_ = false;
+    void after(std::chrono::nanoseconds delay, std::function<void()> task) { timers.emplace(clock + delay, std::move(task)); }
+    // Runs what is due, moving the clock on to the next timer whenever nothing else is left.
+    void runUntilIdle() {
+        for (;;) {
+            for (; !ready.empty(); onMainThread = false) {
+                auto task = std::move(ready.front());
+                ready.pop_front();
+                onMainThread = true;
+                task();
+            }
+            if (timers.empty()) return;
+            clock = std::max(clock, timers.begin()->first);
+            ready.push_back(std::move(timers.begin()->second));
+            timers.erase(timers.begin());
+        }
+    }
 };
 
-struct FakeApplication final : platform::ApplicationBase, Journaled {
-    explicit FakeApplication(Journal* journal = nullptr) : Journaled{journal} {}
-    void setActivationPolicy(platform::ActivationPolicy policy) override { activationPolicy = policy; }
-    int run() override { note("launched"); finishLaunching(); return 0; }
-    void terminate() override { ++terminateRequests; note("terminate"); ApplicationBase::terminate(); }
+// What a program does when it is started.
+struct Script {
+    std::optional<Error> startError{};
+    std::string output{};
+    int status = 0;
+    std::optional<std::chrono::nanoseconds> exitAfter = 0ns;  // none: it runs until it is signalled
+    bool deafToSigterm = false;
+    std::set<std::int64_t> group{};  // the processes it started
+};
+
+struct Child final : ChildProcess, std::enable_shared_from_this<Child> {
+    Child(World& world, ProcessConfiguration configuration, Script script, std::int32_t pid)
+        : world(world), configuration(std::move(configuration)), script(std::move(script)), pid(pid) {}
+    void setTerminationHandler(TerminationHandler value) override { handler = std::move(value); }
+    Failure start() override {
+        if (script.startError) return *script.startError;
+        started = running = true;
+        world.note("start " + configuration.executable + (configuration.arguments.empty() ? "" : " " + configuration.arguments[0]));
+        if (script.exitAfter) exitAfter(*script.exitAfter, script.status);
+        return std::nullopt;
+    }
+    bool isRunning() const override { return running; }
+    std::int32_t processIdentifier() const override { return started ? pid : 0; }
+    bool includes(std::int64_t id) const override { return started && (id == pid || script.group.contains(id)); }
+    int terminationStatus() const override { return status; }
+    std::string capturedOutput() const override { return running ? "" : script.output; }
+    void terminate() override {
+        world.note("SIGTERM " + std::to_string(pid));
+        if (running && !script.deafToSigterm) exitAfter(0ns, 143);
+    }
+    void kill() override { world.note("SIGKILL " + std::to_string(pid)), exit(137); }
+    void exitAfter(std::chrono::nanoseconds delay, int code) {
+        world.after(delay, [self = weak_from_this(), code] { if (auto child = self.lock()) child->exit(code); });
+    }
+    void exit(int code) {
+        if (!std::exchange(running, false)) return;
+        world.note("exit " + std::to_string(pid) + " " + std::to_string(status = code));
+        if (handler) handler(pid);
+    }
+
+    World& world;
+    const ProcessConfiguration configuration;
+    Script script;
+    std::int32_t pid, status = 0;
+    TerminationHandler handler;
+    bool started = false, running = false;
+};
+
+// Only the open entry changes once it is in the menu; what the entries do, the real menus show.
+struct Item final : MenuItem {
+    Item(World& world, std::string title) : world(world), title(std::move(title)) {}
+    void setTarget(std::weak_ptr<MenuTarget>) override {}
+    void setEnabled(bool value) override {
+        if (inMenu && value != enabled) world.note((value ? "enable " : "disable ") + title);
+        enabled = value;
+    }
+    bool isEnabled() const override { return enabled; }
+
+    World& world;
+    std::string title;
+    bool enabled = true, inMenu = false;
+};
+
+struct Handle final : FileHandle {
+    Handle(World& world, std::string path) : world(world), path(std::move(path)) {}
+    Failure write(std::string_view bytes) override { return world.files[path].second += bytes, std::nullopt; }
+    Failure close() override {
+        if (std::exchange(open, false)) world.note("close " + path.substr(path.rfind('/') + 1));
+        return std::nullopt;
+    }
+    World& world;
+    std::string path;
+    bool open = true;
+};
+
+struct Fake : World, MainThread, ApplicationBase, Processes, FileSystem, Http, Json, Network, Opener, Alerts, StatusBar, StatusItem,
+              Menu, StatusButton, Environment, Folders {
+    Platform platform() { return {*this, *this, *this, *this, *this, *this, *this, *this, *this, *this, *this, *this}; }
+
+    // ---- the main thread and the application ----
+    void post(std::function<void()> task) override { ready.push_back(std::move(task)); }
+    void postAfter(std::chrono::nanoseconds delay, std::function<void()> task) override { after(delay, std::move(task)); }
+    Time now() const override { return clock; }
+    void setActivationPolicy(ActivationPolicy) override {}
+    int run() override { return finishLaunching(), 0; }
+    void terminate() override { note("terminate"), ApplicationBase::terminate(); }
     void replyToApplicationShouldTerminate(bool yes) override {
-        note(yes ? "reply yes" : "reply no");
+        if (!hasEnded()) note("reply yes");  // after the end, the real process is gone
         ApplicationBase::replyToApplicationShouldTerminate(yes);
     }
-    void activateIgnoringOtherApps() override { ++activations; }
-
-    std::optional<platform::ActivationPolicy> activationPolicy;
-    int terminateRequests = 0;
-    int activations = 0;
-
-protected:
+    void activateIgnoringOtherApps() override {}
     void endEventLoop() override { note("ended"); }
-};
 
-struct ScriptedProcess {
-    std::optional<Error> startError{};
-    std::string output{};  // what it prints on standard output
-    int exitStatus = 0;
-    // When it ends by itself; none: it runs until it is signalled.
-    std::optional<std::chrono::nanoseconds> exitAfter = 0ns;
-    bool ignoresTerminate = false;
-};
+    // ---- processes, scripted by "program firstArgument" or by program; unscripted ones fail ----
+    std::map<std::string, Script> scripts;
+    std::vector<std::shared_ptr<Child>> children;
+    std::shared_ptr<ChildProcess> create(ProcessConfiguration configuration) override {
+        const auto& arguments = configuration.arguments;
+        auto found = scripts.find(configuration.executable + (arguments.empty() ? "" : " " + arguments.front()));
+        if (found == scripts.end()) found = scripts.find(configuration.executable);
+        auto script = found != scripts.end() ? found->second : Script{.startError = Error{"POSIX", 2, "没有这个程序。"}};
+        auto pid = static_cast<std::int32_t>(4000 + children.size());
+        return children.emplace_back(std::make_shared<Child>(*this, std::move(configuration), script, pid));
+    }
 
-class FakeProcesses;
+    // ---- files: creating the log fails with `logFailure` when it is set ----
+    std::optional<Error> logFailure;
+    bool fileExists(const std::string& path) const override { return files.contains(path); }
+    bool isExecutableFile(const std::string& path) const override { return files.contains(path) && (files.at(path).first & 0111); }
+    Failure createDirectories(const std::string& path, unsigned mode) override {
+        for (auto folder = path; !folder.empty(); folder = folder.substr(0, folder.rfind('/'))) files.try_emplace(folder, mode, "");
+        return std::nullopt;
+    }
+    Failure setMode(const std::string& path, unsigned mode) override { return files.at(path).first = mode, std::nullopt; }
+    Failure createFile(const std::string& path, unsigned mode) override {
+        return logFailure ? Failure(*logFailure) : (files.try_emplace(path, mode, ""), Failure());
+    }
+    Result<std::shared_ptr<FileHandle>> openForWriting(const std::string& path) override {
+        return std::shared_ptr<FileHandle>(std::make_shared<Handle>(*this, path));
+    }
 
-struct FakeChildProcess final : platform::ChildProcess, std::enable_shared_from_this<FakeChildProcess> {
-    FakeChildProcess(FakeProcesses& owner, platform::ProcessConfiguration configuration, ScriptedProcess script,
-                     std::int32_t pid)
-        : configuration(std::move(configuration)), owner_(owner), script_(std::move(script)), pid_(pid) {}
-    void setTerminationHandler(platform::TerminationHandler handler) override { handler_ = std::move(handler); }
-    Failure start() override;
-    bool isRunning() const override { return running_; }
-    std::int32_t processIdentifier() const override { return started_ ? pid_ : 0; }
-    bool includes(std::int64_t pid) const override { return started_ && (pid == pid_ || group.contains(pid)); }
-    int terminationStatus() const override { return status_; }
-    std::string capturedOutput() const override { return started_ && !running_ ? script_.output : std::string(); }
-    void terminate() override;
-    void kill() override;
-    // Ends the process now, as if it had exited by itself.
-    void exit(int status);
-
-    const platform::ProcessConfiguration configuration;
-    std::set<std::int64_t> group;  // processes it started
-
-private:
-    void exitAfter(std::chrono::nanoseconds delay, int status);
-
-    FakeProcesses& owner_;
-    ScriptedProcess script_;
-    std::int32_t pid_;
-    platform::TerminationHandler handler_;
-    bool started_ = false, running_ = false;
-    int status_ = 0;
-};
-
-struct FakeProcesses final : platform::Processes, Journaled {
-    explicit FakeProcesses(FakeMainThread* mainThread = nullptr, Journal* journal = nullptr)
-        : Journaled{journal}, mainThread(mainThread) {}
-    std::shared_ptr<platform::ChildProcess> create(platform::ProcessConfiguration configuration) override;
-    // Started and not yet ended.
-    int running() const;
-
-    FakeMainThread* mainThread;
-    // What a program does when started, by "executable firstArgument" or by executable alone;
-    // unscripted ones cannot start.
-    std::map<std::string, ScriptedProcess> scripts;
-    std::vector<std::shared_ptr<FakeChildProcess>> created;
-    std::int32_t nextPid = 4000;
-};
-
-struct FakeFileSystem final : platform::FileSystem {
-    bool fileExists(const std::string& path) const override { return nodes.contains(path); }
-    bool isExecutableFile(const std::string& path) const override;
-    Failure createDirectories(const std::string& path, unsigned mode) override;
-    Failure setMode(const std::string& path, unsigned mode) override;
-    Failure createFile(const std::string& path, unsigned mode) override;
-    platform::Result<std::shared_ptr<platform::FileHandle>> openForWriting(const std::string& path) override;
-
-    void addFile(const std::string& path, std::string content = {}, unsigned mode = 0644);
-    void addExecutable(const std::string& path) { addFile(path, {}, 0755); }
-    Failure failing(const std::string& operation) const;
-
-    struct Node { bool isDirectory = false; unsigned mode = 0644; std::string content; };
-    std::map<std::string, Node> nodes;
-    // An operation named here ("createDirectories", "setMode", "createFile", "open", "seek",
-    // "write", "close") fails with that error.
-    std::map<std::string, Error> failures;
-    int openHandles = 0;
-};
-
-struct FakeHttp final : platform::Http {
-    explicit FakeHttp(FakeMainThread* mainThread = nullptr) : mainThread_(mainThread) {}
-    void get(const platform::HttpRequest& request, std::function<void(platform::HttpResult)> done) override;
-
-    struct Answer { platform::HttpResult result; std::chrono::nanoseconds delay = 0ns; };
-    // Answers given in order; once used up, `fallback` answers every request.
+    // ---- the network: HTTP answers in order, then `fallback` for every request ----
+    struct Answer {
+        HttpResult result;
+        std::chrono::nanoseconds delay = 0ns;
+    };
     std::deque<Answer> answers;
-    std::optional<Answer> fallback = Answer{platform::HttpResult::failed()};
-    // Requests nobody answered yet (answers and fallback both absent): complete them by hand.
-    std::vector<std::function<void(platform::HttpResult)>> held;
-    std::vector<platform::HttpRequest> requests;
-
-    static platform::HttpResult ours() { return platform::HttpResult::reply(200, R"({"appId":"lanternmoor-local-pro"})"); }
-    static platform::HttpResult other() { return platform::HttpResult::reply(200, R"({"appId":"someone-else"})"); }
-
-private:
-    FakeMainThread* mainThread_;
-};
-
-// Understands exactly the flat objects of string members the tests send.
-struct FakeJson final : platform::Json {
-    std::optional<std::string> stringMemberOfObject(std::string_view text, std::string_view key) const override;
-    std::optional<std::int64_t> integerMemberOfObject(std::string_view text, std::string_view key) const override;
-};
-
-struct FakeNetwork final : platform::Network {
-    bool loopbackAcceptsConnections(std::uint16_t port) override { checks.push_back(port); return accepting; }
+    Answer fallback{HttpResult::failed()};
     bool accepting = false;
-    std::vector<std::uint16_t> checks;
-};
-
-struct FakeOpener final : platform::Opener, Journaled {
-    explicit FakeOpener(Journal* journal = nullptr) : Journaled{journal} {}
-    bool open(const std::string& url) override { opened.push_back(url); note("open " + url); return succeeds; }
-    bool succeeds = true;
-    std::vector<std::string> opened;
-};
-
-struct FakeAlerts final : platform::Alerts, Journaled {
-    explicit FakeAlerts(Journal* journal = nullptr) : Journaled{journal} {}
-    int runModal(const platform::Alert& alert) override;
-
-    std::vector<platform::Alert> shown;
-    // Buttons pressed in order (0 = first); once used up, the first button.
-    std::deque<int> answers;
-    // Runs while the alert is up, as events would inside the modal loop.
-    std::function<void()> whileShown;
-};
-
-struct FakeMenuItem final : platform::MenuItem {
-    FakeMenuItem(bool separator, std::string title = {}, std::optional<platform::MenuAction> action = {},
-                 std::string keyEquivalent = {})
-        : separator(separator), title(std::move(title)), action(action), keyEquivalent(std::move(keyEquivalent)) {}
-    void setTarget(std::weak_ptr<platform::MenuTarget> newTarget) override { target = std::move(newTarget); }
-    void setEnabled(bool value) override { enabled = value; }
-    bool isEnabled() const override { return enabled; }
-    // What a click does: the action on the target, only when enabled.
-    void click() { if (auto receiver = target.lock(); receiver && enabled && action) receiver->perform(*action); }
-
-    bool separator;
-    std::string title;
-    std::optional<platform::MenuAction> action;
-    std::string keyEquivalent;
-    std::weak_ptr<platform::MenuTarget> target;
-    bool enabled = true;
-};
-
-struct FakeMenu final : platform::Menu {
-    std::shared_ptr<platform::MenuItem> makeItem(std::string title, std::optional<platform::MenuAction> action,
-                                                 std::string keyEquivalent) override {
-        return std::make_shared<FakeMenuItem>(false, std::move(title), action, std::move(keyEquivalent));
+    void get(const HttpRequest& request, std::function<void(HttpResult)> done) override {
+        const auto [result, delay] = answers.empty() ? fallback : answers.front();
+        if (note("probe " + request.url), !answers.empty()) answers.pop_front();
+        after(delay, [done = std::move(done), result = result] { done(result); });
     }
-    void addItem(std::shared_ptr<platform::MenuItem> item) override {
-        items.push_back(std::dynamic_pointer_cast<FakeMenuItem>(item));
+    bool loopbackAcceptsConnections(std::uint16_t port) override { return note("port check " + std::to_string(port)), accepting; }
+    static HttpResult ours(const std::string& more = "") { return HttpResult::reply(200, R"({"appId":"lanternmoor-local-pro")" + more + "}"); }
+    // Flat objects of string and whole-number members are all the tests send.
+    std::optional<std::string> stringMemberOfObject(std::string_view text, std::string_view key) const override {
+        auto value = member(text, key);
+        return value && value->starts_with('"') ? std::optional(value->substr(1, value->size() - 2)) : std::nullopt;
     }
-    void addSeparator() override { items.push_back(std::make_shared<FakeMenuItem>(true)); }
-    void setAutoenablesItems(bool value) override { autoenablesItems = value; }
-
-    std::vector<std::shared_ptr<FakeMenuItem>> items;  // separators included
-    bool autoenablesItems = true;
-};
-
-struct FakeStatusButton final : platform::StatusButton {
-    void setTitle(std::string value) override { title = std::move(value); }
-    void setFont(platform::Font value) override { font = value; }
-    void setToolTip(std::string value) override { toolTips.push_back(std::move(value)); }
-    void setAccessibilityLabel(std::string value) override { accessibilityLabel = std::move(value); }
-    std::string toolTip() const { return toolTips.empty() ? std::string() : toolTips.back(); }
-
-    std::string title, accessibilityLabel;
-    std::optional<platform::Font> font;
-    std::vector<std::string> toolTips;
-};
-
-struct FakeStatusItem final : platform::StatusItem {
-    FakeStatusItem(double length, bool withButton) : length(length), hasButton(withButton) {}
-    platform::StatusButton* button() override { return hasButton ? &fakeButton : nullptr; }
-    void setMenu(std::shared_ptr<platform::Menu> value) override { menu = std::dynamic_pointer_cast<FakeMenu>(value); }
-
-    double length;
-    bool hasButton;
-    FakeStatusButton fakeButton;
-    std::shared_ptr<FakeMenu> menu;
-};
-
-struct FakeStatusBar final : platform::StatusBar {
-    std::shared_ptr<platform::StatusItem> statusItem(double length) override {
-        return items.emplace_back(std::make_shared<FakeStatusItem>(length, itemsHaveButtons));
+    std::optional<std::int64_t> integerMemberOfObject(std::string_view text, std::string_view key) const override {
+        auto value = member(text, key);
+        return value && !value->starts_with('"') ? std::optional(std::stoll(*value)) : std::nullopt;
     }
-    std::shared_ptr<platform::Menu> makeMenu() override { return std::make_shared<FakeMenu>(); }
+    static std::optional<std::string> member(std::string_view text, std::string_view key) {
+        const auto at = text.find("\"" + std::string(key) + "\":");
+        if (!text.starts_with('{') || at == text.npos) return std::nullopt;
+        return std::string(text.substr(at + key.size() + 3, text.find_first_of(",}", at) - at - key.size() - 3));
+    }
 
-    bool itemsHaveButtons = true;
-    std::vector<std::shared_ptr<FakeStatusItem>> items;
-};
+    // ---- the user's surface ----
+    bool opens = true, hasButton = true;
+    int answer = 0;  // the button pressed, from 0
+    std::vector<Alert> shown;
+    std::function<void()> whileShown;  // runs while the alert is up, as events would
+    bool open(const std::string& url) override { return note("open " + url), opens; }
+    int runModal(const Alert& alert) override {
+        shown.push_back(alert), note("alert " + alert.title);
+        if (auto during = std::exchange(whileShown, nullptr)) during();
+        return firstButton + answer;
+    }
+    std::shared_ptr<StatusItem> statusItem(double) override { return {std::shared_ptr<void>(), this}; }
+    std::shared_ptr<Menu> makeMenu() override { return {std::shared_ptr<void>(), this}; }
+    StatusButton* button() override { return hasButton ? this : nullptr; }
+    void setMenu(std::shared_ptr<Menu>) override { note("menu"); }
+    std::shared_ptr<MenuItem> makeItem(std::string title, std::optional<MenuAction>, std::string) override {
+        return std::make_shared<Item>(*this, std::move(title));
+    }
+    void addItem(std::shared_ptr<MenuItem> item) override { std::static_pointer_cast<Item>(item)->inMenu = true; }
+    void addSeparator() override {}
+    void setAutoenablesItems(bool) override {}
+    void setTitle(std::string) override {}
+    void setFont(Font) override {}
+    void setToolTip(std::string value) override { note("tooltip " + value); }
+    void setAccessibilityLabel(std::string) override {}
 
-struct FakeEnvironment final : platform::Environment {
-    std::optional<std::string> variable(const std::string& name) const override;
-    platform::EnvironmentVariables all() const override { return variables; }
-    void set(const std::string& name, const std::string& value);
-    void unset(const std::string& name) { std::erase_if(variables, [&](auto& entry) { return entry.first == name; }); }
-
-    platform::EnvironmentVariables variables;
-};
-
-struct FakeFolders final : platform::Folders {
+    // ---- the environment and the folders ----
+    EnvironmentVariables variables;
+    std::optional<std::string> resources = "/opt/lm/share/lanternmoor-pro";
+    std::vector<std::string> applicationSupport{"/home/ada/.local/share"};
+    std::optional<std::string> variable(const std::string& name) const override {
+        auto found = std::ranges::find(variables, name, &EnvironmentVariables::value_type::first);
+        return found == variables.end() ? std::nullopt : std::optional(found->second);
+    }
+    EnvironmentVariables all() const override { return variables; }
+    void set(const std::string& name, const std::optional<std::string>& value) {
+        if (std::erase_if(variables, [&](auto& entry) { return entry.first == name; }), value) variables.emplace_back(name, *value);
+    }
     std::optional<std::string> resourcesFolder() const override { return resources; }
     std::vector<std::string> applicationSupportFolders() const override { return applicationSupport; }
-    std::string homeFolder() const override { return home; }
-
-    std::optional<std::string> resources = "/opt/lanternmoor/share/lanternmoor-pro";
-    std::vector<std::string> applicationSupport{"/home/ada/.local/share"};
-    std::string home = "/home/ada";
-};
-
-// Every part, wired to one clock and one journal.
-struct FakePlatform {
-    Journal journal;
-    FakeMainThread mainThread;
-    FakeApplication application{&journal};
-    // Before the processes: their configurations hold handles on its files.
-    FakeFileSystem files;
-    FakeProcesses processes{&mainThread, &journal};
-    FakeHttp http{&mainThread};
-    FakeJson json;
-    FakeNetwork network;
-    FakeOpener opener{&journal};
-    FakeAlerts alerts{&journal};
-    FakeStatusBar statusBar;
-    FakeEnvironment environment;
-    FakeFolders folders;
-
-    platform::Platform platform() {
-        return {mainThread, application, processes, files, http, json, network,
-                opener, alerts, statusBar, environment, folders};
-    }
+    std::string homeFolder() const override { return "/home/ada"; }
 };
 
 }  // namespace lm::fake

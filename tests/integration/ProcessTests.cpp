@@ -1,201 +1,137 @@
-// Real children: reaped and reported exactly once, whatever happens to the process object.
-#include <fcntl.h>
-#include <gtest/gtest.h>
+// Real children, watched through a pidfd and through the portable watch: reaped and reported
+// exactly once, stopped group and all, given exactly what they were configured with.
+#include <sys/wait.h>
 
-#include <cerrno>
-#include <tuple>
-
-#include "integration/ChildProcessSupport.hpp"
+#include "LanternmoorPro/platform/posix/PosixProcesses.hpp"
+#include "integration/Support.hpp"
 
 namespace lm::testing {
-namespace {
 
-using platform::ChildProcess;
-using platform::ProcessConfiguration;
 using platform::Stream;
+using platform::posix::ExitWatch;
 
-class ChildProcesses : public ::testing::Test {
+class ChildProcesses : public ::testing::TestWithParam<ExitWatch> {
 protected:
-    ProcessConfiguration program(std::string executable, std::vector<std::string> arguments = {}) {
-        ProcessConfiguration configuration;
-        configuration.executable = std::move(executable);
-        configuration.arguments = std::move(arguments);
+    platform::ProcessConfiguration script(const std::string& body) {
+        platform::ProcessConfiguration configuration;
+        configuration.executable = writeFile(folder / std::to_string(++scripts), "#!/bin/sh\n" + body, 0755);
         configuration.standardOutput = Stream::pipe();
         return configuration;
     }
-    ProcessConfiguration script(const std::string& body) {
-        return program(writeFile(folder / ("script-" + std::to_string(++scripts)), "#!/bin/sh\n" + body, 0755));
-    }
-
-    std::shared_ptr<ChildProcess> started(ProcessConfiguration configuration, bool start = true) {
-        reports = std::make_shared<Reports>();
+    std::shared_ptr<platform::ChildProcess> started(platform::ProcessConfiguration configuration) {
         auto child = processes->create(std::move(configuration));
-        child->setTerminationHandler(Reports::handlerFor(reports));
-        EXPECT_FALSE(start && child->start());
+        child->setTerminationHandler([this](std::int32_t id) { mainThread.post([this, id] { reported.push_back(id); }); });
+        EXPECT_FALSE(child->start());
         return child;
     }
-
-    // A second report would come right behind the first, from the same thread.
-    void expectReportedOnceAndReaped(std::int32_t identifier) {
-        ASSERT_TRUE(reports->waitFor(1));
-        EXPECT_FALSE(reports->waitFor(2, 100ms));
-        EXPECT_EQ(reports->identifiers, std::vector{identifier});
+    // Reported exactly once (a second report would come right behind the first), and reaped.
+    void expectReportedOnce(std::int32_t identifier) {
+        EXPECT_TRUE(serveEventsUntil([&] { return !reported.empty(); }));
+        serveEventsUntil([] { return false; }, 50ms);
+        EXPECT_EQ(std::exchange(reported, {}), std::vector{identifier});
         EXPECT_TRUE(isGone(identifier));
     }
-
-    std::string outputOf(ProcessConfiguration configuration) {
+    std::string outputOf(platform::ProcessConfiguration configuration) {
         auto child = started(std::move(configuration));
-        expectReportedOnceAndReaped(child->processIdentifier());
+        expectReportedOnce(child->processIdentifier());
         return child->capturedOutput();
     }
 
     TemporaryFolder folder;
-    std::unique_ptr<platform::posix::PosixProcesses> processes = std::make_unique<platform::posix::PosixProcesses>();
-    std::shared_ptr<Reports> reports;
     int scripts = 0;
+    platform::qt::QtMainThread mainThread;  // the reports come here, as the launcher's do
+    std::vector<std::int32_t> reported;
+    std::unique_ptr<platform::posix::PosixProcesses> processes = std::make_unique<platform::posix::PosixProcesses>(GetParam());
 };
 
-TEST_F(ChildProcesses, reportTheEndOnceWhetherTheChildEndsByItselfIsStoppedOrItsObjectDropped) {
-    enum Stop { none, terminate, kill, drop, dropSpawner };
+TEST_P(ChildProcesses, EndAndAreReportedOnceHoweverTheyEnd) {
+    enum Stop { none, terminate, kill, drop };
     for (const auto& [body, stop, status] : std::vector<std::tuple<std::string, Stop, int>>{
-             {"exit 0", none, 0},
              {"exit 3", none, 3},
              {"kill -TERM $$", none, 128 + SIGTERM},
-             {"kill -KILL $$", none, 128 + SIGKILL},
-             // A grandchild holding the output open must not hold the report back.
-             {"sleep 5 & exit 7", none, 7},
-             {"echo ready; exec sleep 60", terminate, 128 + SIGTERM},
-             {"trap '' TERM; echo ready; exec sleep 60", kill, 128 + SIGKILL},
-             {"exec sleep 0.2", drop, 0},
-             {"exec sleep 0.2", dropSpawner, 0}}) {
+             {"sleep 5 & exit 7", none, 7},  // a grandchild holding the output must not hold the report back
+             {"echo $$; exec sleep 60", terminate, 128 + SIGTERM},
+             {"trap '' TERM; sleep 60 & echo $!; wait", kill, 128 + SIGKILL},  // the forced stop reaches what it started
+             {"exec sleep 0.2", drop, 0}}) {
         SCOPED_TRACE(body);
         auto child = started(script(body));
-        auto identifier = child->processIdentifier();
-        if (stop == terminate || stop == kill) {
-            ASSERT_TRUE(eventually([&] { return child->capturedOutput() == "ready\n"; }));
-            child->terminate();
-        }
+        const auto identifier = child->processIdentifier();
+        EXPECT_EQ(::getpgid(identifier), identifier) << "a process group of its own";
+        ASSERT_TRUE(stop == none || stop == drop || serveEventsUntil([&] { return !child->capturedOutput().empty(); }));
+        const auto grandchild = std::atoi(child->capturedOutput().c_str());
         if (stop == kill) {
-            EXPECT_FALSE(reports->waitFor(1, 300ms));
+            EXPECT_TRUE(child->includes(grandchild) && !child->includes(::getpid()));
+            child->terminate();
+            EXPECT_FALSE(serveEventsUntil([&] { return !reported.empty(); }, 300ms));
             child->kill();
         }
-        if (stop >= drop) child.reset();
-        if (stop == dropSpawner) {
-            // Reaped all the same, but reported to nobody.
-            processes = std::make_unique<platform::posix::PosixProcesses>();
-            EXPECT_TRUE(eventually([&] { return isGone(identifier); }));
-            EXPECT_FALSE(reports->waitFor(1, 100ms));
-            continue;
-        }
-        EXPECT_TRUE(reports->waitFor(1, 2s));
-        expectReportedOnceAndReaped(identifier);
+        if (stop == terminate) child->terminate();
+        if (stop == drop) child.reset();
+        expectReportedOnce(identifier);
+        EXPECT_TRUE(stop != kill || serveEventsUntil([&] { return isGone(grandchild); }));
         if (!child) continue;
-        EXPECT_FALSE(child->isRunning());
-        EXPECT_EQ(child->terminationStatus(), status);
-        // Once reaped, neither stop reaches anything, nor reports again.
-        child->terminate();
-        child->kill();
-        EXPECT_FALSE(reports->waitFor(2, 50ms));
+        EXPECT_EQ(std::tuple(child->isRunning(), child->terminationStatus()), std::tuple(false, status));
+        child->kill();  // once reaped, nothing is signalled and nothing reported again
+        EXPECT_TRUE(stop != kill || !child->includes(grandchild));
     }
+    EXPECT_TRUE(reported.empty());
 }
 
-TEST_F(ChildProcesses, outputIsReadWhileTheChildRunsKeptToOneByteOverTheLimitAndCompleteAtTheReport) {
-    // Fifty megabytes fill the pipe at once unless it is read while the child runs.
-    for (std::size_t size : {std::size_t{60000}, std::size_t{52428800}}) {
-        auto child = started(script("yes 0123456789 | head -c " + std::to_string(size)), false);
-        auto seen = std::make_shared<std::string>();
-        child->setTerminationHandler([seen, raw = child.get(), handler = Reports::handlerFor(reports)](auto id) {
-            *seen = raw->capturedOutput();
-            handler(id);
-        });
-        ASSERT_FALSE(child->start());
-        expectReportedOnceAndReaped(child->processIdentifier());
-        EXPECT_EQ(child->terminationStatus(), 0);
-        std::string expected;
-        while (expected.size() < std::min(size, ChildProcess::capturedOutputLimit + 1)) expected += "0123456789\n";
-        EXPECT_EQ(*seen, expected.substr(0, std::min(size, ChildProcess::capturedOutputLimit + 1)));
-    }
+TEST_P(ChildProcesses, AreStoppedWhenTheSpawnerGoesUnlessTheyOutliveTheLauncher) {
+    auto users = script("exec sleep 60");
+    users.outlivesLauncher = true;
+    const auto ours = started(script("exec sleep 60"))->processIdentifier(), theirs = started(users)->processIdentifier();
+    EXPECT_EQ(::getsid(theirs), theirs) << "a session of its own";
+    processes.reset();
+    EXPECT_TRUE(serveEventsUntil([&] { return isGone(ours); }));
+    EXPECT_FALSE(isGone(theirs));
+    ::kill(theirs, SIGKILL);
+    EXPECT_TRUE(serveEventsUntil([&] { return isGone(theirs); }) && reported.empty()) << "nobody is left to report to";
 }
 
-TEST_F(ChildProcesses, bothOutputStreamsGivenOneFileShareItsPositionInWriteOrder) {
+TEST_P(ChildProcesses, GetExactlyWhatTheyWereGiven) {
+    // Fifty megabytes fill the pipe unless it is read while the child runs; one byte over the limit is kept.
+    EXPECT_EQ(outputOf(script("yes 0123456789 | head -c 52428800")).size(), platform::ChildProcess::capturedOutputLimit + 1);
+
     platform::posix::PosixFileSystem files;
     ASSERT_FALSE(files.createFile(folder / "log", 0600));
-    auto log = files.openForWriting(folder / "log").release();
-    ASSERT_FALSE(log->write("stamp\n"));
-    auto configuration = script("echo one; echo two >&2; echo three; echo four >&2");
-    configuration.standardOutput = configuration.standardError = Stream::toFile(log);
-    EXPECT_EQ(outputOf(std::move(configuration)), "");
-    ASSERT_FALSE(log->write("after\n"));
-    ASSERT_FALSE(log->close());
-    EXPECT_EQ(readFile(folder / "log"), "stamp\none\ntwo\nthree\nfour\nafter\n");
-}
+    auto shared = script("echo one; echo two >&2; echo three");
+    shared.standardOutput = shared.standardError = Stream::toFile(files.openForWriting(folder / "log").release());
+    EXPECT_EQ(outputOf(shared), "");
+    EXPECT_EQ(readFile(folder / "log"), "one\ntwo\nthree\n");
 
-TEST_F(ChildProcesses, theChildGetsExactlyTheDirectoryEnvironmentAndInputGivenAndNoneOfOurSignalSettings) {
-    // Our own input holds a line; close-on-exec, so no child holds the writing end.
-    int ends[2];
-    ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    ASSERT_EQ(::write(ends[1], "ours\n", 5), 5);
-    auto savedInput = ::dup(STDIN_FILENO);
-    ::dup2(ends[0], STDIN_FILENO);
     ::setenv("LM_INHERITED_MARK", "ours", 1);
-    sigset_t blocked, previousMask;
-    ::sigfillset(&blocked);
-    ::pthread_sigmask(SIG_BLOCK, &blocked, &previousMask);
     auto previousHangUp = ::signal(SIGHUP, SIG_IGN);
-
     std::filesystem::create_directory(folder / "app folder");
-    auto inFolder = std::filesystem::canonical(folder.path).string() + "/app folder\n";
-    for (auto [input, line] : {std::pair{Stream::nullDevice(), "end"}, {Stream::pipe(), "end"},
-                               {Stream::inherited(), "ours"}}) {
-        auto configuration = script("pwd -P; echo \"$LM_INHERITED_MARK\"; read line && echo \"$line\" || echo end");
+    for (auto input : {Stream::nullDevice(), Stream::pipe()}) {
+        auto configuration = script("pwd -P; echo $LM_INHERITED_MARK; read line || echo end; sed -n 's/^Sig\\(Blk\\|Ign\\):\\s*//p' /proc/self/status");
         configuration.workingDirectory = folder / "app folder";
         configuration.standardInput = input;
-        EXPECT_EQ(outputOf(std::move(configuration)), inFolder + "ours\n" + line + "\n");
+        // Nothing blocked or ignored, but glibc's own two signals below SIGRTMIN.
+        EXPECT_EQ(outputOf(configuration), std::filesystem::canonical(folder.path).string() + "/app folder\nours\nend\n0000000000000000\n0000000180000000\n");
     }
-    auto given = program("/usr/bin/env");
-    given.environment = platform::EnvironmentVariables{{"ZETA", "last first"}, {"ALPHA", "1"}, {"EMPTY", ""}};
-    EXPECT_EQ(outputOf(std::move(given)), "ZETA=last first\nALPHA=1\nEMPTY=\n");
-    // sed reads its own state: a shell in between would block signals itself while it waits.
-    std::istringstream signalMasks(
-        outputOf(program("/bin/sed", {"-n", "s/^Sig\\(Blk\\|Ign\\):[[:space:]]*/0x/p", "/proc/self/status"})));
-
     ::signal(SIGHUP, previousHangUp);
-    ::pthread_sigmask(SIG_SETMASK, &previousMask, nullptr);
-    ::unsetenv("LM_INHERITED_MARK");
-    ::dup2(savedInput, STDIN_FILENO);
-    for (auto descriptor : {savedInput, ends[0], ends[1]}) ::close(descriptor);
-    std::uint64_t blockedInChild = 1, ignoredInChild = 1;
-    signalMasks >> std::hex >> blockedInChild >> ignoredInChild;
-    // The C library leaves its own two signals below SIGRTMIN ignored in every child it spawns.
-    auto reserved = ((std::uint64_t{1} << (SIGRTMIN - 1)) - 1) & ~((std::uint64_t{1} << 31) - 1);
-    EXPECT_EQ(blockedInChild, 0u);
-    EXPECT_EQ(ignoredInChild & ~reserved, 0u) << std::hex << ignoredInChild;
+    auto given = script("");
+    given.executable = "/usr/bin/env";
+    given.environment = platform::EnvironmentVariables{{"ZETA", "last first"}, {"ALPHA", "1"}, {"EMPTY", ""}};
+    EXPECT_EQ(outputOf(given), "ZETA=last first\nALPHA=1\nEMPTY=\n");
 }
 
-TEST_F(ChildProcesses, aProgramThatCannotStartFailsWithADescriptionAndIsNeverReported) {
+TEST_P(ChildProcesses, ThatCannotStartFailNamingTheProgramAndAreNeverReported) {
     auto closed = std::make_shared<platform::posix::PosixFileHandle>(-1, folder / "closed");
-    using Case = std::tuple<std::string, std::optional<std::string>, Stream, int>;
-    for (const auto& [executable, workingDirectory, output, error] : std::vector<Case>{
-             {folder / "missing", std::nullopt, Stream::pipe(), ENOENT},
-             {writeFile(folder / "plain", "#!/bin/sh\nexit 0\n"), std::nullopt, Stream::pipe(), EACCES},
-             {folder.path, std::nullopt, Stream::pipe(), EACCES},
-             {"/bin/true", folder / "nowhere", Stream::pipe(), ENOENT},
-             {"/bin/true", std::nullopt, Stream::toFile(closed), EBADF}}) {
-        SCOPED_TRACE(error);
-        auto configuration = program(executable);
-        configuration.workingDirectory = workingDirectory;
-        configuration.standardOutput = output;
-        auto child = started(std::move(configuration), false);
-        auto failure = child->start();
+    for (const auto& [executable, workingDirectory, output, error] : std::vector<std::tuple<std::string, std::string, Stream, int>>{
+             {folder / "missing", "/", Stream::pipe(), ENOENT}, {writeFile(folder / "plain", ""), "/", Stream::pipe(), EACCES},
+             {"/bin/true", folder / "nowhere", Stream::pipe(), ENOENT}, {"/bin/true", "/", Stream::toFile(closed), EBADF}}) {
+        platform::ProcessConfiguration configuration{executable, false, {}, workingDirectory, {}, {}, output};
+        auto failure = processes->create(configuration)->start();
         ASSERT_TRUE(failure);
-        EXPECT_EQ(failure->code, error);
-        EXPECT_EQ(failure->call, "posix_spawn");
+        EXPECT_EQ(failure->cause, error);
         EXPECT_NE(failure->description.find(executable), std::string::npos) << failure->description;
-        EXPECT_FALSE(child->isRunning());
-        EXPECT_EQ(child->processIdentifier(), 0);
-        EXPECT_FALSE(reports->waitFor(1, 50ms));
     }
+    EXPECT_TRUE(reported.empty());
 }
 
-}  // namespace
+INSTANTIATE_TEST_SUITE_P(Watch, ChildProcesses, ::testing::Values(ExitWatch::automatic, ExitWatch::portable),
+                         [](const auto& info) { return info.param == ExitWatch::automatic ? "pidfd" : "portable"; });
+
 }  // namespace lm::testing
