@@ -58,6 +58,7 @@ Task<> LanternmoorLauncher::startOrConnect() {
     // The deadline is looked at only here: a probe or pause begun before it is finished and
     // acted upon, so a service that answers just after the deadline still counts as started.
     const auto deadline = platform_.mainThread.now() + startDeadline;
+    bool askedAgain = false;
     for (;;) {
         if (platform_.mainThread.now() >= deadline) {
             if (shuttingDown) co_return;
@@ -101,7 +102,12 @@ Task<> LanternmoorLauncher::startOrConnect() {
             continue;
         }
         ownedProcess.reset();
-        if (portAcceptsConnections()) co_return showOccupiedPort();
+        if (portAcceptsConnections()) {
+            // Launchers started together: ours may have lost the port to one whose service began
+            // to listen just after our probe. One more probe tells a hand-over from a stranger.
+            if (std::exchange(askedAgain, true)) co_return showOccupiedPort();
+            continue;
+        }
         co_return showFailure(std::string(texts::notStartedTitle), std::string(texts::notStartedMessage) + logPath());
     }
 }

@@ -65,7 +65,7 @@ INSTANTIATE_TEST_SUITE_P(Start, Launch, testing::Values(
              launched + "; 0.070 exit 4001 0; 0.200 port check 18765; 0.200 alert 工作区没有启动成功; 0.200 terminate; 0.200 close server.log; 0.200 ended"},
     Scenario{"ExitsWhileThePortIsTaken",
              [](Harness& h) { h.service().exitAfter = 50ms, h.at(60ms, [](Harness& h) { h.fake.accepting = true; }); },
-             launched + "; 0.070 exit 4001 0; 0.200 port check 18765; 0.200 alert 本机地址已被其他程序占用; 0.200 terminate; 0.200 close server.log; 0.200 ended"},
+             launched + "; 0.070 exit 4001 0; 0.200 port check 18765; 0.200 port check 18765; 0.200 alert 本机地址已被其他程序占用; 0.200 terminate; 0.200 close server.log; 0.200 ended"},
     Scenario{"SomeoneElseAnswersDuringTheWait", [](Harness& h) { h.fake.answers = {{}, {}, {HttpResult::reply(404, "")}}; },
              launched + "; 0.200 SIGTERM 4001; 0.200 exit 4001 143; 0.300 close server.log; " + refused("0.300", "本机地址已被其他程序占用")},
     Scenario{"AnswersAsOursAfterTwoPauses", [](Harness& h) { h.serviceAnswersAfter(2); },
@@ -76,10 +76,14 @@ INSTANTIATE_TEST_SUITE_P(Start, Launch, testing::Values(
     // answers. Ours is stopped, the browser opened on the winner's.
     Scenario{"AnotherLaunchersServiceAnswers", [](Harness& h) { h.serviceAnswersAfter(0, R"(,"pid":7)"); },
              launched + "; 0.020 SIGTERM 4001; 0.020 exit 4001 143; 0.120 close server.log; 0.120 open " + url + "; 0.120 terminate; 0.120 ended"},
-    // Ours ended, and a service of ours answers: hand over without signalling anything.
-    Scenario{"OursEndedAndAnotherAnswers",
-             [](Harness& h) { h.service().exitAfter = 10ms, h.fake.answers = {{}, {Fake::ours(), 100ms}}; },
-             launched + "; 0.030 exit 4001 0; 0.120 open " + url + "; 0.120 terminate; 0.120 close server.log; 0.120 ended"},
+    // Ours lost the port to another launcher's service, which began to listen just after our probe:
+    // asked once more, it answers as ours. Hand over without signalling anything.
+    Scenario{"OursEndedAndAnotherAnswersWhenAskedAgain",
+             [](Harness& h) {
+                 h.service().exitAfter = 10ms, h.at(50ms, [](Harness& h) { h.fake.accepting = true; });
+                 h.fake.answers = {{}, {HttpResult::failed(), 100ms}, {Fake::ours(), 100ms}};
+             },
+             launched + "; 0.030 exit 4001 0; 0.120 port check 18765; 0.220 open " + url + "; 0.220 terminate; 0.220 close server.log; 0.220 ended"},
     Scenario{"AStatusItemWithoutAButton", [](Harness& h) { h.fake.hasButton = false, h.serviceAnswersAfter(0); },
              "0.000 menu; 0.000 port check 18765; 0.000 start /usr/bin/node --version; 0.020 exit 4000 0; 0.020 start /usr/bin/node "
              "--experimental-strip-types; 0.020 enable 打开研究工作区; 0.020 open " + url}), byName);
