@@ -32,6 +32,4 @@ class Package(Case):
         self.assert_ended(launcher, box)
         self.assertIn("stand-in service of the package", read(box.log))
         lint = subprocess.run(["lintian", "--tag-display-limit", "0", package], capture_output=True, text=True).stdout
-        self.assertNotRegex(lint, r"(?m)^E: ", lint)
-        entry = subprocess.run(["desktop-file-validate", box.root / "root/usr/share/applications/lanternmoor-pro.desktop"], capture_output=True)
-        self.assertEqual((entry.returncode, entry.stdout), (0, b""))
+        self.assertNotRegex(lint, r"(?m)^[EW]: (?!.*no-manual-page)", lint)  # its checks include the desktop entry's

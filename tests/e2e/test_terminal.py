@@ -26,9 +26,8 @@ class Terminal(Case):
         self.assert_ended(launcher, box)
 
     def test_a_quit_while_starting_leaves_nothing_running(self):
-        # A Node.js candidate that never answers its version; a service that never answers.
         for hung, server, under_way in ((True, None, "node.pid"), (False, "setInterval(() => {}, 1000);", "home/.local/share")):
-            with self.row(hung=hung):
+            with self.row(hung=hung):  # hung: a Node.js candidate that never answers its version; else a service that never answers
                 box = self.sandbox(node=None if hung else NODE, server=server)
                 if hung:
                     (box.bin / "node").write_text(f"#!/bin/sh\necho $$ > {box.root}/node.pid\nexec /bin/sleep 60\n")

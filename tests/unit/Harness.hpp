@@ -60,6 +60,7 @@ struct Scenario {
     std::function<void(Harness&)> arrange;
     std::string journal;
     bool launches = true;
+    friend std::ostream& operator<<(std::ostream& out, const Scenario& row) { return out << row.name; }
 };
 
 }  // namespace lm::test
