@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Shows the desktop surface on a virtual screen and saves two pictures of it:
-#   docs/screenshots/menu.png   the tray icon's menu, right after start
-#   docs/screenshots/alert.png  the alert that follows when no Node.js 22.13 is found
+# Shows the desktop surface on a virtual screen and saves three pictures of it:
+#   docs/screenshots/menu.png      the tray icon's menu, right after start
+#   docs/screenshots/alert.png     the alert that follows when no Node.js 22.13 is found
+#   docs/screenshots/fallback.png  the window that carries the menu when there is no tray
 # Needs the built program (scripts/run.sh or `cmake --build build`), Xvfb, trayer, xdotool and
 # ImageMagick. The launcher runs with a temporary HOME, so nothing of the user's is touched.
 #   scripts/show-desktop.sh [build-dir]
@@ -116,5 +117,22 @@ import -window root "$shots/alert.png"
 echo "show-desktop: saved $shots/alert.png"
 
 # A termination request from the system ends the launcher the regular way, alert and all.
+kill -TERM "$launcher_pid"
+wait "$launcher_pid" || { echo "show-desktop: the launcher ended with status $?" >&2; cat "$work/launcher.log" >&2; exit 1; }
+
+# Without a tray host, a small window carries the menu. This `node` never answers, so the
+# launcher stays in its starting state while it is photographed.
+kill "${pids[1]}"
+wait "${pids[1]}" 2>/dev/null || true
+printf '#!/bin/sh\nexec sleep 60\n' >"$work/bin/node"
+env -i DISPLAY="$DISPLAY" HOME="$work/home" PATH="$work/bin:/usr/bin:/bin" LANG=C.UTF-8 "${sanitizer_settings[@]}" \
+  "$launcher" >"$work/launcher.log" 2>&1 &
+launcher_pid=$!
+pids+=("$launcher_pid")
+fallback_window() { xdotool search --onlyvisible --name '^Lanternmoor Pro$'; }
+wait_for 100 fallback_window || { echo "show-desktop: no window appeared" >&2; cat "$work/launcher.log" >&2; exit 1; }
+sleep 0.5
+import -window root "$shots/fallback.png"
+echo "show-desktop: saved $shots/fallback.png"
 kill -TERM "$launcher_pid"
 wait "$launcher_pid" || { echo "show-desktop: the launcher ended with status $?" >&2; cat "$work/launcher.log" >&2; exit 1; }

@@ -70,17 +70,17 @@ FallbackWindow::FallbackWindow(QtMenu& menu, const QString& title) : menu_(menu)
     setAccessibleName(title);
     auto* layout = new QVBoxLayout(this);
     status_.setParent(this);
-    layout->addWidget(&status_);
     for (const auto& entry : menu.entries()) {
         if (!entry) {
             auto* line = new QFrame(this);
             line->setFrameShape(QFrame::HLine);
             layout->addWidget(line);
         } else if (!entry->performs()) {
-            // A label in the menu; here it heads the buttons.
+            // A label in the menu; here it heads the status line and the buttons.
             auto* heading = new QLabel(entry->action().text(), this);
             heading->setStyleSheet(QStringLiteral("font-weight: bold;"));
             layout->addWidget(heading);
+            layout->addWidget(&status_);
         } else {
             auto* button = new QToolButton(this);
             button->setDefaultAction(&entry->action());
@@ -91,6 +91,7 @@ FallbackWindow::FallbackWindow(QtMenu& menu, const QString& title) : menu_(menu)
             addAction(&entry->action());
         }
     }
+    if (layout->indexOf(&status_) < 0) layout->insertWidget(0, &status_);
 }
 
 void FallbackWindow::closeEvent(QCloseEvent* event) {
