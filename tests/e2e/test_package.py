@@ -32,4 +32,6 @@ class Package(Case):
         self.assert_ended(launcher, box)
         self.assertIn("stand-in service of the package", read(box.log))
         lint = subprocess.run(["lintian", "--tag-display-limit", "0", package], capture_output=True, text=True).stdout
-        self.assertNotRegex(lint, r"(?m)^[EW]: (?!.*no-manual-page)", lint)  # its checks include the desktop entry's
+        self.assertNotRegex(lint, r"(?m)^[EW]: (?!.*no-manual-page)", lint)
+        self.assertEqual(subprocess.run(["desktop-file-validate", box.root / "root/usr/share/applications/lanternmoor-pro.desktop"],
+                                        capture_output=True).stdout, b"")

@@ -150,8 +150,7 @@ struct Fake : World, MainThread, ApplicationBase, Processes, FileSystem, Http, J
         auto found = scripts.find(configuration.executable + (arguments.empty() ? "" : " " + arguments.front()));
         if (found == scripts.end()) found = scripts.find(configuration.executable);
         auto script = found != scripts.end() ? found->second : Script{.startError = Error{"POSIX", 2, "没有这个程序。"}};
-        auto pid = static_cast<std::int32_t>(4000 + children.size());
-        return children.emplace_back(std::make_shared<Child>(*this, std::move(configuration), script, pid));
+        return children.emplace_back(std::make_shared<Child>(*this, std::move(configuration), script, 4000 + std::ssize(children)));
     }
 
     // ---- files: creating the log fails with `logFailure` when it is set ----
