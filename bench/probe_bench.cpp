@@ -1,5 +1,5 @@
 // What one health probe and one port check cost on this machine: median and 95th percentile
-// of many runs. The live server spends a thread per connection, which the probe figure includes.
+// of many runs, against a live server on loopback that answers as ours, and a refused port.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
@@ -7,8 +7,9 @@
 #include <stdexcept>
 #include <vector>
 
-#include "integration/LoopbackServer.hpp"
-#include "integration/ProbeHarness.hpp"
+#include <QCoreApplication>
+
+#include "integration/Support.hpp"
 
 namespace {
 
@@ -16,37 +17,69 @@ using namespace lm::testing;
 using Health = lm::LanternmoorLauncher::Health;
 using Micros = std::chrono::duration<double, std::micro>;
 
+// Answers every connection as the workspace service does, one at a time, until it is closed.
+struct LiveServer {
+    LiveServer() {
+        sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
+        socklen_t length = sizeof address;
+        ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        ::listen(listener, SOMAXCONN);
+        ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+        port = ntohs(address.sin_port);
+        serving = std::thread([this] {
+            for (int peer; (peer = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0; ::close(peer)) {
+                LoopbackServer::Peer connection{peer};
+                if (!connection.head().empty())
+                    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 33\r\nConnection: close\r\n\r\n"
+                                    R"({"appId":"lanternmoor-local-pro"})");
+            }
+        });
+    }
+    ~LiveServer() {
+        ::shutdown(listener, SHUT_RDWR);
+        serving.join();
+        ::close(listener);
+    }
+    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    std::uint16_t port = 0;
+    std::thread serving;
+};
+
 void report(const char* what, const std::function<Micros()>& once) {
     constexpr int warmUpRuns = 10, runs = 200;
     for (int run = 0; run < warmUpRuns; ++run) once();
     std::vector<double> samples;
     for (int run = 0; run < runs; ++run) samples.push_back(once().count());
     std::ranges::sort(samples);
-    std::printf("%-36s median %9.1f us   p95 %9.1f us   (%d runs)\n", what, samples[runs / 2],
-                samples[runs * 95 / 100], runs);
+    std::printf("%-36s median %9.1f us   p95 %9.1f us   (%d runs)\n", what, samples[runs / 2], samples[runs * 95 / 100], runs);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
-    ProbePlatform real;
-    LoopbackServer live([](Peer& peer) {
-        if (!peer.readHead().empty()) peer.send("HTTP/1.1 200 OK\r\nContent-Length: 33\r\nConnection: close\r\n\r\n"
-                                                R"({"appId":"lanternmoor-local-pro"})");
-    });
-    auto refused = unusedLoopbackPort();
-    auto probe = [&](std::uint16_t port, Health expected) {
-        auto outcome = real.probe(port);
-        if (outcome->value != expected) throw std::runtime_error("the probe gave an unexpected answer");
-        return Micros(outcome->took());
+    RealWorld world;
+    LiveServer live;
+    // The loop ends the moment the probe does, so the figure holds no polling interval.
+    const auto timed = [&](std::uint16_t port, Health expected) {
+        auto launcher = world.launcher(port);
+        QEventLoop loop;
+        std::optional<Health> health;
+        const auto begin = Clock::now();
+        world.scope.spawn(world.mainThread, [](auto launcher, auto& health, QEventLoop& loop) -> lm::platform::Task<> {
+            health = co_await launcher->probeHealth();
+            loop.quit();
+        }(launcher, health, loop));
+        if (!health) loop.exec();
+        if (health != expected) throw std::runtime_error("the probe gave an unexpected answer");
+        return Micros(Clock::now() - begin);
     };
-    report("probeHealth, live matching server", [&] { return probe(live.port(), Health::ours); });
-    report("probeHealth, refused port", [&] { return probe(refused, Health::noResponse); });
+    report("probeHealth, live matching server", [&] { return timed(live.port, Health::ours); });
+    report("probeHealth, refused port", [&] { return timed(1, Health::noResponse); });
     report("portAcceptsConnections, live server", [&] {
-        auto begin = std::chrono::steady_clock::now();
-        if (!real.launcher(live.port())->portAcceptsConnections()) throw std::runtime_error("port check said free");
-        return Micros(std::chrono::steady_clock::now() - begin);
+        const auto begin = Clock::now();
+        if (!world.launcher(live.port)->portAcceptsConnections()) throw std::runtime_error("the port check said free");
+        return Micros(Clock::now() - begin);
     });
     return 0;
 }

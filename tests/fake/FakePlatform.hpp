@@ -194,7 +194,7 @@ struct Fake : World, MainThread, ApplicationBase, Processes, FileSystem, Http, J
         return value && !value->starts_with('"') ? std::optional(std::stoll(*value)) : std::nullopt;
     }
     static std::optional<std::string> member(std::string_view text, std::string_view key) {
-        const auto at = text.find("\"" + std::string(key) + "\":");
+        const auto at = text.find(std::string("\"").append(key).append("\":"));
         if (!text.starts_with('{') || at == text.npos) return std::nullopt;
         return std::string(text.substr(at + key.size() + 3, text.find_first_of(",}", at) - at - key.size() - 3));
     }

@@ -26,7 +26,7 @@ std::string buttonLine(const std::vector<std::string>& buttons) {
     std::string line;
     for (std::size_t index = 0; index < buttons.size(); ++index) {
         if (index > 0) line += "  ";
-        line += "[" + std::to_string(index + 1) + "] " + buttons[index];
+        line.append("[").append(std::to_string(index + 1)).append("] ").append(buttons[index]);
     }
     return line;
 }
