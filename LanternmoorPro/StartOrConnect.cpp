@@ -60,12 +60,11 @@ Task<> LanternmoorLauncher::startOrConnect() {
     const auto deadline = platform_.mainThread.now() + startDeadline;
     bool askedAgain = false;
     for (;;) {
+        if (shuttingDown) co_return;
         if (platform_.mainThread.now() >= deadline) {
-            if (shuttingDown) co_return;
             co_await stopOwnedChild();
             co_return showFailure(std::string(texts::timedOutTitle), std::string(texts::timedOutMessage) + logPath());
         }
-        if (shuttingDown) co_return;
         auto answer = co_await probeHealthAnswer();
         if (shuttingDown) co_return;
         auto health = answer.health;
