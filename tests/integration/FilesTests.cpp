@@ -2,7 +2,6 @@
 // kept whole by every writer; the per-user folders; the standard descriptors a process starts with.
 #include <pwd.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include "LanternmoorPro/platform/posix/PosixEnvironment.hpp"
 #include "LanternmoorPro/platform/posix/System.hpp"
@@ -18,7 +17,6 @@ TEST(RunLog, IsOwnerOnlyStampedInUtcAndAppendedToByEveryWriterWhateverTheUmask) 
     auto launcher = world.launcher();
     const FileLocation data{folder / "share/Lanternmoor Pro", true};
     const auto log = data.path + "/server.log";
-    ::setenv("TZ", "Asia/Shanghai", 1);
     for (mode_t mask : {0000, 0077, 0277}) {
         std::filesystem::remove_all(folder / "share");
         const auto previousMask = ::umask(mask);
@@ -32,7 +30,6 @@ TEST(RunLog, IsOwnerOnlyStampedInUtcAndAppendedToByEveryWriterWhateverTheUmask) 
         EXPECT_TRUE(stamp >= logStamp(before) && stamp <= logStamp(std::chrono::system_clock::now())) << stamp;
         EXPECT_EQ(readFile(log), stamp + stamp + "one\ntwo\nthree\n");
     }
-    ::unsetenv("TZ");
     // A later start keeps every earlier byte, and narrows the modes someone widened meanwhile.
     writeFile(log, "an earlier run, ended mid-line", 0644);
     ::chmod(data.path.c_str(), 0755);
@@ -57,18 +54,14 @@ TEST(PosixFolders, FollowTheXdgRulesThenHomeThenThePasswordDatabase) {
 }
 
 // A program started with its standard descriptors closed has /dev/null on each of them.
-TEST(StandardDescriptors, ThatWereClosedAreTheNullDevice) {
-    if (const pid_t child = ::fork(); child != 0) {
-        int status = -1;
-        ::waitpid(child, &status, 0);
-        EXPECT_EQ(status, 0);
-        return;
-    }
-    for (int descriptor : {0, 1, 2}) ::close(descriptor);
-    platform::posix::ensureStandardDescriptors();
-    for (int descriptor : {0, 1, 2})
-        if (std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor)) != "/dev/null") ::_exit(1);
-    ::_exit(0);
+TEST(StandardDescriptorsDeathTest, ThatWereClosedAreTheNullDevice) {
+    EXPECT_EXIT({
+        for (int descriptor : {0, 1, 2}) ::close(descriptor);
+        platform::posix::ensureStandardDescriptors();
+        for (int descriptor : {0, 1, 2})
+            if (std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(descriptor)) != "/dev/null") ::_exit(1);
+        ::_exit(0);
+    }, ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace lm::testing

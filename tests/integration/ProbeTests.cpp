@@ -46,7 +46,7 @@ INSTANTIATE_TEST_SUITE_P(Replies, HealthProbe, ::testing::Values(
     Reply{"Chunked", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\n" + ours.substr(0, 9) + "\r\n21\r\n" + ours.substr(9) +
                          "\r\n0\r\n\r\n", Health::ours, 12},
     Reply{.name = "EndedByClosing", .bytes = "HTTP/1.1 200 OK\r\n\r\n" + ours, .expected = Health::ours, .pid = 12, .closes = true},
-    Reply{"Status204", answer("204 No Content", ""), Health::foreign}, Reply{"Status404", answer("404 Not Found", ours), Health::foreign},
+    Reply{"Status201", answer("201 Created", ours), Health::foreign}, Reply{"Status404", answer("404 Not Found", ours), Health::foreign},
     Reply{"AnotherIdentifier", answer("200 OK", R"({"appId":"lanternmoor-local-pro-2"})"), Health::foreign},
     Reply{"NotHttp", "SSH-2.0-OpenSSH_9.2\r\n", Health::foreign}, Reply{"HangsUpWithoutAnswer", "", Health::noResponse},
     Reply{"BodyShorterThanAnnounced", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n" + ours, Health::noResponse, {}, 0ms, 0ms, true},
