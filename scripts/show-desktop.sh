@@ -3,6 +3,7 @@
 #   docs/screenshots/menu.png      the tray icon's menu, right after start
 #   docs/screenshots/alert.png     the alert that follows when no Node.js 22.13 is found
 #   docs/screenshots/fallback.png  the window that carries the menu when there is no tray
+#   docs/screenshots/icon-dark.png the tray icon on a dark panel, enlarged four times
 # Needs the built program (scripts/run.sh or `cmake --build build`), Xvfb, trayer, xdotool and
 # ImageMagick. The launcher runs with a temporary HOME, so nothing of the user's is touched.
 #   scripts/show-desktop.sh [build-dir]
@@ -134,5 +135,23 @@ wait_for 100 fallback_window || { echo "show-desktop: no window appeared" >&2; c
 sleep 0.5
 import -window root "$shots/fallback.png"
 echo "show-desktop: saved $shots/fallback.png"
+kill -TERM "$launcher_pid"
+wait "$launcher_pid" || { echo "show-desktop: the launcher ended with status $?" >&2; cat "$work/launcher.log" >&2; exit 1; }
+
+# The icon on a dark panel, cropped from the screen and enlarged.
+trayer --edge top --align right --widthtype request --height 32 --SetDockType true \
+  --transparent true --alpha 0 --tint 0x222222 >"$work/trayer-dark.log" 2>&1 &
+pids+=($!)
+wait_for 50 panel
+env -i DISPLAY="$DISPLAY" HOME="$work/home" PATH="$work/bin:/usr/bin:/bin" LANG=C.UTF-8 "${sanitizer_settings[@]}" \
+  "$launcher" >"$work/launcher.log" 2>&1 &
+launcher_pid=$!
+pids+=("$launcher_pid")
+wait_for 100 icon_middle || { echo "show-desktop: the tray icon did not appear" >&2; exit 1; }
+sleep 0.5
+eval "$(xdotool getwindowgeometry --shell "$(panel)")"
+import -window root "$work/dark.png"
+convert "$work/dark.png" -crop "${WIDTH}x${HEIGHT}+${X}+${Y}" +repage -scale 400% "$shots/icon-dark.png"
+echo "show-desktop: saved $shots/icon-dark.png"
 kill -TERM "$launcher_pid"
 wait "$launcher_pid" || { echo "show-desktop: the launcher ended with status $?" >&2; cat "$work/launcher.log" >&2; exit 1; }
