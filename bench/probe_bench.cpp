@@ -17,34 +17,6 @@ using namespace lm::testing;
 using Health = lm::LanternmoorLauncher::Health;
 using Micros = std::chrono::duration<double, std::micro>;
 
-// Answers every connection as the workspace service does, one at a time, until it is closed.
-struct LiveServer {
-    LiveServer() {
-        sockaddr_in address{.sin_family = AF_INET, .sin_port = 0, .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
-        socklen_t length = sizeof address;
-        ::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        ::listen(listener, SOMAXCONN);
-        ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-        port = ntohs(address.sin_port);
-        serving = std::thread([this] {
-            for (int peer; (peer = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0; ::close(peer)) {
-                LoopbackServer::Peer connection{peer};
-                if (!connection.head().empty())
-                    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 33\r\nConnection: close\r\n\r\n"
-                                    R"({"appId":"lanternmoor-local-pro"})");
-            }
-        });
-    }
-    ~LiveServer() {
-        ::shutdown(listener, SHUT_RDWR);
-        serving.join();
-        ::close(listener);
-    }
-    int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    std::uint16_t port = 0;
-    std::thread serving;
-};
-
 void report(const char* what, const std::function<Micros()>& once) {
     constexpr int warmUpRuns = 10, runs = 200;
     for (int run = 0; run < warmUpRuns; ++run) once();
@@ -59,7 +31,16 @@ void report(const char* what, const std::function<Micros()>& once) {
 int main(int argc, char** argv) {
     QCoreApplication application(argc, argv);
     RealWorld world;
-    LiveServer live;
+    // Answers every connection as the workspace service does, one at a time, until it goes.
+    LoopbackServer live(nullptr);
+    live.serving = std::thread([&live] {
+        for (int peer; (peer = ::accept4(live.listener, nullptr, nullptr, SOCK_CLOEXEC)) >= 0; ::close(peer)) {
+            LoopbackServer::Peer connection{peer};
+            if (!connection.head().empty())
+                connection.send("HTTP/1.1 200 OK\r\nContent-Length: 33\r\nConnection: close\r\n\r\n"
+                                R"({"appId":"lanternmoor-local-pro"})");
+        }
+    });
     // The loop ends the moment the probe does, so the figure holds no polling interval.
     const auto timed = [&](std::uint16_t port, Health expected) {
         auto launcher = world.launcher(port);

@@ -87,10 +87,19 @@ sanitizer_settings=()
 for name in ASAN_OPTIONS LSAN_OPTIONS UBSAN_OPTIONS; do
   if [[ -n ${!name:-} ]]; then sanitizer_settings+=("$name=${!name}"); fi
 done
-env -i DISPLAY="$DISPLAY" HOME="$work/home" PATH="$work/bin:/usr/bin:/bin" LANG=C.UTF-8 "${sanitizer_settings[@]}" \
-  "$launcher" >"$work/launcher.log" 2>&1 &
-launcher_pid=$!
-pids+=("$launcher_pid")
+# Starts the launcher as a user would, with nothing of this machine's environment but the screen.
+start_launcher() {
+  env -i DISPLAY="$DISPLAY" HOME="$work/home" PATH="$work/bin:/usr/bin:/bin" LANG=C.UTF-8 "${sanitizer_settings[@]}" \
+    "$launcher" >"$work/launcher.log" 2>&1 &
+  launcher_pid=$!
+  pids+=("$launcher_pid")
+}
+# A termination request from the system ends the launcher the regular way, alert and all.
+stop_launcher() {
+  kill -TERM "$launcher_pid"
+  wait "$launcher_pid" || { echo "show-desktop: the launcher ended with status $?" >&2; cat "$work/launcher.log" >&2; exit 1; }
+}
+start_launcher
 
 # The icon is the only thing in the panel, so its middle is the panel's middle.
 icon_middle() {
@@ -117,41 +126,31 @@ sleep 0.5
 import -window root "$shots/alert.png"
 echo "show-desktop: saved $shots/alert.png"
 
-# A termination request from the system ends the launcher the regular way, alert and all.
-kill -TERM "$launcher_pid"
-wait "$launcher_pid" || { echo "show-desktop: the launcher ended with status $?" >&2; cat "$work/launcher.log" >&2; exit 1; }
+stop_launcher
 
 # Without a tray host, a small window carries the menu. This `node` never answers, so the
 # launcher stays in its starting state while it is photographed.
 kill "${pids[1]}"
 wait "${pids[1]}" 2>/dev/null || true
 printf '#!/bin/sh\nexec sleep 60\n' >"$work/bin/node"
-env -i DISPLAY="$DISPLAY" HOME="$work/home" PATH="$work/bin:/usr/bin:/bin" LANG=C.UTF-8 "${sanitizer_settings[@]}" \
-  "$launcher" >"$work/launcher.log" 2>&1 &
-launcher_pid=$!
-pids+=("$launcher_pid")
+start_launcher
 fallback_window() { xdotool search --onlyvisible --name '^Lanternmoor Pro$'; }
 wait_for 100 fallback_window || { echo "show-desktop: no window appeared" >&2; cat "$work/launcher.log" >&2; exit 1; }
 sleep 0.5
 import -window root "$shots/fallback.png"
 echo "show-desktop: saved $shots/fallback.png"
-kill -TERM "$launcher_pid"
-wait "$launcher_pid" || { echo "show-desktop: the launcher ended with status $?" >&2; cat "$work/launcher.log" >&2; exit 1; }
+stop_launcher
 
 # The icon on a dark panel, cropped from the screen and enlarged.
 trayer --edge top --align right --widthtype request --height 32 --SetDockType true \
   --transparent true --alpha 0 --tint 0x222222 >"$work/trayer-dark.log" 2>&1 &
 pids+=($!)
 wait_for 50 panel
-env -i DISPLAY="$DISPLAY" HOME="$work/home" PATH="$work/bin:/usr/bin:/bin" LANG=C.UTF-8 "${sanitizer_settings[@]}" \
-  "$launcher" >"$work/launcher.log" 2>&1 &
-launcher_pid=$!
-pids+=("$launcher_pid")
+start_launcher
 wait_for 100 icon_middle || { echo "show-desktop: the tray icon did not appear" >&2; exit 1; }
 sleep 0.5
 eval "$(xdotool getwindowgeometry --shell "$(panel)")"
 import -window root "$work/dark.png"
 convert "$work/dark.png" -crop "${WIDTH}x${HEIGHT}+${X}+${Y}" +repage -scale 400% "$shots/icon-dark.png"
 echo "show-desktop: saved $shots/icon-dark.png"
-kill -TERM "$launcher_pid"
-wait "$launcher_pid" || { echo "show-desktop: the launcher ended with status $?" >&2; cat "$work/launcher.log" >&2; exit 1; }
+stop_launcher
