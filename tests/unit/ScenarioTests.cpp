@@ -13,7 +13,7 @@ const std::string checked = begun + "; 0.000 port check 18765";
 // Node.js answers in 20 ms, then the service (pid 4001) is launched.
 const std::string launched = checked + "; 0.000 start /usr/bin/node --version; 0.020 exit 4000 0; 0.020 start /usr/bin/node --experimental-strip-types";
 const std::string ready = launched + "; 0.020 enable 打开研究工作区; 0.020 tooltip Lanternmoor Pro · 正在本机运行; 0.020 open " + url;
-const std::string holding = " | owns the service | holds the log";  // what a launcher still running holds
+const std::string holding = " | owns the service | holds the log";  // kept once the service was ready
 std::string refused(const std::string& at, const std::string& title) { return at + " alert " + title + "; " + at + " terminate; " + at + " ended"; }
 void quit(Harness& h) { h.launcher->quitFromMenu(); }
 void serviceEnds(Harness& h) { h.fake.children.at(1)->exit(1); }
