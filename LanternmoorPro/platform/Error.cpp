@@ -31,7 +31,7 @@ std::string action(const std::string& call) {
     if (call == "mkdir") return "无法创建文件夹";
     if (call == "chmod" || call == "fchmod") return "无法设置权限：";
     if (call == "open") return "无法打开文件";
-    if (call == "write" || call == "lseek") return "无法写入文件";
+    if (call == "write") return "无法写入文件";
     if (call == "close") return "无法关闭文件";
     if (call == "posix_spawn" || call == "pipe" || call == "pthread_create") return "无法启动程序";
     return "操作失败：";

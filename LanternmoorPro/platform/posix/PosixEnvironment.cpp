@@ -57,12 +57,13 @@ std::optional<std::string> PosixFolders::resourcesFolder() const {
 std::vector<std::string> PosixFolders::applicationSupportFolders() const {
 #if defined(__APPLE__)
     return {homeFolder() + "/Library/Application Support"};
-#endif
+#else
     // A relative XDG_DATA_HOME is invalid by the XDG rules and is ignored, as they ask.
     auto dataHome = environment_.variable("XDG_DATA_HOME");
     if (dataHome && dataHome->starts_with('/')) return {withoutTrailingSlash(*dataHome)};
     auto home = homeFolder();
     return {(home == "/" ? std::string() : home) + "/.local/share"};
+#endif
 }
 
 std::string PosixFolders::homeFolder() const {

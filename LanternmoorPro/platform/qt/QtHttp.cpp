@@ -189,13 +189,9 @@ private:
     }
 
     bool readBody() {
-        auto take = pending_.size();
-        if (remaining_) take = std::min(take, *remaining_);
-        if (take == 0) return false;
-        keep(std::string_view(pending_).substr(0, take));
-        pending_.erase(0, take);
-        if (remaining_) *remaining_ -= take;
-        if (!finished() && remaining_ && *remaining_ == 0) state_ = State::done;
+        const auto taken = takeBody(remaining_.value_or(pending_.size()));
+        if (taken == 0) return false;
+        if (remaining_ && (*remaining_ -= taken) == 0 && !finished()) state_ = State::done;
         return !finished();
     }
 
@@ -214,13 +210,18 @@ private:
     }
 
     bool readChunkData() {
-        const auto take = std::min(pending_.size(), chunkLeft_);
-        if (take == 0) return false;
+        const auto taken = takeBody(chunkLeft_);
+        if (taken == 0) return false;
+        if ((chunkLeft_ -= taken) == 0 && !finished()) state_ = State::chunkEnd;
+        return !finished();
+    }
+
+    // Moves up to `most` pending bytes into the body; how many it moved.
+    std::size_t takeBody(std::size_t most) {
+        const auto take = std::min(pending_.size(), most);
         keep(std::string_view(pending_).substr(0, take));
         pending_.erase(0, take);
-        chunkLeft_ -= take;
-        if (!finished() && chunkLeft_ == 0) state_ = State::chunkEnd;
-        return !finished();
+        return take;
     }
 
     void keep(std::string_view bytes) {
@@ -286,8 +287,7 @@ private:
     void receive() {
         char chunk[16 * 1024];
         for (;;) {
-            auto got = ::recv(socket_.get(), chunk, sizeof chunk, 0);
-            if (got < 0 && errno == EINTR) continue;
+            const auto got = posix::retryingInterrupted([&] { return ::recv(socket_.get(), chunk, sizeof chunk, 0); });
             if (got < 0 && errno == EAGAIN) break;
             if (got < 0) return answer(HttpResult::failed());
             if (got == 0) {

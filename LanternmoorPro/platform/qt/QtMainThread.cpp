@@ -64,9 +64,7 @@ std::function<void()> QtMainThread::takeDue(std::optional<Clock::time_point>& ne
 // One task at a time: a task may run a nested event loop (a modal alert), in which this is
 // served again and must go on in the same order.
 void QtMainThread::serve() {
-    char bytes[256];
-    while (::read(wakeUp_.readEnd.get(), bytes, sizeof bytes) > 0) {
-    }
+    drainWakeUps();
     std::optional<Clock::time_point> nextTimer;
     while (auto task = takeDue(nextTimer)) task();
     if (!nextTimer) return timer_.stop();
@@ -86,9 +84,14 @@ void QtMainThread::serveWithoutEventLoop(const std::function<bool()>& done, std:
         auto wait = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
         pollfd woken{wakeUp_.readEnd.get(), POLLIN, 0};
         ::poll(&woken, 1, static_cast<int>(std::max<std::int64_t>(wait.count(), 0)));
-        char bytes[256];
-        while (::read(wakeUp_.readEnd.get(), bytes, sizeof bytes) > 0) {
-        }
+        drainWakeUps();
+    }
+}
+
+// The queue itself says what is due; the bytes only woke us.
+void QtMainThread::drainWakeUps() {
+    char bytes[256];
+    while (::read(wakeUp_.readEnd.get(), bytes, sizeof bytes) > 0) {
     }
 }
 

@@ -35,6 +35,7 @@ private:
     using Clock = std::chrono::steady_clock;
 
     void wake();
+    void drainWakeUps();
     void serve();
     // The next task to run now, if any; the time of the next timer otherwise.
     std::function<void()> takeDue(std::optional<Clock::time_point>& nextTimer);

@@ -62,7 +62,6 @@ class FallbackWindow final : public QWidget {
 public:
     FallbackWindow(QtMenu& menu, const QString& title);
     void setStatus(const QString& text) { status_.setText(text); }
-    const QLabel& status() const { return status_; }
 
 protected:
     void closeEvent(QCloseEvent* event) override;
@@ -89,17 +88,13 @@ public:
     // fallback window, which is what assistive technology reaches.
     void setAccessibilityLabel(std::string label) override;
 
-    QSystemTrayIcon& trayIcon() { return icon_; }
-    // Null while a tray shows the icon.
-    FallbackWindow* fallbackWindow() { return window_.get(); }
-
 private:
     void present();
 
     // Declared first so that the icon and the window, which point at the menu, go before it.
     std::shared_ptr<QtMenu> menu_;
     QSystemTrayIcon icon_;
-    std::unique_ptr<FallbackWindow> window_;
+    std::unique_ptr<FallbackWindow> window_;  // null while a tray shows the icon
     QString toolTip_;
     QString accessibilityLabel_;
 };
