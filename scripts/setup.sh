@@ -18,7 +18,7 @@ codex_bin="$tools/codex/node_modules/.bin/codex"
 packages=(
   cmake ninja-build g++ pkg-config qt6-base-dev qt6-svg-dev qt6-wayland libgl-dev libxcb1-dev
   libgtest-dev libgmock-dev libbenchmark-dev libtsan2
-  python3 python3-xlib xvfb xauth trayer xdotool x11-utils imagemagick fonts-noto-cjk
+  iproute2 python3 python3-xlib xvfb xauth trayer xdotool x11-utils imagemagick fonts-noto-cjk
   dpkg-dev lintian desktop-file-utils
   ca-certificates nodejs npm
 )
