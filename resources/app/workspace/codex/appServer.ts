@@ -1,0 +1,179 @@
+// The one long-lived `codex app-server` child: started when first needed, its version checked,
+// started again by the next request after it has ended, and stopped politely on shutdown.
+import { spawn, type ChildProcess } from 'node:child_process';
+import { RpcClosed, RpcConnection, RpcError } from './rpc.ts';
+import { texts } from '../texts.ts';
+import type { Clock } from '../clock.ts';
+import type { CodexState } from '../model.ts';
+
+/** The oldest Codex whose app-server speaks every method and notification this service uses. */
+export const MINIMUM_CODEX_VERSION = '0.169.0';
+
+const INITIALIZE_TIMEOUT_MS = 20_000;
+const TERM_AFTER_MS = 1_000;
+const KILL_AFTER_MS = 1_500;
+
+export interface AppServerOptions {
+  /** What the launcher found: the codex executable, or the npm package's codex.js. */
+  command: string;
+  env: NodeJS.ProcessEnv;
+  clock: Clock;
+  clientVersion: string;
+  minimumVersion?: string;
+  onState(state: CodexState): void;
+  onNotification(method: string, params: unknown): void;
+  /** The app-server has ended: every turn that ran through it is over. */
+  onExit(): void;
+}
+
+/** Refused to start, with the sentence the page shows. */
+export class CodexUnavailable extends Error {}
+
+export function parseVersion(userAgent: string): number[] | null {
+  const match = /^[^/\s]+\/(\d+)\.(\d+)\.(\d+)/.exec(userAgent);
+  return match ? match.slice(1).map(Number) : null;
+}
+
+export function olderThan(version: number[], minimum: number[]): boolean {
+  for (let i = 0; i < minimum.length; i += 1) {
+    const a = version[i] ?? 0;
+    const b = minimum[i] ?? 0;
+    if (a !== b) return a < b;
+  }
+  return false;
+}
+
+function describeExit(code: number | null, signal: NodeJS.Signals | null): string {
+  return signal ? `信号 ${signal}` : `退出码 ${code}`;
+}
+
+export class CodexAppServer {
+  readonly #options: AppServerOptions;
+  #state: CodexState = { state: 'idle', version: null };
+  #child: ChildProcess | null = null;
+  #connection: RpcConnection | null = null;
+  #starting: Promise<RpcConnection> | null = null;
+  #stopping = false;
+
+  constructor(options: AppServerOptions) {
+    this.#options = options;
+  }
+
+  get state(): CodexState {
+    return this.#state;
+  }
+
+  /** The running app-server's process id, where its commands are found; null when none runs. */
+  get pid(): number | null {
+    return this.#connection && !this.#connection.closed ? (this.#child?.pid ?? null) : null;
+  }
+
+  connect(): Promise<RpcConnection> {
+    if (this.#stopping) return Promise.reject(new RpcClosed(texts.stopping));
+    if (this.#connection && !this.#connection.closed) return Promise.resolve(this.#connection);
+    this.#starting ??= this.#start().finally(() => {
+      this.#starting = null;
+    });
+    return this.#starting;
+  }
+
+  async request<T>(method: string, params: unknown, timeoutMs?: number): Promise<T> {
+    const connection = await this.connect();
+    return connection.request<T>(method, params, timeoutMs);
+  }
+
+  /** Closes its input (it then ends, and the commands it started with it); SIGTERM after 1 s. */
+  async stop(): Promise<void> {
+    this.#stopping = true;
+    const child = this.#child;
+    if (!child || child.exitCode !== null || child.signalCode !== null) return;
+    const exited = new Promise<void>((resolve) => child.once('exit', () => resolve()));
+    child.stdin?.end();
+    const term = this.#options.clock.after(TERM_AFTER_MS, () => child.kill('SIGTERM'));
+    const kill = this.#options.clock.after(KILL_AFTER_MS, () => child.kill('SIGKILL'));
+    await exited;
+    term.cancel();
+    kill.cancel();
+  }
+
+  #setState(state: CodexState): void {
+    this.#state = state;
+    this.#options.onState(state);
+  }
+
+  #unavailable(message: string): CodexUnavailable {
+    this.#setState({ state: 'unavailable', version: this.#state.version, message });
+    return new CodexUnavailable(message);
+  }
+
+  #start(): Promise<RpcConnection> {
+    const { command, env, clock } = this.#options;
+    if (!command) return Promise.reject(this.#unavailable(texts.codexNoPath));
+    this.#setState({ state: 'starting', version: this.#state.version });
+    return new Promise((resolve, reject) => {
+      let ready = false;
+      let settled = false;
+      const child = spawn(command, ['app-server'], { stdio: ['pipe', 'pipe', 'inherit'], env });
+      const connection = new RpcConnection(child.stdout, child.stdin, {
+        notification: (method, params) => this.#options.onNotification(method, params),
+        // Approvals are never asked for (the policy is "never"); anything else is not ours to grant.
+        request: (method) => {
+          throw new RpcError(-32601, `${method} is not supported by this client`);
+        },
+      }, clock);
+      this.#child = child;
+      this.#connection = connection;
+
+      // The first reason wins: a spawn error is followed by an exit, a refusal by the end it causes.
+      const fail = (message: string) => {
+        if (settled) return;
+        settled = true;
+        connection.close(new CodexUnavailable(message));
+        if (child.exitCode === null && child.signalCode === null) child.stdin.end();
+        reject(this.#unavailable(message));
+      };
+      child.once('error', (error: NodeJS.ErrnoException) => {
+        if (error.code === 'ENOENT') fail(texts.codexMissing(command));
+        else if (error.code === 'EACCES') fail(texts.codexNotExecutable(command));
+        else fail(texts.codexDidNotStart(error.message));
+      });
+      child.once('exit', (code, signal) => {
+        if (this.#child === child) {
+          this.#child = null;
+          this.#connection = null;
+        }
+        if (!ready) {
+          fail(texts.codexDidNotStart(describeExit(code, signal)));
+          return;
+        }
+        connection.close(new RpcClosed(texts.codexExited(describeExit(code, signal))));
+        if (!this.#stopping) this.#unavailable(texts.codexExited(describeExit(code, signal)));
+        this.#options.onExit();
+      });
+
+      connection.request<{ userAgent?: unknown }>('initialize', {
+        clientInfo: { name: 'lanternmoor', title: 'Lanternmoor Pro', version: this.#options.clientVersion },
+        capabilities: { experimentalApi: false },
+      }, INITIALIZE_TIMEOUT_MS).then((answer) => {
+        if (settled) return;
+        const version = parseVersion(typeof answer?.userAgent === 'string' ? answer.userAgent : '');
+        if (!version) {
+          fail(texts.codexUnknownVersion);
+          return;
+        }
+        const minimum = this.#options.minimumVersion ?? MINIMUM_CODEX_VERSION;
+        const text = version.join('.');
+        if (olderThan(version, parseVersion(`codex/${minimum}`)!)) {
+          this.#state = { state: 'starting', version: text };
+          fail(texts.codexTooOld(text, minimum));
+          return;
+        }
+        connection.notify('initialized');
+        ready = true;
+        settled = true;
+        this.#setState({ state: 'ready', version: text });
+        resolve(connection);
+      }, () => fail(texts.codexDidNotStart('启动后没有回应')));
+    });
+  }
+}

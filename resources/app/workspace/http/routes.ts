@@ -1,0 +1,94 @@
+// The workspace's HTTP interface: the page's files, its event stream, and the few requests that
+// change something (ask, follow up, stop).
+import type { IncomingMessage, ServerResponse } from 'node:http';
+import { Refusal } from '../refusal.ts';
+import { texts } from '../texts.ts';
+import { sendJson } from './answer.ts';
+import { checkChange, readJson, type PeerGate } from './security.ts';
+import type { EventHub } from './events.ts';
+import type { StaticFiles } from './static.ts';
+import type { ResearchDesk } from '../research/desk.ts';
+import type { ServiceState } from '../model.ts';
+
+export interface RouteDeps {
+  desk: ResearchDesk;
+  hub: EventHub;
+  gate: PeerGate;
+  files: StaticFiles;
+  service(): ServiceState;
+  /** A page has connected: it wants to know Codex's state, so Codex is started if it is not. */
+  pageConnected(): void;
+  complain(line: string): void;
+}
+
+const THREAD_ID = /^[\w-]{1,64}$/;
+
+function questionOf(body: unknown): unknown {
+  if (typeof body !== 'object' || body === null || Array.isArray(body)) throw new Refusal(400, texts.notJson);
+  return (body as { question?: unknown }).question;
+}
+
+export function createRoutes(deps: RouteDeps): (request: IncomingMessage, response: ServerResponse) => Promise<void> {
+  const { desk, hub, gate, files } = deps;
+
+  async function api(request: IncomingMessage, response: ServerResponse, url: URL): Promise<void> {
+    const parts = url.pathname.split('/').slice(2); // after "/api/"
+    const method = request.method ?? 'GET';
+    const [resource, id, action, ...rest] = parts;
+    if (resource === 'events' && parts.length === 1) {
+      if (method !== 'GET') throw new Refusal(405, texts.methodNotAllowed);
+      const wanted = url.searchParams.get('thread');
+      const thread = wanted && THREAD_ID.test(wanted) ? desk.thread(wanted) : null;
+      hub.subscribe(response, thread?.id ?? null, { type: 'hello', service: deps.service(), threads: desk.list(), thread });
+      deps.pageConnected();
+      return;
+    }
+    if (resource !== 'threads' || rest.length > 0 || (id !== undefined && !THREAD_ID.test(id))) {
+      throw new Refusal(404, texts.notFound);
+    }
+    if (id === undefined) {
+      if (method === 'GET') return sendJson(response, 200, { threads: desk.list() });
+      if (method === 'POST') return sendJson(response, 201, desk.create(questionOf(await readJson(request))));
+      throw new Refusal(405, texts.methodNotAllowed);
+    }
+    if (action === undefined) {
+      if (method !== 'GET') throw new Refusal(405, texts.methodNotAllowed);
+      const thread = desk.thread(id);
+      if (!thread) throw new Refusal(404, texts.noSuchThread);
+      return sendJson(response, 200, { thread });
+    }
+    if (method !== 'POST') throw new Refusal(405, texts.methodNotAllowed);
+    if (action === 'turns') return sendJson(response, 201, desk.ask(id, questionOf(await readJson(request))));
+    if (action === 'stop') {
+      await readJson(request);
+      await desk.stop(id);
+      return sendJson(response, 200, {});
+    }
+    throw new Refusal(404, texts.notFound);
+  }
+
+  return async (request, response) => {
+    try {
+      if (!(await gate.allows(request.socket))) throw new Refusal(403, texts.foreignUser);
+      const url = new URL(request.url ?? '/', 'http://workspace.invalid');
+      checkChange(request);
+      if (url.pathname.startsWith('/api/')) {
+        await api(request, response, url);
+        return;
+      }
+      if (request.method !== 'GET' && request.method !== 'HEAD') throw new Refusal(405, texts.methodNotAllowed);
+      if (!(await files.serve(request, response, url.pathname))) throw new Refusal(404, texts.notFound);
+    } catch (error) {
+      if (response.headersSent) {
+        response.destroy();
+        return;
+      }
+      if (error instanceof Refusal) {
+        sendJson(response, error.status, { error: error.message });
+        return;
+      }
+      deps.complain(`request ${request.method} ${request.url} failed: ${error instanceof Error ? error.stack : String(error)}`);
+      sendJson(response, 500, { error: texts.internal(error instanceof Error ? error.message : String(error)) });
+    }
+  };
+}

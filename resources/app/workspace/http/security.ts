@@ -1,0 +1,68 @@
+// The checks every request passes before it reaches a route. The host name was checked by the
+// entry already (it answers the health check before this module is loaded).
+import type { IncomingMessage } from 'node:http';
+import type { Socket } from 'node:net';
+import { Refusal } from '../refusal.ts';
+import { texts } from '../texts.ts';
+import type { PeerLookup } from './peer.ts';
+
+export const BODY_LIMIT_BYTES = (1 << 20) + (64 << 10);
+
+const CHANGING = new Set(['POST', 'PUT', 'PATCH', 'DELETE']);
+
+export class PeerGate {
+  readonly #lookup: PeerLookup;
+  readonly #uid: number;
+  readonly #verdicts = new WeakMap<Socket, Promise<boolean>>();
+
+  constructor(lookup: PeerLookup, uid: number) {
+    this.#lookup = lookup;
+    this.#uid = uid;
+  }
+
+  /** Whether the connection comes from this service's own user; asked once per connection. */
+  allows(socket: Socket): Promise<boolean> {
+    let verdict = this.#verdicts.get(socket);
+    if (!verdict) {
+      const peer = { address: socket.remoteAddress ?? '', port: socket.remotePort ?? 0 };
+      const local = { address: socket.localAddress ?? '', port: socket.localPort ?? 0 };
+      verdict = this.#lookup(peer, local).then((uid) => uid === this.#uid, () => false);
+      this.#verdicts.set(socket, verdict);
+    }
+    return verdict;
+  }
+}
+
+/**
+ * A request that changes something must come from the page itself: its Origin is the page's own
+ * (which a browser sets and a page elsewhere cannot forge), and its body is JSON, which no form of
+ * another site can send without the browser asking first.
+ */
+export function checkChange(request: IncomingMessage): void {
+  if (!CHANGING.has(request.method ?? '')) return;
+  if (request.headers.origin !== `http://${request.headers.host}`) throw new Refusal(403, texts.foreignOrigin);
+  const type = (request.headers['content-type'] ?? '').split(';')[0]!.trim().toLowerCase();
+  if (type !== 'application/json') throw new Refusal(400, texts.needsJson);
+}
+
+/** The request's JSON body; over the limit, a 413 without reading the rest. */
+export async function readJson(request: IncomingMessage, limit = BODY_LIMIT_BYTES): Promise<unknown> {
+  const declared = Number(request.headers['content-length']);
+  if (declared > limit) throw new Refusal(413, texts.tooLarge);
+  const chunks: Buffer[] = [];
+  let size = 0;
+  for await (const chunk of request as AsyncIterable<Buffer>) {
+    size += chunk.length;
+    if (size > limit) throw new Refusal(413, texts.tooLarge);
+    chunks.push(chunk);
+  }
+  try {
+    return JSON.parse(Buffer.concat(chunks).toString('utf8')) as unknown;
+  } catch {
+    throw new Refusal(400, texts.notJson);
+  }
+}
+
+export function isChange(request: IncomingMessage): boolean {
+  return CHANGING.has(request.method ?? '');
+}

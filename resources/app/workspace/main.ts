@@ -1,0 +1,143 @@
+// The workspace: the store, Codex, the research desk, the event stream and the routes, wired
+// together once the entry is listening.
+import { join } from 'node:path';
+import { homedir } from 'node:os';
+import { fileURLToPath } from 'node:url';
+import type { IncomingMessage, ServerResponse } from 'node:http';
+import { CodexAppServer } from './codex/appServer.ts';
+import { endThreadCommands, killSurvivors, treeOf } from './codex/commands.ts';
+import { ResearchDesk, describeStorage } from './research/desk.ts';
+import { StoreError, ThreadStore } from './store/store.ts';
+import { EventHub } from './http/events.ts';
+import { PeerGate, } from './http/security.ts';
+import { systemLookup } from './http/peer.ts';
+import { StaticFiles } from './http/static.ts';
+import { createRoutes } from './http/routes.ts';
+import { systemClock, type Clock } from './clock.ts';
+import { texts } from './texts.ts';
+import type { Account, ServiceState } from './model.ts';
+
+export interface Boot {
+  port: number;
+  startedAt: number;
+  env: NodeJS.ProcessEnv;
+  /** The service's version, which Codex is told as the client's. */
+  version: string;
+  say(line: string): void;
+  complain(line: string): void;
+  clock?: Clock;
+}
+
+export interface Workspace {
+  handle(request: IncomingMessage, response: ServerResponse): Promise<void>;
+  /** Ends running turns, stops Codex and closes the store. */
+  stop(): Promise<void>;
+}
+
+const PUBLIC = fileURLToPath(new URL('../public', import.meta.url));
+
+interface AccountAnswer {
+  account: null | { type: 'chatgpt'; email?: string | null; planType?: string | null } | { type: string };
+  requiresOpenaiAuth?: boolean;
+}
+
+function accountOf(answer: AccountAnswer): Account {
+  const { account } = answer;
+  if (!account) return { signedIn: false, requiresSignIn: answer.requiresOpenaiAuth === true };
+  if (account.type === 'chatgpt') {
+    const { email, planType } = account as { email?: string | null; planType?: string | null };
+    return { signedIn: true, label: [email || 'ChatGPT', planType ? `（${planType}）` : ''].join('') };
+  }
+  return { signedIn: true, label: account.type === 'apiKey' ? 'API 密钥' : account.type };
+}
+
+function openStore(dataFolder: string, say: (line: string) => void): { store: ThreadStore; problem: string | null } {
+  try {
+    const store = ThreadStore.open(join(dataFolder, 'workspace.db'));
+    const cut = store.recover(texts.turnCutByServiceEnd, Date.now());
+    if (cut > 0) say(`marked ${cut} turn(s) cut short by the previous run's end as interrupted`);
+    return { store, problem: null };
+  } catch (error) {
+    // The page still works, keeping nothing, and says so; what is on disk is left as it is.
+    const problem = error instanceof StoreError ? describeStorage(error) : String(error);
+    say(`the store in ${dataFolder} cannot be used (${error instanceof Error ? error.message : String(error)}); nothing will be kept`);
+    return { store: ThreadStore.open(':memory:'), problem };
+  }
+}
+
+export function startWorkspace(boot: Boot): Workspace {
+  const clock = boot.clock ?? systemClock;
+  const { env } = boot;
+  // Thread folders, the store and whatever Codex writes are the user's alone.
+  process.umask(0o077);
+  const dataFolder = env.LANTERNMOOR_DATA_DIR || join(homedir(), '.local', 'share', 'Lanternmoor Pro');
+  const command = env.LANTERNMOOR_CODEX_PATH ?? '';
+  const { store, problem } = openStore(dataFolder, boot.say);
+  const hub = new EventHub();
+  const state: ServiceState = {
+    codex: { state: 'idle', version: null },
+    account: null,
+    storage: problem,
+    about: {
+      address: `http://127.0.0.1:${boot.port}/`, dataFolder, codexPath: command, node: process.version, startedAt: boot.startedAt,
+    },
+  };
+  const publishService = () => hub.publish({ type: 'service', service: state });
+
+  const readAccount = () => {
+    codex.request<AccountAnswer>('account/read', {}, 10_000).then((answer) => {
+      state.account = accountOf(answer);
+      publishService();
+    }, () => {});
+  };
+
+  const codex = new CodexAppServer({
+    command, env, clock, clientVersion: boot.version,
+    onState: (codexState) => {
+      state.codex = codexState;
+      publishService();
+      if (codexState.state === 'ready') readAccount();
+    },
+    onNotification: (method, params) => {
+      if (method === 'account/updated') readAccount();
+      else desk.onNotification(method, params);
+    },
+    onExit: () => desk.onCodexExit(),
+  });
+
+  const desk = new ResearchDesk({
+    store, codex, dataFolder, clock,
+    publish: (event) => hub.publish(event),
+    endCommands: (pid, threadId) => endThreadCommands(pid, threadId, clock),
+    reportStorage: (error) => {
+      const next = problem ?? (error ? describeStorage(error) : null);
+      if (error) boot.complain(`writing to the store failed: ${error.message}`);
+      if (next === state.storage) return;
+      state.storage = next;
+      publishService();
+    },
+  });
+
+  const handle = createRoutes({
+    desk, hub, files: new StaticFiles(PUBLIC), gate: new PeerGate(systemLookup, process.getuid?.() ?? -1),
+    service: () => state,
+    pageConnected: () => {
+      if (state.codex.state === 'idle' || state.codex.state === 'unavailable') codex.connect().catch(() => {});
+    },
+    complain: boot.complain,
+  });
+
+  return {
+    handle,
+    async stop() {
+      hub.closeAll();
+      await desk.shutdown();
+      // Whatever Codex started and its end does not take along is ended after it.
+      const pid = codex.pid;
+      const tree = pid === null ? [] : await treeOf(pid).catch(() => []);
+      await codex.stop();
+      await killSurvivors(tree).catch(() => 0);
+      store.close();
+    },
+  };
+}

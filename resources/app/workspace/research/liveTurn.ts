@@ -1,0 +1,167 @@
+// One turn while it runs: Codex's notifications become the page's items, as they come.
+import { completeItem, describeError, OUTPUT_LIMIT, toItem, usageOf } from '../codex/translate.ts';
+import { texts } from '../texts.ts';
+import type { CodexTokenBreakdown, TurnNotification } from '../codex/protocol.ts';
+import type { Item, Turn, TurnHead, TurnStatus } from '../model.ts';
+
+export interface TurnSink {
+  /** The turn's head changed: its status, usage or error. */
+  turn(head: TurnHead): void;
+  /** An item appeared or was replaced whole; settled when Codex has said its last word on it. */
+  item(head: TurnHead, item: Item, settled: boolean): void;
+  /** Text was appended to an item (its answer, a reasoning part, a command's output). */
+  delta(head: TurnHead, item: Item, field: 'text' | 'output', part: number | undefined, text: string): void;
+}
+
+export class LiveTurn {
+  readonly head: TurnHead;
+  readonly items: Item[] = [];
+  readonly #sink: TurnSink;
+  readonly #byCodexId = new Map<string, number>();
+  codexThreadId: string | null = null;
+  codexTurnId: string | null = null;
+  stopRequested = false;
+  #usageBase: CodexTokenBreakdown | null = null;
+  #retryNoted = false;
+
+  constructor(head: TurnHead, sink: TurnSink) {
+    this.head = head;
+    this.#sink = sink;
+  }
+
+  get finished(): boolean {
+    return this.head.status !== 'running';
+  }
+
+  get turn(): Turn {
+    return { ...this.head, items: this.items };
+  }
+
+  apply(notification: TurnNotification): void {
+    if (this.finished) return;
+    switch (notification.method) {
+      case 'turn/started':
+        this.codexTurnId ??= notification.params.turn.id;
+        return;
+      case 'item/started': {
+        const item = toItem(notification.params.item, this.items.length);
+        if (!item) return;
+        this.items.push(item);
+        this.#byCodexId.set(notification.params.item.id, item.position);
+        this.#sink.item(this.head, item, item.status !== 'running');
+        return;
+      }
+      case 'item/completed': {
+        const position = this.#byCodexId.get(notification.params.item.id);
+        if (position === undefined) {
+          // Completed without a start (Codex sends some items only whole).
+          const item = toItem(notification.params.item, this.items.length);
+          if (!item) return;
+          const whole = completeItem(item, notification.params.item);
+          this.items.push(whole);
+          this.#sink.item(this.head, whole, true);
+          return;
+        }
+        const whole = completeItem(this.items[position]!, notification.params.item);
+        this.items[position] = whole;
+        this.#sink.item(this.head, whole, true);
+        return;
+      }
+      case 'item/agentMessage/delta': {
+        const item = this.#find(notification.params.itemId);
+        if (item?.kind !== 'answer' && item?.kind !== 'plan') return;
+        item.text += notification.params.delta;
+        this.#sink.delta(this.head, item, 'text', undefined, notification.params.delta);
+        return;
+      }
+      case 'item/reasoning/summaryPartAdded': {
+        const item = this.#find(notification.params.itemId);
+        if (item?.kind !== 'reasoning') return;
+        while (item.parts.length <= notification.params.summaryIndex) item.parts.push('');
+        this.#sink.delta(this.head, item, 'text', notification.params.summaryIndex, '');
+        return;
+      }
+      case 'item/reasoning/summaryTextDelta': {
+        const item = this.#find(notification.params.itemId);
+        if (item?.kind !== 'reasoning') return;
+        const index = notification.params.summaryIndex;
+        while (item.parts.length <= index) item.parts.push('');
+        item.parts[index] += notification.params.delta;
+        this.#sink.delta(this.head, item, 'text', index, notification.params.delta);
+        return;
+      }
+      case 'item/commandExecution/outputDelta': {
+        const item = this.#find(notification.params.itemId);
+        if (item?.kind !== 'command') return;
+        const room = Math.max(0, OUTPUT_LIMIT - item.output.length);
+        const kept = notification.params.delta.slice(0, room);
+        item.dropped += notification.params.delta.length - kept.length;
+        if (kept === '') return;
+        item.output += kept;
+        this.#sink.delta(this.head, item, 'output', undefined, kept);
+        return;
+      }
+      case 'thread/tokenUsage/updated': {
+        const { total, last } = notification.params.tokenUsage;
+        // The thread's total before this turn's first request is the base of the turn's own count.
+        this.#usageBase ??= subtract(total, last);
+        this.head.usage = usageOf(total, this.#usageBase);
+        this.#sink.turn(this.head);
+        return;
+      }
+      case 'error': {
+        if (notification.params.willRetry) {
+          if (this.#retryNoted) return;
+          this.#retryNoted = true;
+          this.#push({ kind: 'notice', level: 'warning', text: texts.retrying, position: this.items.length, status: 'completed' });
+        } else {
+          this.head.error ??= describeError(notification.params.error);
+        }
+        return;
+      }
+      case 'turn/completed': {
+        const { status, error } = notification.params.turn;
+        if (status === 'inProgress') return;
+        if (status === 'completed') this.finish('completed', null);
+        else if (status === 'failed') this.finish('failed', error ? describeError(error) : this.head.error ?? texts.codexError(''));
+        else this.finish(this.stopRequested ? 'stopped' : 'interrupted', this.stopRequested ? null : this.head.error);
+        return;
+      }
+    }
+  }
+
+  /** Ends the turn: what was shown stays, marked as cut short where it was still coming. */
+  finish(status: Exclude<TurnStatus, 'running'>, error: string | null, now = Date.now()): void {
+    if (this.finished) return;
+    for (const [position, item] of this.items.entries()) {
+      if (item.status !== 'running') continue;
+      const stopped = { ...item, status: status === 'completed' ? 'completed' : 'stopped' } as Item;
+      this.items[position] = stopped;
+      this.#sink.item(this.head, stopped, true);
+    }
+    this.head.status = status;
+    this.head.error = status === 'completed' ? null : error;
+    this.head.endedAt = now;
+    this.#sink.turn(this.head);
+  }
+
+  #find(codexId: string): Item | undefined {
+    const position = this.#byCodexId.get(codexId);
+    return position === undefined ? undefined : this.items[position];
+  }
+
+  #push(item: Item): void {
+    this.items.push(item);
+    this.#sink.item(this.head, item, true);
+  }
+}
+
+function subtract(total: CodexTokenBreakdown, last: CodexTokenBreakdown): CodexTokenBreakdown {
+  return {
+    totalTokens: total.totalTokens - last.totalTokens,
+    inputTokens: total.inputTokens - last.inputTokens,
+    cachedInputTokens: total.cachedInputTokens - last.cachedInputTokens,
+    outputTokens: total.outputTokens - last.outputTokens,
+    reasoningOutputTokens: total.reasoningOutputTokens - last.reasoningOutputTokens,
+  };
+}

@@ -1,0 +1,39 @@
+// The store's schema, one migration per version. A migration runs once, in the same transaction
+// as the bump of user_version, so a database is always at exactly one version.
+import type { DatabaseSync } from 'node:sqlite';
+
+export type Migration = (db: DatabaseSync) => void;
+
+export const migrations: readonly Migration[] = [
+  // 1: threads of turns of items; an item is kept as the JSON the page is sent.
+  (db) => db.exec(`
+    CREATE TABLE threads (
+      id TEXT PRIMARY KEY,
+      title TEXT NOT NULL,
+      folder TEXT NOT NULL,
+      codex_thread_id TEXT,
+      created_at INTEGER NOT NULL,
+      updated_at INTEGER NOT NULL
+    ) STRICT;
+    CREATE INDEX threads_by_update ON threads (updated_at DESC);
+    CREATE TABLE turns (
+      id TEXT PRIMARY KEY,
+      thread_id TEXT NOT NULL REFERENCES threads (id) ON DELETE CASCADE,
+      position INTEGER NOT NULL,
+      question TEXT NOT NULL,
+      status TEXT NOT NULL,
+      error TEXT,
+      usage TEXT,
+      started_at INTEGER NOT NULL,
+      ended_at INTEGER,
+      UNIQUE (thread_id, position)
+    ) STRICT;
+    CREATE TABLE items (
+      turn_id TEXT NOT NULL REFERENCES turns (id) ON DELETE CASCADE,
+      position INTEGER NOT NULL,
+      status TEXT NOT NULL,
+      body TEXT NOT NULL,
+      PRIMARY KEY (turn_id, position)
+    ) STRICT, WITHOUT ROWID;
+  `),
+];

@@ -1,0 +1,250 @@
+// The thread store: one SQLite database in the data folder, owner-only, in WAL mode so a kill at
+// any moment leaves it whole. Writes come in batches, each one transaction.
+import { DatabaseSync, type StatementSync } from 'node:sqlite';
+import { chmodSync, closeSync, openSync } from 'node:fs';
+import { migrations as allMigrations, type Migration } from './migrations.ts';
+import type { Item, Thread, ThreadSummary, Turn, TurnHead, Usage } from '../model.ts';
+
+export class StoreError extends Error {
+  readonly reason: 'newer' | 'unwritable' | 'full' | 'corrupt' | 'other';
+  constructor(reason: StoreError['reason'], message: string, options?: ErrorOptions) {
+    super(message, options);
+    this.reason = reason;
+  }
+}
+
+/** What one flush writes: turn heads and items that changed since the last one. */
+export interface Batch {
+  turns: TurnHead[];
+  items: { turnId: string; item: Item }[];
+}
+
+export interface NewThread {
+  id: string;
+  title: string;
+  folder: string;
+  createdAt: number;
+}
+
+interface TurnRow {
+  id: string; thread_id: string; position: number; question: string; status: string;
+  error: string | null; usage: string | null; started_at: number; ended_at: number | null;
+}
+interface ThreadRow { id: string; title: string; folder: string; created_at: number; updated_at: number }
+
+// SQLite's primary result codes (the low byte of an extended one).
+const FULL = 13;
+const UNWRITABLE = new Set([3 /* PERM */, 8 /* READONLY */, 10 /* IOERR */, 14 /* CANTOPEN */, 23 /* AUTH */]);
+const CORRUPT = new Set([11 /* CORRUPT */, 26 /* NOTADB */]);
+// What the file system says when the store's own file cannot be made.
+const UNWRITABLE_FILE = new Set(['EACCES', 'EPERM', 'EROFS', 'ENOTDIR', 'ENOENT', 'EISDIR']);
+
+function classify(error: unknown): StoreError {
+  if (error instanceof StoreError) return error;
+  const text = error instanceof Error ? error.message : String(error);
+  const { errcode, code } = (error ?? {}) as { errcode?: number; code?: string };
+  const primary = typeof errcode === 'number' ? errcode & 0xff : -1;
+  if (primary === FULL || code === 'ENOSPC') return new StoreError('full', text, { cause: error });
+  if (UNWRITABLE.has(primary) || (code !== undefined && UNWRITABLE_FILE.has(code))) {
+    return new StoreError('unwritable', text, { cause: error });
+  }
+  if (CORRUPT.has(primary)) return new StoreError('corrupt', text, { cause: error });
+  return new StoreError('other', text, { cause: error });
+}
+
+export class ThreadStore {
+  readonly #db: DatabaseSync;
+  readonly #statements = new Map<string, StatementSync>();
+  #open = true;
+
+  private constructor(db: DatabaseSync) {
+    this.#db = db;
+  }
+
+  /** Opens (creating if need be) and migrates the store at this path. */
+  static open(path: string, migrations: readonly Migration[] = allMigrations): ThreadStore {
+    let db: DatabaseSync | undefined;
+    try {
+      if (path !== ':memory:') {
+        // Created here first so the mode is ours whatever the umask; SQLite gives its WAL and
+        // shared-memory files the mode of the database file.
+        closeSync(openSync(path, 'a', 0o600));
+        chmodSync(path, 0o600);
+      }
+      db = new DatabaseSync(path);
+      const store = new ThreadStore(db);
+      // Before anything is written: a newer version's database is left exactly as it is.
+      const version = store.#version();
+      if (version > migrations.length) {
+        throw new StoreError('newer', `database version ${version} is newer than this service's ${migrations.length}`);
+      }
+      db.exec('PRAGMA busy_timeout = 2000; PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON;');
+      store.#migrate(version, migrations);
+      return store;
+    } catch (error) {
+      db?.close();
+      throw classify(error);
+    }
+  }
+
+  #version(): number {
+    return Number((this.#db.prepare('PRAGMA user_version').get() as { user_version: number }).user_version);
+  }
+
+  #migrate(version: number, migrations: readonly Migration[]): void {
+    for (let next = version; next < migrations.length; next += 1) {
+      this.#transaction(() => {
+        migrations[next]!(this.#db);
+        this.#db.exec(`PRAGMA user_version = ${next + 1}`);
+      });
+    }
+  }
+
+  #statement(sql: string): StatementSync {
+    let statement = this.#statements.get(sql);
+    if (!statement) {
+      statement = this.#db.prepare(sql);
+      this.#statements.set(sql, statement);
+    }
+    return statement;
+  }
+
+  #transaction<T>(work: () => T): T {
+    this.#db.exec('BEGIN IMMEDIATE');
+    try {
+      const result = work();
+      this.#db.exec('COMMIT');
+      return result;
+    } catch (error) {
+      // A failed COMMIT may or may not have ended the transaction already.
+      try {
+        this.#db.exec('ROLLBACK');
+      } catch {
+        // none was open
+      }
+      throw error;
+    }
+  }
+
+  #write<T>(work: () => T): T {
+    try {
+      return this.#transaction(work);
+    } catch (error) {
+      throw classify(error);
+    }
+  }
+
+  listThreads(): Omit<ThreadSummary, 'running'>[] {
+    const rows = this.#statement('SELECT id, title, created_at, updated_at FROM threads ORDER BY updated_at DESC, id')
+      .all() as unknown as ThreadRow[];
+    return rows.map((row) => ({ id: row.id, title: row.title, createdAt: row.created_at, updatedAt: row.updated_at }));
+  }
+
+  readThread(id: string): (Omit<Thread, 'running'> & { codexThreadId: string | null }) | null {
+    const row = this.#statement('SELECT * FROM threads WHERE id = ?').get(id) as
+      (ThreadRow & { codex_thread_id: string | null }) | undefined;
+    if (!row) return null;
+    const turns = (this.#statement('SELECT * FROM turns WHERE thread_id = ? ORDER BY position').all(id) as unknown as TurnRow[])
+      .map((turn): Turn => ({ ...headOf(turn), items: [] }));
+    const byId = new Map(turns.map((turn) => [turn.id, turn]));
+    const items = this.#statement(
+      'SELECT items.turn_id, items.body FROM items JOIN turns ON turns.id = items.turn_id WHERE turns.thread_id = ? ORDER BY turns.position, items.position',
+    ).all(id) as unknown as { turn_id: string; body: string }[];
+    for (const item of items) byId.get(item.turn_id)?.items.push(JSON.parse(item.body) as Item);
+    return {
+      id: row.id, title: row.title, folder: row.folder, codexThreadId: row.codex_thread_id,
+      createdAt: row.created_at, updatedAt: row.updated_at, turns,
+    };
+  }
+
+  summary(id: string): Omit<ThreadSummary, 'running'> | null {
+    const row = this.#statement('SELECT id, title, created_at, updated_at FROM threads WHERE id = ?').get(id) as
+      ThreadRow | undefined;
+    return row ? { id: row.id, title: row.title, createdAt: row.created_at, updatedAt: row.updated_at } : null;
+  }
+
+  /** What Codex needs to carry on with a thread: its folder and Codex's own id for it. */
+  codexPlace(id: string): { folder: string; codexThreadId: string | null } | null {
+    const row = this.#statement('SELECT folder, codex_thread_id FROM threads WHERE id = ?').get(id) as
+      { folder: string; codex_thread_id: string | null } | undefined;
+    return row ? { folder: row.folder, codexThreadId: row.codex_thread_id } : null;
+  }
+
+  nextTurnPosition(threadId: string): number {
+    const row = this.#statement('SELECT coalesce(max(position) + 1, 0) AS next FROM turns WHERE thread_id = ?').get(threadId) as
+      { next: number };
+    return row.next;
+  }
+
+  /** A new thread with its first turn, together or not at all. */
+  createThread(thread: NewThread, first: TurnHead): void {
+    this.#write(() => {
+      this.#statement('INSERT INTO threads (id, title, folder, created_at, updated_at) VALUES (?, ?, ?, ?, ?)')
+        .run(thread.id, thread.title, thread.folder, thread.createdAt, thread.createdAt);
+      this.#putTurn(first);
+    });
+  }
+
+  addTurn(turn: TurnHead): void {
+    this.#write(() => this.#putTurn(turn));
+  }
+
+  setCodexThread(threadId: string, codexThreadId: string | null): void {
+    this.#write(() => this.#statement('UPDATE threads SET codex_thread_id = ? WHERE id = ?').run(codexThreadId, threadId));
+  }
+
+  commit(batch: Batch): void {
+    if (batch.turns.length === 0 && batch.items.length === 0) return;
+    this.#write(() => {
+      for (const turn of batch.turns) this.#putTurn(turn);
+      const put = this.#statement('INSERT OR REPLACE INTO items (turn_id, position, status, body) VALUES (?, ?, ?, ?)');
+      for (const { turnId, item } of batch.items) put.run(turnId, item.position, item.status, JSON.stringify(item));
+    });
+  }
+
+  #putTurn(turn: TurnHead): void {
+    this.#statement(`INSERT INTO turns (id, thread_id, position, question, status, error, usage, started_at, ended_at)
+      VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)
+      ON CONFLICT (id) DO UPDATE SET status = excluded.status, error = excluded.error, usage = excluded.usage,
+        ended_at = excluded.ended_at`)
+      .run(turn.id, turn.threadId, turn.position, turn.question, turn.status, turn.error,
+        turn.usage ? JSON.stringify(turn.usage) : null, turn.startedAt, turn.endedAt);
+    this.#statement('UPDATE threads SET updated_at = max(updated_at, ?) WHERE id = ?')
+      .run(turn.endedAt ?? turn.startedAt, turn.threadId);
+  }
+
+  /**
+   * Turns the last run left running were cut short by its end (a kill, a crash, a power loss):
+   * they and their running items are marked so, with the reason given.
+   */
+  recover(reason: string, now: number): number {
+    return this.#write(() => {
+      const cut = this.#statement("SELECT id FROM turns WHERE status = 'running'").all() as { id: string }[];
+      for (const { id } of cut) {
+        const items = this.#statement("SELECT position, body FROM items WHERE turn_id = ? AND status = 'running'")
+          .all(id) as { position: number; body: string }[];
+        for (const item of items) {
+          const body = { ...(JSON.parse(item.body) as Item), status: 'stopped' };
+          this.#statement("UPDATE items SET status = 'stopped', body = ? WHERE turn_id = ? AND position = ?")
+            .run(JSON.stringify(body), id, item.position);
+        }
+      }
+      this.#statement("UPDATE turns SET status = 'interrupted', error = ?, ended_at = ? WHERE status = 'running'").run(reason, now);
+      return cut.length;
+    });
+  }
+
+  close(): void {
+    if (!this.#open) return;
+    this.#open = false;
+    this.#db.close();
+  }
+}
+
+function headOf(row: TurnRow): TurnHead {
+  return {
+    id: row.id, threadId: row.thread_id, position: row.position, question: row.question,
+    status: row.status as TurnHead['status'], error: row.error,
+    usage: row.usage ? (JSON.parse(row.usage) as Usage) : null, startedAt: row.started_at, endedAt: row.ended_at,
+  };
+}
