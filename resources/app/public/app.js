@@ -1,0 +1,401 @@
+// @ts-check
+// The workspace page: the thread list beside the open thread, the question box, and the event
+// stream that keeps all of it current.
+import { createMarkdown } from './markdown.js';
+import { ItemView, element } from './items.js';
+
+/** @typedef {import('../workspace/model.ts').PageEvent} PageEvent */
+/** @typedef {import('../workspace/model.ts').ServiceState} ServiceState */
+/** @typedef {import('../workspace/model.ts').ThreadSummary} ThreadSummary */
+/** @typedef {import('../workspace/model.ts').Thread} Thread */
+/** @typedef {import('../workspace/model.ts').Turn} Turn */
+/** @typedef {import('../workspace/model.ts').TurnHead} TurnHead */
+/** @typedef {import('../workspace/model.ts').Item} Item */
+
+/** The newest items drawn at once when a thread opens; older ones as the reader scrolls up. */
+const FIRST_ITEMS = 60;
+
+const md = createMarkdown();
+
+/** @param {string} id */
+function byId(id) {
+  return /** @type {HTMLElement} */ (document.getElementById(id));
+}
+
+const ui = {
+  threads: byId('threads'),
+  banners: byId('banners'),
+  aboutList: byId('about-list'),
+  head: byId('thread-head'),
+  title: byId('thread-title'),
+  meta: byId('thread-meta'),
+  scroller: byId('scroller'),
+  welcome: byId('welcome'),
+  conversation: byId('conversation'),
+  form: /** @type {HTMLFormElement} */ (byId('ask')),
+  question: /** @type {HTMLTextAreaElement} */ (byId('question')),
+  send: /** @type {HTMLButtonElement} */ (byId('send')),
+  stop: /** @type {HTMLButtonElement} */ (byId('stop')),
+  error: byId('ask-error'),
+  newThread: byId('new-thread'),
+};
+
+const time = new Intl.DateTimeFormat('zh-CN', { month: 'numeric', day: 'numeric', hour: '2-digit', minute: '2-digit' });
+const number = new Intl.NumberFormat('zh-CN');
+
+/** @type {{ service: ServiceState | null, threads: Map<string, ThreadSummary>, open: string | null, connected: boolean }} */
+const state = { service: null, threads: new Map(), open: null, connected: true };
+
+// ---- the thread list ----
+
+/** @type {Map<string, HTMLButtonElement>} */
+const listEntries = new Map();
+
+/** @param {ThreadSummary} thread */
+function listEntry(thread) {
+  let entry = listEntries.get(thread.id);
+  if (!entry) {
+    entry = element('button', 'thread-entry');
+    entry.type = 'button';
+    entry.dataset.thread = thread.id;
+    entry.append(element('span', 'title'), element('span', 'when'));
+    entry.addEventListener('click', () => {
+      location.hash = thread.id;
+    });
+    listEntries.set(thread.id, entry);
+  }
+  /** @type {HTMLElement} */ (entry.firstChild).textContent = thread.title;
+  /** @type {HTMLElement} */ (entry.lastChild).textContent = time.format(thread.updatedAt);
+  entry.classList.toggle('running', thread.running);
+  entry.classList.toggle('open', thread.id === state.open);
+  entry.setAttribute('aria-current', thread.id === state.open ? 'page' : 'false');
+  return entry;
+}
+
+function drawList() {
+  const sorted = [...state.threads.values()].sort((a, b) => b.updatedAt - a.updatedAt || (a.id < b.id ? -1 : 1));
+  ui.threads.replaceChildren(...sorted.map(listEntry));
+  if (sorted.length === 0) ui.threads.append(element('p', 'empty', '还没有研究线程。'));
+}
+
+/** One thread changed: its entry is updated, and moved to the top when it was just used. @param {ThreadSummary} thread */
+function updateListEntry(thread) {
+  const before = state.threads.get(thread.id);
+  state.threads.set(thread.id, thread);
+  const entry = listEntry(thread);
+  if (!before || before.updatedAt !== thread.updatedAt) {
+    ui.threads.querySelector('.empty')?.remove();
+    ui.threads.prepend(entry);
+  }
+  if (thread.id === state.open) drawHead(thread);
+}
+
+// ---- banners and the about panel ----
+
+/** @param {ServiceState} service */
+function drawService(service) {
+  state.service = service;
+  /** @type {[string, string][]} */
+  const notes = [];
+  if (!state.connected) notes.push(['error', '与工作区服务的连接断开了，正在重新连接……如果 Lanternmoor Pro 已退出，请重新打开它。']);
+  if (service.codex.state === 'unavailable') notes.push(['error', service.codex.message]);
+  if (service.account && !service.account.signedIn && service.account.requiresSignIn) {
+    notes.push(['warning', 'Codex 还没有登录。请打开终端运行 codex login，选择用 ChatGPT 账户登录，完成后刷新本页。']);
+  }
+  if (service.storage) notes.push(['error', service.storage]);
+  ui.banners.replaceChildren(...notes.map(([level, text]) => element('div', `banner ${level}`, text)));
+
+  const codex = service.codex.version ? `${service.about.codexPath}（版本 ${service.codex.version}）` : service.about.codexPath;
+  const account = service.account?.signedIn ? service.account.label : service.account ? '未登录' : '—';
+  /** @type {[string, string][]} */
+  const rows = [
+    ['工作区地址', service.about.address],
+    ['数据文件夹', service.about.dataFolder],
+    ['Codex 工具', codex || '（未提供）'],
+    ['Codex 账户', account],
+    ['Node.js', service.about.node],
+    ['启动时间', new Date(service.about.startedAt).toLocaleString('zh-CN')],
+  ];
+  ui.aboutList.replaceChildren(...rows.flatMap(([term, value]) => [element('dt', '', term), element('dd', '', value)]));
+}
+
+function setConnected(/** @type {boolean} */ connected) {
+  if (state.connected === connected) return;
+  state.connected = connected;
+  if (state.service) drawService(state.service);
+}
+
+// ---- the open thread ----
+
+/** @type {Map<string, { node: HTMLElement, items: HTMLElement, foot: HTMLElement, head: TurnHead }>} */
+const turnViews = new Map();
+/** @type {Map<string, ItemView>} */
+const itemViews = new Map();
+/** Turns of the open thread not drawn yet, oldest first; drawn as the reader scrolls up. @type {Turn[]} */
+let undrawn = [];
+const topSentinel = element('div', 'sentinel');
+
+/** @param {ThreadSummary} thread */
+function drawHead(thread) {
+  ui.head.hidden = false;
+  ui.title.textContent = thread.title;
+  ui.stop.hidden = !thread.running;
+  ui.send.disabled = thread.running;
+}
+
+/** @param {TurnHead} head */
+function turnFootText(head) {
+  if (head.status === 'running') return 'Codex 正在回答……';
+  if (head.status === 'stopped') return '已停止，之前的内容已保留。';
+  if (head.status === 'interrupted') return head.error ?? '回答被中断了。';
+  if (head.status === 'failed') return head.error ?? '这个问题没有得到回答。';
+  if (!head.usage) return '';
+  return `本轮用量：输入 ${number.format(head.usage.input)} · 输出 ${number.format(head.usage.output)} 个 token`;
+}
+
+/** @param {string} turnId @param {number} position */
+const itemKey = (turnId, position) => `${turnId}/${position}`;
+
+/** @param {TurnHead} head */
+function turnView(head) {
+  let view = turnViews.get(head.id);
+  if (!view) {
+    const node = element('section', 'turn');
+    node.dataset.turn = head.id;
+    const question = node.appendChild(element('div', 'question', head.question));
+    question.setAttribute('dir', 'auto');
+    view = { node, items: node.appendChild(element('div', 'items')), foot: node.appendChild(element('div', 'turn-foot')), head };
+    turnViews.set(head.id, view);
+  }
+  view.head = head;
+  view.node.dataset.status = head.status;
+  view.foot.textContent = turnFootText(head);
+  view.foot.classList.toggle('error', head.status === 'failed' || head.status === 'interrupted');
+  return view;
+}
+
+/** @param {string} turnId @param {Item} item @param {HTMLElement} into */
+function drawItem(turnId, item, into) {
+  const key = itemKey(turnId, item.position);
+  const existing = itemViews.get(key);
+  if (existing && existing.kind === item.kind) {
+    existing.update(item);
+    return;
+  }
+  const view = new ItemView(item, md);
+  itemViews.set(key, view);
+  if (existing) existing.node.replaceWith(view.node);
+  else into.append(view.node);
+}
+
+/** @param {Turn} turn */
+function drawTurn(turn) {
+  const view = turnView(turn);
+  for (const item of turn.items) drawItem(turn.id, item, view.items);
+  return view.node;
+}
+
+/** @param {Thread | null} thread */
+function showThread(thread) {
+  turnViews.clear();
+  itemViews.clear();
+  ui.conversation.replaceChildren();
+  ui.welcome.hidden = thread !== null;
+  ui.head.hidden = thread === null;
+  ui.stop.hidden = true;
+  ui.send.disabled = false;
+  if (!thread) return;
+  drawHead(thread);
+  ui.meta.textContent = `文件夹：${thread.folder}`;
+  // The newest turns first, so the end of a long thread is on screen at once.
+  let budget = FIRST_ITEMS;
+  let first = thread.turns.length;
+  while (first > 0 && budget > 0) {
+    first -= 1;
+    budget -= thread.turns[first].items.length + 1;
+  }
+  undrawn = thread.turns.slice(0, first);
+  const fragment = document.createDocumentFragment();
+  for (const turn of thread.turns.slice(first)) fragment.append(drawTurn(turn));
+  ui.conversation.append(fragment);
+  if (undrawn.length > 0) ui.conversation.prepend(topSentinel);
+  ui.scroller.scrollTop = ui.scroller.scrollHeight;
+}
+
+/** Draws the next older turns above, keeping what the reader sees where it is. */
+function drawOlder() {
+  if (undrawn.length === 0) return;
+  let budget = FIRST_ITEMS;
+  let first = undrawn.length;
+  while (first > 0 && budget > 0) {
+    first -= 1;
+    budget -= undrawn[first].items.length + 1;
+  }
+  const batch = undrawn.slice(first);
+  undrawn = undrawn.slice(0, first);
+  const fromBottom = ui.scroller.scrollHeight - ui.scroller.scrollTop;
+  const fragment = document.createDocumentFragment();
+  for (const turn of batch) fragment.append(drawTurn(turn));
+  topSentinel.after(fragment);
+  if (undrawn.length === 0) topSentinel.remove();
+  ui.scroller.scrollTop = ui.scroller.scrollHeight - fromBottom;
+}
+
+new IntersectionObserver((entries) => {
+  if (entries.some((entry) => entry.isIntersecting)) drawOlder();
+}, { root: ui.scroller, rootMargin: '600px 0px 0px 0px' }).observe(topSentinel);
+
+// Following the answer: the view stays at the end while the reader is there, and stays put
+// when they have scrolled up to read.
+let following = true;
+let scrollQueued = false;
+ui.scroller.addEventListener('scroll', () => {
+  following = ui.scroller.scrollHeight - ui.scroller.scrollTop - ui.scroller.clientHeight < 48;
+}, { passive: true });
+
+function follow() {
+  if (!following || scrollQueued) return;
+  scrollQueued = true;
+  requestAnimationFrame(() => {
+    scrollQueued = false;
+    ui.scroller.scrollTop = ui.scroller.scrollHeight;
+  });
+}
+
+// ---- events from the service ----
+
+/** @param {PageEvent} event */
+function receive(event) {
+  switch (event.type) {
+    case 'hello':
+      drawService(event.service);
+      state.threads = new Map(event.threads.map((thread) => [thread.id, thread]));
+      if (state.open && !event.thread) {
+        ui.error.textContent = '找不到这个研究线程，它可能已被删除。';
+        state.open = null;
+        history.replaceState(null, '', location.pathname);
+      }
+      drawList();
+      showThread(event.thread);
+      return;
+    case 'service':
+      drawService(event.service);
+      return;
+    case 'threadSummary':
+      updateListEntry(event.thread);
+      return;
+    case 'turn': {
+      if (event.turn.threadId !== state.open) return;
+      const isNew = !turnViews.has(event.turn.id);
+      const view = turnView(event.turn);
+      if (isNew) ui.conversation.append(view.node);
+      follow();
+      return;
+    }
+    case 'item': {
+      if (event.threadId !== state.open) return;
+      const view = turnViews.get(event.turnId);
+      if (!view) return;
+      drawItem(event.turnId, event.item, view.items);
+      follow();
+      return;
+    }
+    case 'delta': {
+      if (event.threadId !== state.open) return;
+      itemViews.get(itemKey(event.turnId, event.position))?.append(event.field, event.part, event.text);
+      follow();
+      return;
+    }
+  }
+}
+
+/** @type {EventSource | null} */
+let source = null;
+
+/** @param {string | null} threadId */
+function listen(threadId) {
+  source?.close();
+  state.open = threadId;
+  const address = threadId ? `/api/events?thread=${encodeURIComponent(threadId)}` : '/api/events';
+  source = new EventSource(address);
+  source.addEventListener('message', (message) => receive(JSON.parse(message.data)));
+  source.addEventListener('open', () => setConnected(true));
+  source.addEventListener('error', () => setConnected(false));
+}
+
+function openFromAddress() {
+  const wanted = decodeURIComponent(location.hash.slice(1)) || null;
+  ui.error.textContent = '';
+  listen(wanted);
+  if (!wanted) ui.question.focus();
+}
+
+window.addEventListener('hashchange', openFromAddress);
+
+// ---- asking ----
+
+/** @param {string} path @param {unknown} body */
+async function post(path, body) {
+  const answer = await fetch(path, { method: 'POST', headers: { 'Content-Type': 'application/json' }, body: JSON.stringify(body) });
+  const result = await answer.json().catch(() => ({}));
+  if (!answer.ok) throw new Error(result.error ?? `工作区服务拒绝了这个请求（${answer.status}）。`);
+  return result;
+}
+
+async function ask() {
+  const question = ui.question.value;
+  if (question.trim() === '' || ui.send.disabled) return;
+  ui.send.disabled = true;
+  ui.error.textContent = '';
+  try {
+    if (state.open) {
+      await post(`/api/threads/${encodeURIComponent(state.open)}/turns`, { question });
+    } else {
+      const created = await post('/api/threads', { question });
+      location.hash = created.thread.id;
+    }
+    ui.question.value = '';
+    fitQuestion();
+    following = true;
+  } catch (error) {
+    ui.error.textContent = error instanceof Error && error.message !== 'Failed to fetch' ? error.message : '无法连接工作区服务。';
+    ui.send.disabled = false;
+  }
+}
+
+ui.form.addEventListener('submit', (event) => {
+  event.preventDefault();
+  void ask();
+});
+
+ui.question.addEventListener('keydown', (event) => {
+  // Enter that ends an input method's composition picks the characters; it does not send.
+  if (event.key !== 'Enter' || event.shiftKey || event.isComposing || event.keyCode === 229) return;
+  event.preventDefault();
+  void ask();
+});
+
+function fitQuestion() {
+  ui.question.style.height = 'auto';
+  ui.question.style.height = `${Math.min(ui.question.scrollHeight, 240)}px`;
+}
+ui.question.addEventListener('input', fitQuestion);
+
+ui.stop.addEventListener('click', async () => {
+  if (!state.open) return;
+  ui.stop.disabled = true;
+  try {
+    await post(`/api/threads/${encodeURIComponent(state.open)}/stop`, {});
+  } catch (error) {
+    ui.error.textContent = error instanceof Error ? error.message : String(error);
+  } finally {
+    ui.stop.disabled = false;
+  }
+});
+
+ui.newThread.addEventListener('click', () => {
+  if (location.hash) location.hash = '';
+  else openFromAddress();
+});
+
+openFromAddress();
