@@ -1,0 +1,65 @@
+// The app-server's life on a virtual clock: a start that never answers, and a stop it resists.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { CodexAppServer } from '../../../resources/app/workspace/codex/appServer.ts';
+import { texts } from '../../../resources/app/workspace/texts.ts';
+import type { CodexState } from '../../../resources/app/workspace/model.ts';
+import { VirtualClock } from '../support/clock.ts';
+import { fakeCodex, temporaryFolder, until } from '../support/service.ts';
+
+function appServer(env: NodeJS.ProcessEnv) {
+  const clock = new VirtualClock();
+  const states: CodexState[] = [];
+  let exits = 0;
+  const server = new CodexAppServer({
+    command: fakeCodex(temporaryFolder('lm-fake-')), env: { ...process.env, ...env }, clock, clientVersion: 'test',
+    onState: (state) => states.push(state), onNotification: () => {}, onExit: () => { exits += 1; },
+  });
+  return { server, clock, states, exits: () => exits };
+}
+
+const alive = (pid: number) => {
+  try {
+    process.kill(pid, 0);
+    return true;
+  } catch {
+    return false;
+  }
+};
+
+test('an app-server that never answers its start is given up after 20 s and let go', async () => {
+  const { server, clock, states } = appServer({ FAKE_CODEX_DIE: 'silent' });
+  const connecting = server.connect();
+  const refused = assert.rejects(connecting, new RegExp(texts.codexDidNotStart('启动后没有回应').replace(/[()（）]/g, '.')));
+  await until('the app-server to run', () => server.state.state === 'starting');
+  await clock.advance(19_999);
+  assert.equal(server.state.state, 'starting');
+  await clock.advance(1);
+  await refused;
+  assert.deepEqual(states.map((state) => state.state), ['starting', 'unavailable']);
+});
+
+for (const [kind, endsAt] of [['deaf', 1000], ['stubborn', 1500]] as const) {
+  test(`a stop closes the app-server's input; a ${kind} one ends ${endsAt} ms later (SIGTERM at 1 s, SIGKILL at 1.5 s)`, async () => {
+    const { server, clock, exits } = appServer({ FAKE_CODEX_DIE: kind });
+    await server.connect();
+    const pid = server.pid!;
+    const stopped = server.stop();
+    await clock.advance(endsAt - 1);
+    await new Promise((resolve) => setTimeout(resolve, 100));
+    assert.equal(alive(pid), true);
+    await clock.advance(1);
+    await stopped;
+    assert.equal(alive(pid), false);
+    assert.equal(exits(), 1);
+    assert.equal(server.state.state, 'ready', 'a stop asked for is not reported as a failure');
+  });
+}
+
+test('one that ends at the close of its input needs no signal at all', async () => {
+  const { server, clock } = appServer({});
+  await server.connect();
+  const stopped = server.stop();
+  await stopped;
+  assert.equal(clock.waiting, 0, 'the SIGTERM and SIGKILL timers are cancelled');
+});

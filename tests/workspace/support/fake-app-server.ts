@@ -1,0 +1,65 @@
+// A scriptable stand-in for `codex app-server`, for the faults the real one will not show on
+// demand: a given version, silence, death in the middle of a turn. Told what to do through its
+// environment; writes each method it receives to FAKE_CODEX_LOG.
+import { createInterface } from 'node:readline';
+import { appendFileSync } from 'node:fs';
+
+const version = process.env.FAKE_CODEX_VERSION ?? '0.169.0';
+const die = process.env.FAKE_CODEX_DIE ?? '';
+const log = process.env.FAKE_CODEX_LOG;
+let threads = 0;
+let turns = 0;
+
+const send = (message: object) => process.stdout.write(`${JSON.stringify(message)}\n`);
+const notify = (method: string, params: object) => send({ method, params });
+
+function turn(threadId: string, turnId: string) {
+  notify('turn/started', { threadId, turn: { id: turnId, status: 'inProgress', items: [], error: null } });
+  notify('item/started', { threadId, turnId, item: { type: 'agentMessage', id: `m${turnId}`, text: '' } });
+  notify('item/agentMessage/delta', { threadId, turnId, itemId: `m${turnId}`, delta: 'partial answer' });
+  if (die === 'mid-turn') process.exit(3);
+  // Streams on and on: the turn stays open until it is interrupted.
+  if (die === 'never-finishes' && turns > 1) return;
+  notify('item/completed', { threadId, turnId, item: { type: 'agentMessage', id: `m${turnId}`, text: 'partial answer' } });
+  notify('turn/completed', { threadId, turn: { id: turnId, status: 'completed', items: [], error: null } });
+}
+
+createInterface({ input: process.stdin }).on('line', (line) => {
+  const message = JSON.parse(line) as { id?: number; method?: string; params?: Record<string, string> };
+  if (log && message.method) appendFileSync(log, `${message.method}\n`);
+  if (message.id === undefined) return;
+  const answer = (result: object) => send({ id: message.id, result });
+  switch (message.method) {
+    case 'initialize':
+      if (die === 'silent') return;
+      answer({ userAgent: version === 'garbage' ? 'codex' : `lanternmoor/${version} (fake)` });
+      return;
+    case 'account/read':
+      answer({ account: null, requiresOpenaiAuth: false });
+      return;
+    case 'thread/start':
+      threads += 1;
+      answer({ thread: { id: `fake-thread-${threads}` } });
+      return;
+    case 'turn/interrupt':
+      answer({});
+      notify('turn/completed', { threadId: message.params!.threadId, turn: { id: message.params!.turnId, status: 'interrupted', items: [], error: null } });
+      return;
+    case 'thread/resume':
+      answer({ thread: { id: message.params?.threadId } });
+      return;
+    case 'turn/start': {
+      turns += 1;
+      const turnId = `fake-turn-${turns}`;
+      answer({ turn: { id: turnId, status: 'inProgress', items: [], error: null } });
+      turn(message.params!.threadId!, turnId);
+      return;
+    }
+    default:
+      send({ id: message.id, error: { code: -32601, message: `${message.method} is not faked` } });
+  }
+});
+// Ones that will not go: deaf to the end of their input, and the stubborn one to SIGTERM too.
+if (die === 'stubborn') process.on('SIGTERM', () => {});
+if (die === 'stubborn' || die === 'deaf') setInterval(() => {}, 60_000);
+process.stdin.on('end', () => { if (die !== 'stubborn' && die !== 'deaf') process.exit(0); });

@@ -1,0 +1,151 @@
+// The workspace service as the launcher runs it: a child Node.js on server.mjs, with the
+// launcher's environment, on a free loopback port; and a page's view of it (its event stream).
+import { spawn, type ChildProcess } from 'node:child_process';
+import { chmodSync, mkdtempSync, writeFileSync } from 'node:fs';
+import { createServer } from 'node:net';
+import { once } from 'node:events';
+import { request as httpRequest } from 'node:http';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { fileURLToPath } from 'node:url';
+import type { PageEvent } from '../../../resources/app/workspace/model.ts';
+
+export const SOURCE = fileURLToPath(new URL('../../../', import.meta.url));
+export const APP = join(SOURCE, 'resources/app');
+export const NODE = process.execPath;
+export const CODEX = process.env.LM_TEST_CODEX ?? join(SOURCE, '.tools/codex/node_modules/.bin/codex');
+
+export function temporaryFolder(prefix: string): string {
+  return mkdtempSync(join(tmpdir(), prefix));
+}
+
+export async function freePort(): Promise<number> {
+  const server = createServer().listen(0, '127.0.0.1');
+  await once(server, 'listening');
+  const { port } = server.address() as import('node:net').AddressInfo;
+  server.close();
+  await once(server, 'close');
+  return port;
+}
+
+/** An executable that runs the fake app-server under this test's Node.js. */
+export function fakeCodex(folder: string): string {
+  const path = join(folder, 'codex');
+  writeFileSync(path, `#!/bin/sh\nexec "${NODE}" --experimental-strip-types "${join(SOURCE, 'tests/workspace/support/fake-app-server.ts')}" "$@"\n`);
+  chmodSync(path, 0o755);
+  return path;
+}
+
+export async function until<T>(what: string, probe: () => T | undefined | null | false | Promise<T | undefined | null | false>, timeoutMs = 15_000): Promise<T> {
+  const end = Date.now() + timeoutMs;
+  for (;;) {
+    const value = await probe();
+    if (value) return value;
+    if (Date.now() > end) throw new Error(`timed out waiting for ${what}`);
+    await new Promise((resolve) => setTimeout(resolve, 20));
+  }
+}
+
+/** A page's event stream, read as the page reads it. */
+export class Page {
+  readonly events: PageEvent[] = [];
+  readonly #abort = new AbortController();
+  readonly done: Promise<void>;
+
+  constructor(url: string, threadId: string | null) {
+    const address = `${url}api/events${threadId ? `?thread=${encodeURIComponent(threadId)}` : ''}`;
+    this.done = (async () => {
+      const response = await fetch(address, { signal: this.#abort.signal });
+      let buffer = '';
+      const decoder = new TextDecoder();
+      for await (const chunk of response.body!) {
+        buffer += decoder.decode(chunk, { stream: true });
+        for (let end = buffer.indexOf('\n\n'); end >= 0; end = buffer.indexOf('\n\n')) {
+          const data = buffer.slice(0, end).split('\n').find((line) => line.startsWith('data: '));
+          buffer = buffer.slice(end + 2);
+          if (data) this.events.push(JSON.parse(data.slice(6)) as PageEvent);
+        }
+      }
+    })().catch(() => {});
+  }
+
+  find<T extends PageEvent['type']>(type: T, test: (event: Extract<PageEvent, { type: T }>) => boolean = () => true) {
+    return this.events.find((event): event is Extract<PageEvent, { type: T }> => event.type === type && test(event as never));
+  }
+
+  wait<T extends PageEvent['type']>(type: T, test: (event: Extract<PageEvent, { type: T }>) => boolean = () => true, timeoutMs?: number) {
+    return until(`a ${type} event`, () => this.find(type, test), timeoutMs);
+  }
+
+  close(): void {
+    this.#abort.abort();
+  }
+}
+
+export interface Running {
+  url: string;
+  port: number;
+  child: ChildProcess;
+  dataFolder: string;
+  output: () => string;
+  request(method: string, path: string, body?: unknown, headers?: Record<string, string>): Promise<{ status: number; body: any; headers: Headers }>;
+  page(threadId?: string | null): Page;
+  exited: Promise<[number | null, NodeJS.Signals | null]>;
+}
+
+export async function startService(options: { codexPath: string; dataFolder?: string; env?: NodeJS.ProcessEnv }): Promise<Running> {
+  const port = await freePort();
+  const dataFolder = options.dataFolder ?? temporaryFolder('lm-data-');
+  let output = '';
+  const child = spawn(NODE, ['--experimental-strip-types', join(APP, 'server.mjs')], {
+    cwd: APP,
+    stdio: ['ignore', 'pipe', 'pipe'],
+    env: {
+      ...process.env, ...options.env,
+      LANTERNMOOR_APP_DIR: APP, LANTERNMOOR_DATA_DIR: dataFolder, LANTERNMOOR_PORT: String(port),
+      LANTERNMOOR_CODEX_PATH: options.codexPath, PATH: `${join(NODE, '..')}:${process.env.PATH}`,
+    },
+  });
+  child.stdout!.on('data', (chunk) => { output += chunk; });
+  child.stderr!.on('data', (chunk) => { output += chunk; });
+  const exited = once(child, 'exit') as Promise<[number | null, NodeJS.Signals | null]>;
+  const url = `http://127.0.0.1:${port}/`;
+  await until('the service to listen', () => output.includes('listening on'));
+  const pages: Page[] = [];
+  return {
+    url, port, child, dataFolder, exited,
+    output: () => output,
+    request(method, path, body, headers = {}) {
+      // node:http, not fetch: a test must be able to send any Host and Origin, or none.
+      const payload = body === undefined ? undefined : Buffer.from(typeof body === 'string' ? body : JSON.stringify(body));
+      const sent: Record<string, string | number> = {
+        host: `127.0.0.1:${port}`,
+        ...(payload ? { 'content-type': 'application/json', origin: `http://127.0.0.1:${port}`, 'content-length': payload.length } : {}),
+        ...headers,
+      };
+      for (const [name, value] of Object.entries(sent)) if (value === '') delete sent[name];
+      return new Promise((resolve, reject) => {
+        const outgoing = httpRequest({ host: '127.0.0.1', port, method, path, headers: sent }, async (response) => {
+          let text = '';
+          for await (const chunk of response) text += chunk;
+          let parsed: unknown = text;
+          try {
+            parsed = JSON.parse(text);
+          } catch {
+            // not JSON: kept as text
+          }
+          resolve({ status: response.statusCode!, body: parsed, headers: new Headers(response.headers as Record<string, string>) });
+        });
+        // A refusal may come before the whole body is sent; the answer is what counts.
+        outgoing.on('error', (error: NodeJS.ErrnoException) => { if (error.code !== 'EPIPE' && error.code !== 'ECONNRESET') reject(error); });
+        outgoing.end(payload);
+      });
+    },
+    page(threadId = null) {
+      const page = new Page(url, threadId);
+      pages.push(page);
+      child.once('exit', () => page.close());
+      return page;
+    },
+  };
+}

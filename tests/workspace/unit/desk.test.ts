@@ -1,0 +1,234 @@
+// The research desk on a scripted Codex, a real store and a virtual clock: what Codex is asked,
+// what the page and the store get, and what is refused.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { readdirSync, statSync } from 'node:fs';
+import { join } from 'node:path';
+import { ResearchDesk, STOP_DEADLINE_MS, QUESTION_LIMIT_BYTES } from '../../../resources/app/workspace/research/desk.ts';
+import { ThreadStore, StoreError } from '../../../resources/app/workspace/store/store.ts';
+import { RpcError } from '../../../resources/app/workspace/codex/rpc.ts';
+import { Refusal } from '../../../resources/app/workspace/refusal.ts';
+import { texts } from '../../../resources/app/workspace/texts.ts';
+import type { PageEvent } from '../../../resources/app/workspace/model.ts';
+import { VirtualClock, settle } from '../support/clock.ts';
+import { temporaryFolder } from '../support/service.ts';
+
+type Handler = (params: any) => unknown;
+
+/** Codex as the test scripts it: each method answers, fails, or waits for the test. */
+class ScriptedCodex {
+  calls: [string, any][] = [];
+  pid: number | null = 4242;
+  handlers: Record<string, Handler> = {
+    'thread/start': () => ({ thread: { id: `codex-${this.calls.filter(([m]) => m === 'thread/start').length}` } }),
+    'thread/resume': () => ({}),
+    'turn/start': () => ({ turn: { id: `turn-${this.calls.filter(([m]) => m === 'turn/start').length}` } }),
+    'turn/interrupt': () => ({}),
+  };
+
+  async request<T>(method: string, params: unknown): Promise<T> {
+    this.calls.push([method, params]);
+    return (await this.handlers[method]!(params)) as T;
+  }
+
+  methods(): string[] {
+    return this.calls.map(([method]) => method);
+  }
+}
+
+function deskFixture(options: { commit?: (original: () => void) => void } = {}) {
+  const dataFolder = temporaryFolder('lm-desk-');
+  const realStore = ThreadStore.open(join(dataFolder, 'workspace.db'));
+  const store = options.commit
+    ? new Proxy(realStore, {
+      get(target, key) {
+        const value = Reflect.get(target, key, target);
+        if (key !== 'commit') return typeof value === 'function' ? value.bind(target) : value;
+        return (batch: unknown) => options.commit!(() => target.commit(batch as never));
+      },
+    })
+    : realStore;
+  const codex = new ScriptedCodex();
+  const clock = new VirtualClock();
+  const events: PageEvent[] = [];
+  const ended: [number, string][] = [];
+  const storage: (string | null)[] = [];
+  const desk = new ResearchDesk({
+    store, codex, dataFolder, clock,
+    publish: (event) => events.push(structuredClone(event)),
+    endCommands: async (pid, thread) => { ended.push([pid, thread]); },
+    reportStorage: (error) => storage.push(error ? error.reason : null),
+  });
+  /** Codex's notification for the turn it is running in this Codex thread. */
+  const notify = (method: string, params: object, codexThread = 'codex-1', turn = 'turn-1') =>
+    desk.onNotification(method, { threadId: codexThread, turnId: turn, ...params });
+  return { desk, store: realStore, codex, clock, events, ended, storage, dataFolder, notify };
+}
+
+test('a new thread: an owner-only folder, and a Codex thread working there that may write only there, asks nothing, searches live', async () => {
+  const { desk, codex, dataFolder } = deskFixture();
+  const { thread } = desk.create('什么是 FTS5？');
+  await settle();
+  const folder = join(dataFolder, 'threads', thread.id);
+  assert.equal(statSync(folder).mode & 0o777, 0o700);
+  assert.deepEqual(codex.calls, [
+    ['thread/start', {
+      cwd: folder, approvalPolicy: 'never', sandbox: 'workspace-write',
+      config: { web_search: 'live', 'shell_environment_policy.set.LANTERNMOOR_THREAD': thread.id },
+    }],
+    ['turn/start', { threadId: 'codex-1', input: [{ type: 'text', text: '什么是 FTS5？', text_elements: [] }] }],
+  ]);
+  assert.equal(thread.title, '什么是 FTS5？');
+});
+
+test('a follow-up goes to the same Codex thread; after Codex started again, it is resumed first', async () => {
+  const { desk, codex, notify } = deskFixture();
+  const { thread } = desk.create('one');
+  await settle();
+  notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
+  desk.ask(thread.id, 'two');
+  await settle();
+  notify('turn/completed', { turn: { id: 'turn-2', status: 'completed', error: null } }, 'codex-1', 'turn-2');
+  desk.onCodexExit();
+  desk.ask(thread.id, 'three');
+  await settle();
+  assert.deepEqual(codex.methods(), ['thread/start', 'turn/start', 'turn/start', 'thread/resume', 'turn/start']);
+  assert.deepEqual(codex.calls.filter(([m]) => m !== 'thread/start').map(([, p]) => p.threadId), ['codex-1', 'codex-1', 'codex-1', 'codex-1']);
+});
+
+test('a thread Codex no longer has is started afresh, with the thread so far before the question', async () => {
+  const { desk, codex, notify } = deskFixture();
+  const { thread } = desk.create('first question');
+  await settle();
+  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } });
+  notify('item/completed', { item: { type: 'agentMessage', id: 'a', text: 'first answer' } });
+  notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
+  desk.onCodexExit();
+  codex.handlers['thread/resume'] = () => { throw new RpcError(-32600, 'no rollout found for thread id codex-1'); };
+  desk.ask(thread.id, 'second question');
+  await settle();
+  assert.deepEqual(codex.methods(), ['thread/start', 'turn/start', 'thread/resume', 'thread/start', 'turn/start']);
+  const text: string = codex.calls.at(-1)![1].input[0].text;
+  assert.match(text, /问：first question\n\n答：first answer[\s\S]*second question$/);
+  assert.equal(codex.calls.at(-1)![1].threadId, 'codex-2');
+});
+
+test('refused questions write nothing: no thread, no turn, no folder', async () => {
+  const { desk, store, dataFolder, codex } = deskFixture();
+  const { thread } = desk.create('running');
+  await settle();
+  const before = { threads: store.listThreads(), turns: store.readThread(thread.id)!.turns.length, folders: readdirSync(join(dataFolder, 'threads')) };
+  const refusals: [string, () => unknown, number][] = [
+    ['an empty question', () => desk.create('  \n '), 400],
+    ['a question that is not text', () => desk.create(42), 400],
+    ['a question over 1 MiB', () => desk.create('字'.repeat(QUESTION_LIMIT_BYTES / 3 + 1)), 413],
+    ['a follow-up in a thread that does not exist', () => desk.ask('2026-01-01-00000000', 'hi'), 404],
+    ['a second question while the first runs', () => desk.ask(thread.id, 'again'), 409],
+    ['a stop in a thread that does not exist', () => desk.stop('nope'), 404],
+  ];
+  for (const [what, attempt, status] of refusals) {
+    await assert.rejects(async () => attempt(), (error) => error instanceof Refusal && error.status === status, what);
+  }
+  assert.deepEqual({ threads: store.listThreads(), turns: store.readThread(thread.id)!.turns.length, folders: readdirSync(join(dataFolder, 'threads')) }, before);
+  assert.deepEqual(codex.methods(), ['thread/start', 'turn/start']);
+});
+
+test('a stop interrupts Codex\'s turn, then ends the thread\'s commands, and keeps what was shown', async () => {
+  const { desk, codex, ended, notify } = deskFixture();
+  const { thread } = desk.create('long one');
+  await settle();
+  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } });
+  notify('item/agentMessage/delta', { itemId: 'a', delta: 'so far' });
+  let answerInterrupt!: () => void;
+  codex.handlers['turn/interrupt'] = () => new Promise<void>((resolve) => { answerInterrupt = resolve; });
+  const stopping = desk.stop(thread.id);
+  await settle();
+  assert.deepEqual(codex.calls.at(-1), ['turn/interrupt', { threadId: 'codex-1', turnId: 'turn-1' }]);
+  assert.deepEqual(ended, [], 'commands are ended only once Codex has taken the interrupt');
+  notify('turn/completed', { turn: { id: 'turn-1', status: 'interrupted', error: null } });
+  answerInterrupt();
+  await stopping;
+  assert.deepEqual(ended, [[4242, thread.id]]);
+  const [turn] = desk.thread(thread.id)!.turns;
+  assert.deepEqual([turn!.status, turn!.items], ['stopped', [{ kind: 'answer', position: 0, status: 'stopped', text: 'so far' }]]);
+});
+
+test('a stop before Codex started the turn: the turn never starts', async () => {
+  const { desk, codex } = deskFixture();
+  let startThread!: (value: unknown) => void;
+  codex.handlers['thread/start'] = () => new Promise((resolve) => { startThread = resolve; });
+  const { thread } = desk.create('never mind');
+  await settle();
+  await desk.stop(thread.id);
+  startThread({ thread: { id: 'codex-1' } });
+  await settle();
+  assert.deepEqual(codex.methods(), ['thread/start']);
+  assert.equal(desk.thread(thread.id)!.turns[0]!.status, 'stopped');
+});
+
+test('a Codex that does not confirm a stop: the turn is stopped at the deadline, and what it sends later goes nowhere', async () => {
+  const { desk, codex, clock, notify } = deskFixture();
+  const { thread } = desk.create('hung');
+  await settle();
+  codex.handlers['turn/interrupt'] = () => new Promise(() => {});
+  void desk.stop(thread.id);
+  await clock.advance(STOP_DEADLINE_MS - 1);
+  assert.equal(desk.thread(thread.id)!.running, true);
+  await clock.advance(1);
+  assert.equal(desk.thread(thread.id)!.turns[0]!.status, 'stopped');
+  desk.ask(thread.id, 'next');
+  await settle();
+  notify('item/started', { item: { type: 'agentMessage', id: 'late', text: 'from the old turn' } }, 'codex-1', 'turn-1');
+  notify('item/started', { item: { type: 'agentMessage', id: 'new', text: 'from the new turn' } }, 'codex-1', 'turn-2');
+  const turns = desk.thread(thread.id)!.turns;
+  assert.deepEqual(turns.map((turn) => turn.items.map((item) => item.kind === 'answer' && item.text)), [[], ['from the new turn']]);
+});
+
+test('Codex ending mid-turn cuts that turn with its sentence; other threads keep their history', async () => {
+  const { desk, notify } = deskFixture();
+  const done = desk.create('done');
+  await settle();
+  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: 'kept' } });
+  notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
+  const cut = desk.create('cut');
+  await settle();
+  notify('item/started', { item: { type: 'agentMessage', id: 'b', text: '' } }, 'codex-2', 'turn-2');
+  notify('item/agentMessage/delta', { itemId: 'b', delta: 'half' }, 'codex-2', 'turn-2');
+  desk.onCodexExit();
+  const [cutTurn] = desk.thread(cut.thread.id)!.turns;
+  assert.deepEqual([cutTurn!.status, cutTurn!.error, cutTurn!.items[0]!.status], ['interrupted', texts.turnCutByCodexExit, 'stopped']);
+  assert.deepEqual(desk.thread(done.thread.id)!.turns.map((turn) => [turn.status, turn.items.length]), [['completed', 1]]);
+});
+
+test('shutting down cuts running turns and leaves everything in the store', async () => {
+  const { desk, store, notify } = deskFixture();
+  const { thread } = desk.create('q');
+  await settle();
+  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } });
+  notify('item/agentMessage/delta', { itemId: 'a', delta: 'streamed' });
+  await desk.shutdown();
+  const [turn] = store.readThread(thread.id)!.turns;
+  assert.deepEqual([turn!.status, turn!.error, turn!.items], [
+    'interrupted', texts.turnCutByServiceEnd, [{ kind: 'answer', position: 0, status: 'stopped', text: 'streamed' }],
+  ]);
+  assert.throws(() => desk.create('after'), (error) => error instanceof Refusal && error.status === 503);
+});
+
+test('while the disk is full the page still has the whole turn, and it is written once there is room', async () => {
+  let full = false;
+  const fixture = deskFixture({ commit: (write) => { if (full) throw new StoreError('full', 'database or disk is full'); write(); } });
+  const { desk, store, storage, clock, notify } = fixture;
+  const { thread } = desk.create('q');
+  await settle();
+  full = true;
+  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } });
+  notify('item/completed', { item: { type: 'agentMessage', id: 'a', text: 'the answer' } });
+  notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
+  assert.deepEqual(storage, ['full']);
+  assert.deepEqual(desk.thread(thread.id)!.turns[0]!.items.map((item) => item.kind === 'answer' && item.text), ['the answer']);
+  assert.deepEqual(store.readThread(thread.id)!.turns[0]!.items, []);
+  full = false;
+  await clock.advance(2000);
+  assert.deepEqual(storage, ['full', null]);
+  assert.deepEqual(store.readThread(thread.id)!.turns.map((turn) => [turn.status, turn.items.length]), [['completed', 1]]);
+});

@@ -1,0 +1,156 @@
+// A running turn: Codex's notifications, as they come, become what the page shows and the store
+// keeps. Each row is a turn as Codex played it and the turn it must leave behind.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { LiveTurn } from '../../../resources/app/workspace/research/liveTurn.ts';
+import { OUTPUT_LIMIT } from '../../../resources/app/workspace/codex/translate.ts';
+import { texts } from '../../../resources/app/workspace/texts.ts';
+import type { TurnNotification } from '../../../resources/app/workspace/codex/protocol.ts';
+import type { Item, Turn, TurnHead } from '../../../resources/app/workspace/model.ts';
+
+const T = 'codex-thread';
+const U = 'codex-turn';
+const n = (method: TurnNotification['method'], params: object) => ({ method, params: { threadId: T, turnId: U, ...params } }) as TurnNotification;
+const started = (item: object) => n('item/started', { item });
+const completed = (item: object) => n('item/completed', { item });
+const turnEnd = (status: string, error: object | null = null) => n('turn/completed', { turn: { id: U, status, error } });
+const breakdown = (input: number, output: number) => ({ totalTokens: input + output, inputTokens: input, cachedInputTokens: 0, outputTokens: output, reasoningOutputTokens: 0 });
+/** The thread's running total after a request, and that request's own count. */
+const tokens = (total: [number, number], last: [number, number]) => n('thread/tokenUsage/updated', {
+  tokenUsage: { total: breakdown(...total), last: breakdown(...last) },
+});
+
+interface Row {
+  name: string;
+  play: TurnNotification[];
+  stop?: boolean;
+  want: Partial<Turn> & { items: Item[] };
+}
+
+const rows: Row[] = [
+  {
+    name: 'a streamed answer is the deltas, then Codex\'s final text',
+    play: [
+      started({ type: 'userMessage', id: 'q' }),
+      started({ type: 'agentMessage', id: 'a', text: '' }),
+      n('item/agentMessage/delta', { itemId: 'a', delta: 'Hel' }),
+      n('item/agentMessage/delta', { itemId: 'a', delta: 'lo' }),
+      completed({ type: 'agentMessage', id: 'a', text: 'Hello!' }),
+      turnEnd('completed'),
+    ],
+    want: { status: 'completed', error: null, items: [{ kind: 'answer', position: 0, status: 'completed', text: 'Hello!' }] },
+  },
+  {
+    name: 'reasoning summaries arrive part by part',
+    play: [
+      started({ type: 'reasoning', id: 'r', summary: [] }),
+      n('item/reasoning/summaryPartAdded', { itemId: 'r', summaryIndex: 0 }),
+      n('item/reasoning/summaryTextDelta', { itemId: 'r', summaryIndex: 0, delta: 'first' }),
+      n('item/reasoning/summaryTextDelta', { itemId: 'r', summaryIndex: 1, delta: 'second' }),
+      turnEnd('completed'),
+    ],
+    want: { status: 'completed', items: [{ kind: 'reasoning', position: 0, status: 'completed', parts: ['first', 'second'] }] },
+  },
+  {
+    name: 'a command keeps its streamed output when Codex leaves the aggregate out, with its exit code',
+    play: [
+      started({ type: 'commandExecution', id: 'c', command: "/bin/bash -lc 'ls -l'", commandActions: [{ type: 'listFiles', command: 'ls -l' }], status: 'inProgress', aggregatedOutput: null, exitCode: null, durationMs: null }),
+      n('item/commandExecution/outputDelta', { itemId: 'c', delta: 'a\n' }),
+      n('item/commandExecution/outputDelta', { itemId: 'c', delta: 'b\n' }),
+      completed({ type: 'commandExecution', id: 'c', command: "/bin/bash -lc 'ls -l'", commandActions: [{ command: 'ls -l' }], status: 'failed', aggregatedOutput: '', exitCode: 2, durationMs: 31 }),
+      turnEnd('completed'),
+    ],
+    want: { items: [{ kind: 'command', position: 0, status: 'failed', command: 'ls -l', output: 'a\nb\n', dropped: 0, exitCode: 2, durationMs: 31 }] },
+  },
+  {
+    name: 'output beyond the limit is counted, not kept',
+    play: [
+      started({ type: 'commandExecution', id: 'c', command: 'yes', status: 'inProgress', aggregatedOutput: null, exitCode: null, durationMs: null }),
+      n('item/commandExecution/outputDelta', { itemId: 'c', delta: 'y'.repeat(OUTPUT_LIMIT - 1) }),
+      n('item/commandExecution/outputDelta', { itemId: 'c', delta: 'yyyy' }),
+      n('item/commandExecution/outputDelta', { itemId: 'c', delta: 'yy' }),
+    ],
+    stop: true,
+    want: { status: 'stopped', items: [{ kind: 'command', position: 0, status: 'stopped', command: 'yes', output: 'y'.repeat(OUTPUT_LIMIT), dropped: 5, exitCode: null, durationMs: null }] },
+  },
+  {
+    name: 'a stop keeps the half-streamed answer, marked stopped',
+    play: [
+      started({ type: 'agentMessage', id: 'a', text: '' }),
+      n('item/agentMessage/delta', { itemId: 'a', delta: 'half' }),
+      turnEnd('interrupted'),
+    ],
+    stop: true,
+    want: { status: 'stopped', error: null, items: [{ kind: 'answer', position: 0, status: 'stopped', text: 'half' }] },
+  },
+  {
+    name: 'an interruption nobody asked for is not a stop',
+    play: [started({ type: 'agentMessage', id: 'a', text: '' }), turnEnd('interrupted')],
+    want: { status: 'interrupted', items: [{ kind: 'answer', position: 0, status: 'stopped', text: '' }] },
+  },
+  {
+    name: 'retries are noted once; the failure that ends the turn is said in Chinese',
+    play: [
+      n('error', { error: { message: 'retrying 1/5', codexErrorInfo: null }, willRetry: true }),
+      n('error', { error: { message: 'retrying 2/5', codexErrorInfo: null }, willRetry: true }),
+      turnEnd('failed', { message: 'unexpected status 401 Unauthorized', codexErrorInfo: { responseTooManyFailedAttempts: { httpStatusCode: 401 } } }),
+    ],
+    want: { status: 'failed', error: texts.unauthorized, items: [{ kind: 'notice', level: 'warning', position: 0, status: 'completed', text: texts.retrying }] },
+  },
+  {
+    name: 'a missing model fails the turn with its own sentence',
+    play: [
+      n('error', { error: { message: 'model not found', codexErrorInfo: 'modelNotFound' }, willRetry: false }),
+      turnEnd('failed', null),
+    ],
+    want: { status: 'failed', error: texts.modelNotFound, items: [] },
+  },
+  {
+    name: 'the turn\'s usage counts from before its first request, across its requests',
+    // The thread had used 90 + 10 before this turn; the turn makes two requests of 10 + 5.
+    play: [tokens([100, 15], [10, 5]), tokens([110, 20], [10, 5]), turnEnd('completed')],
+    want: { status: 'completed', usage: { input: 20, cachedInput: 0, output: 10, reasoning: 0, total: 30 }, items: [] },
+  },
+  {
+    name: 'items Codex sends only whole are kept; ones the page does not show are skipped',
+    play: [
+      completed({ type: 'webSearch', id: 'w', query: 'lanternmoor' }),
+      completed({ type: 'contextCompaction', id: 'x' }),
+      completed({ type: 'fileChange', id: 'f', status: 'completed', changes: [{ path: 'notes.md', kind: { type: 'add' }, diff: '+hi' }] }),
+      turnEnd('completed'),
+    ],
+    want: {
+      items: [
+        { kind: 'webSearch', position: 0, status: 'completed', query: 'lanternmoor' },
+        { kind: 'fileChange', position: 1, status: 'completed', changes: [{ path: 'notes.md', change: 'add', diff: '+hi' }] },
+      ],
+    },
+  },
+  {
+    name: 'nothing after the end of the turn changes it',
+    play: [turnEnd('completed'), started({ type: 'agentMessage', id: 'late', text: 'late' })],
+    want: { status: 'completed', items: [] },
+  },
+];
+
+for (const row of rows) {
+  test(row.name, () => {
+    const head: TurnHead = { id: 'u', threadId: 't', position: 0, question: 'q', status: 'running', error: null, usage: null, startedAt: 0, endedAt: null };
+    const events: string[] = [];
+    const kept = new Map<number, Item>();
+    const turn = new LiveTurn(head, {
+      turn: (changed) => events.push(`turn ${changed.status}`),
+      item: (_, item) => { kept.set(item.position, item); },
+      delta: (_, item, field, part, text) => { kept.set(item.position, item); events.push(`delta ${item.position} ${field} ${part ?? ''} ${text.length}`); },
+    });
+    turn.stopRequested = row.stop ?? false;
+    for (const notification of row.play) turn.apply(notification);
+    if (!turn.finished) turn.finish('stopped', null, 1);
+    const { items, ...want } = row.want;
+    assert.deepEqual(turn.items, items);
+    for (const [key, value] of Object.entries(want)) assert.deepEqual(turn.head[key as keyof TurnHead], value, key);
+    // What the sink was handed last is what the turn holds: the store keeps what the page shows.
+    assert.deepEqual([...kept.values()], items);
+    assert.equal(events.at(-1), `turn ${turn.head.status}`);
+  });
+}

@@ -1,0 +1,95 @@
+// The store: owner-only files, versions it will not touch, runs cut short, a disk that fills up.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { readFileSync, statSync, writeFileSync } from 'node:fs';
+import { join } from 'node:path';
+import { DatabaseSync } from 'node:sqlite';
+import { ThreadStore, StoreError } from '../../../resources/app/workspace/store/store.ts';
+import { migrations } from '../../../resources/app/workspace/store/migrations.ts';
+import type { Item, TurnHead } from '../../../resources/app/workspace/model.ts';
+import { temporaryFolder } from '../support/service.ts';
+
+const head = (id: string, position: number, status: TurnHead['status'] = 'running'): TurnHead => ({
+  id, threadId: 't1', position, question: `question ${position}`, status, error: null, usage: null, startedAt: 1000 + position, endedAt: null,
+});
+const answer = (position: number, text: string, status: Item['status'] = 'running'): Item => ({ kind: 'answer', position, status, text });
+
+function storeWithThread(folder = temporaryFolder('lm-store-')) {
+  const path = join(folder, 'workspace.db');
+  const store = ThreadStore.open(path);
+  store.createThread({ id: 't1', title: 'T', folder: 'threads/t1', createdAt: 1000 }, head('u0', 0));
+  return { store, path };
+}
+
+test('the database and the files SQLite makes beside it are owner-only whatever the umask', () => {
+  const previous = process.umask(0o022);
+  try {
+    const { store, path } = storeWithThread();
+    store.commit({ turns: [], items: [{ turnId: 'u0', item: answer(0, 'x') }] });
+    for (const file of [path, `${path}-wal`, `${path}-shm`]) assert.equal(statSync(file).mode & 0o777, 0o600, file);
+    store.close();
+  } finally {
+    process.umask(previous);
+  }
+});
+
+test('a database made by a newer version is refused and left byte for byte as it was', () => {
+  const path = join(temporaryFolder('lm-store-'), 'workspace.db');
+  const newer = new DatabaseSync(path);
+  newer.exec(`PRAGMA user_version = ${migrations.length + 1}; CREATE TABLE future (x)`);
+  newer.close();
+  const before = readFileSync(path);
+  assert.throws(() => ThreadStore.open(path), (error) => error instanceof StoreError && error.reason === 'newer');
+  assert.deepEqual(readFileSync(path), before);
+});
+
+test('a migration that fails leaves the database at the version before it', () => {
+  const path = join(temporaryFolder('lm-store-'), 'workspace.db');
+  ThreadStore.open(path).close();
+  const broken = [...migrations, (db: DatabaseSync) => db.exec('CREATE TABLE half (x); SELECT no_such_function()')];
+  assert.throws(() => ThreadStore.open(path, broken));
+  const db = new DatabaseSync(path);
+  assert.equal((db.prepare('PRAGMA user_version').get() as { user_version: number }).user_version, migrations.length);
+  assert.equal(db.prepare("SELECT count(*) AS n FROM sqlite_master WHERE name = 'half'").get()!.n, 0);
+  db.close();
+});
+
+test('turns a killed run left running are marked interrupted, their items stopped, finished ones untouched', () => {
+  const { store } = storeWithThread();
+  store.commit({ turns: [{ ...head('u0', 0), status: 'completed', endedAt: 2000 }], items: [{ turnId: 'u0', item: answer(0, 'done', 'completed') }] });
+  store.addTurn(head('u1', 1));
+  store.commit({ turns: [], items: [{ turnId: 'u1', item: answer(0, 'half an ans') }, { turnId: 'u1', item: answer(1, 'kept', 'completed') }] });
+  assert.equal(store.recover('cut short', 5000), 1);
+  const [first, second] = store.readThread('t1')!.turns;
+  assert.deepEqual([first!.status, first!.items], ['completed', [answer(0, 'done', 'completed')]]);
+  assert.deepEqual(
+    [second!.status, second!.error, second!.endedAt, second!.items],
+    ['interrupted', 'cut short', 5000, [answer(0, 'half an ans', 'stopped'), answer(1, 'kept', 'completed')]],
+  );
+  assert.equal(store.recover('again', 6000), 0);
+});
+
+test('a full disk fails the whole batch, keeps what was kept, and the same batch goes in once there is room', () => {
+  const { store, path } = storeWithThread();
+  store.commit({ turns: [], items: [{ turnId: 'u0', item: answer(0, 'kept before') }] });
+  store.close();
+  // SQLite answers a database at its page limit exactly as it answers a full disk.
+  const limit = (pages: number) => [...migrations, (db: DatabaseSync) => db.exec(`PRAGMA max_page_count = ${pages}`)];
+  const full = ThreadStore.open(path, limit(Number(new DatabaseSync(path).prepare('PRAGMA page_count').get()!.page_count)));
+  const big = { turns: [{ ...head('u0', 0), status: 'completed' as const, endedAt: 9 }], items: [{ turnId: 'u0', item: answer(1, 'x'.repeat(200_000)) }] };
+  assert.throws(() => full.commit(big), (error) => error instanceof StoreError && error.reason === 'full');
+  assert.deepEqual(full.readThread('t1')!.turns.map((turn) => [turn.status, turn.items.map((item) => item.position)]), [['running', [0]]]);
+  full.close();
+  const roomy = ThreadStore.open(path, limit(100_000));
+  roomy.commit(big);
+  assert.deepEqual(roomy.readThread('t1')!.turns.map((turn) => [turn.status, turn.items.length]), [['completed', 2]]);
+  roomy.close();
+});
+
+test('a data folder that cannot hold the database is told apart from other failures', () => {
+  const folder = temporaryFolder('lm-store-');
+  const file = join(folder, 'not-a-folder');
+  // A file where the data folder should be: no account, root included, can write below it.
+  writeFileSync(file, '');
+  assert.throws(() => ThreadStore.open(join(file, 'workspace.db')), (error) => error instanceof StoreError && error.reason === 'unwritable');
+});
