@@ -2,11 +2,17 @@
 # Contents/Resources and no Dock icon. scripts/build-macos.sh builds it and adds Qt with
 # macdeployqt; nothing here runs on Linux.
 set(LM_BUNDLE_RESOURCES
-  ${CMAKE_SOURCE_DIR}/resources/app/server.mjs
   "${CMAKE_SOURCE_DIR}/resources/安装与使用.html"
   ${CMAKE_SOURCE_DIR}/packaging/macos/LanternmoorPro.icns)
 target_sources(lanternmoor-pro PRIVATE ${LM_BUNDLE_RESOURCES})
-set_source_files_properties(${CMAKE_SOURCE_DIR}/resources/app/server.mjs PROPERTIES MACOSX_PACKAGE_LOCATION Resources/app)
+# The workspace service whole: its entry, its modules, its page and the page's libraries.
+file(GLOB_RECURSE LM_APP_FILES CONFIGURE_DEPENDS RELATIVE ${CMAKE_SOURCE_DIR}/resources/app ${CMAKE_SOURCE_DIR}/resources/app/*)
+foreach(app_file IN LISTS LM_APP_FILES)
+  get_filename_component(app_folder ${app_file} DIRECTORY)
+  target_sources(lanternmoor-pro PRIVATE ${CMAKE_SOURCE_DIR}/resources/app/${app_file})
+  set_source_files_properties(${CMAKE_SOURCE_DIR}/resources/app/${app_file}
+    PROPERTIES MACOSX_PACKAGE_LOCATION Resources/app/${app_folder})
+endforeach()
 set_source_files_properties("${CMAKE_SOURCE_DIR}/resources/安装与使用.html"
   ${CMAKE_SOURCE_DIR}/packaging/macos/LanternmoorPro.icns PROPERTIES MACOSX_PACKAGE_LOCATION Resources)
 set_target_properties(lanternmoor-pro PROPERTIES

@@ -1,6 +1,6 @@
 # The Debian package built from this build: its files, the unpacked program at work, lintian.
 import glob, subprocess
-from harness import BUILD, OPENED, RUNNING, STARTING, Case, read
+from harness import BUILD, OPENED, RUNNING, SOURCE, STARTING, Case, read
 
 STAND_IN = """import { createServer } from 'node:http';
 console.log('stand-in service of the package');
@@ -8,9 +8,11 @@ createServer((_, res) => res.end(JSON.stringify({ appId: 'lanternmoor-local-pro'
   .listen(Number(process.env.LANTERNMOOR_PORT), '127.0.0.1');
 process.on('SIGTERM', () => process.exit(0));
 """
+# Every shipped resource (the service, its page and its libraries, the guide), plain files all.
+RESOURCES = [path.relative_to(SOURCE / "resources") for path in (SOURCE / "resources").rglob("*") if path.is_file()]
 FILES = {"bin/lanternmoor-pro": "-rwxr-xr-x"} | {f"share/{path}": "-rw-r--r--" for path in (
-    "applications/lanternmoor-pro.desktop", "icons/hicolor/scalable/apps/lanternmoor-pro.svg", "lanternmoor-pro/app/server.mjs",
-    "lanternmoor-pro/安装与使用.html", "doc/lanternmoor-pro/copyright", "doc/lanternmoor-pro/changelog.gz")}
+    "applications/lanternmoor-pro.desktop", "icons/hicolor/scalable/apps/lanternmoor-pro.svg",
+    "doc/lanternmoor-pro/copyright", "doc/lanternmoor-pro/changelog.gz", *(f"lanternmoor-pro/{path}" for path in RESOURCES))}
 
 
 class Package(Case):
