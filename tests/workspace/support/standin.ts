@@ -19,7 +19,7 @@ export type Reply =
   | { steps: Step[] };
 
 export type Step =
-  | { text: string[]; gapMs?: number }
+  | { text: string[]; gapMs?: number; holdAfter?: { index: number; until: Promise<void> } }
   | { reasoning: string }
   | { command: string }
   | { pauseMs: number };
@@ -77,9 +77,10 @@ export async function startStandIn(script: Script): Promise<StandIn> {
         await new Promise((resolve) => setTimeout(resolve, step.pauseMs));
       } else if ('text' in step) {
         send('response.output_item.added', { output_index: output, item: { type: 'message', id: `msg_${id}`, role: 'assistant', content: [] } });
-        for (const delta of step.text) {
+        for (const [index, delta] of step.text.entries()) {
           standIn.sentAt.set(delta, performance.timeOrigin + performance.now());
           send('response.output_text.delta', { item_id: `msg_${id}`, output_index: output, content_index: 0, delta });
+          if (step.holdAfter?.index === index) await step.holdAfter.until;
           if (step.gapMs) await new Promise((resolve) => setTimeout(resolve, step.gapMs));
           if (response.destroyed) return;
         }

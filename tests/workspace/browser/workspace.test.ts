@@ -1,0 +1,164 @@
+// The workspace as a user meets it: the real launcher starts the service, the real Codex answers
+// through the stand-in model, and Debian's Chromium shows it. Start, ask, watch the answer stream
+// in, follow up, run a command, stop, reload, quit, start again.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { readFileSync } from 'node:fs';
+import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type ResponsesRequest } from '../support/standin.ts';
+import { Launcher, Sandbox, WORKSPACE } from '../support/launcher.ts';
+import { launchBrowser, openPage, type Page } from '../support/browser.ts';
+import { until } from '../support/service.ts';
+import { texts } from '../../../resources/app/workspace/texts.ts';
+
+const FIRST_ANSWER = [
+  '## SQLite 是什么\n\n', 'SQLite 是一个**嵌入式**数据库。', '\n\n- 无需服务器\n', '- 单个文件\n\n', '```sql\nSELECT ', "'hello';\n```\n",
+];
+const HOSTILE = 'Careful: <img src=x onerror="window.pwned=1"> <script>window.pwned=2</script> [link](javascript:window.pwned=3)';
+
+// The first answer pauses after its second delta until the test has seen that much of it.
+let release!: () => void;
+const halfway = new Promise<void>((resolve) => { release = resolve; });
+
+function script(request: ResponsesRequest) {
+  const question = lastQuestion(request);
+  const output = commandOutput(request);
+  if (output !== null) return reply.answer(`命令已运行，输出是：${output.includes('命令输出-42') ? '命令输出-42' : '（没有看到）'}`);
+  if (question.includes('介绍')) return { steps: [{ reasoning: '**想一想** 该从哪里讲起' }, { text: FIRST_ANSWER, holdAfter: { index: 1, until: halfway } }] };
+  if (question.includes('补充')) {
+    const history = JSON.stringify(request.input);
+    const remembers = history.includes('介绍一下 SQLite') && history.includes('嵌入式');
+    return reply.answer(remembers ? `补充：它很小。${HOSTILE}` : '我不记得前面的对话。');
+  }
+  if (question.includes('很慢的命令')) return reply.command('echo started; sleep 300');
+  if (question.includes('命令')) return reply.command('echo 命令输出-42', '先运行命令');
+  if (question.includes('慢慢')) return reply.answer(Array.from({ length: 300 }, (_, i) => `第${i}句。`), 100);
+  if (question.includes('401')) return reply.unauthorized();
+  if (question.includes('模型')) return reply.missingModel();
+  return reply.answer('好的。');
+}
+
+async function ask(page: Page, question: string) {
+  const turns = await page.locator('.turn').count();
+  await page.fill('#question', question);
+  await page.press('#question', 'Enter');
+  await page.locator('.turn').nth(turns).waitFor();
+  return page.locator('.turn').nth(turns);
+}
+
+async function newThread(page: Page) {
+  await page.click('#new-thread');
+  await page.locator('#welcome').waitFor();
+  await page.locator('.turn').first().waitFor({ state: 'detached' });
+}
+
+const foot = (turn: ReturnType<Page['locator']>) => turn.locator('.turn-foot');
+
+test('start, ask, stream, follow up, run a command, stop, reload, quit, start again: nothing lost, nothing left running', async (t) => {
+  const standIn = await startStandIn(script);
+  const sandbox = new Sandbox((folder) => codexHome(standIn, { folder }));
+  const browser = await launchBrowser();
+  t.after(async () => {
+    await browser.close();
+    await standIn.close();
+    for (const pid of sandbox.leftovers()) process.kill(pid, 'SIGKILL');
+  });
+
+  const launcher = await Launcher.ready(sandbox);
+  assert.deepEqual(sandbox.opened(), [WORKSPACE]);
+  const { page, problems } = await openPage(browser, WORKSPACE);
+
+  // The answer streams in: part of it is on the page while Codex is still answering.
+  const first = await ask(page, '用 Markdown 介绍一下 SQLite');
+  await first.locator('.answer').getByText('嵌入式').waitFor();
+  assert.equal(await foot(first).textContent(), 'Codex 正在回答……');
+  assert.equal(await first.locator('.answer').getByText('单个文件').count(), 0, 'the end of the answer is not there yet');
+  release();
+  await foot(first).getByText('本轮用量').waitFor();
+  assert.deepEqual(await first.locator('.answer h2').allTextContents(), ['SQLite 是什么']);
+  assert.deepEqual(await first.locator('.answer li').allTextContents(), ['无需服务器', '单个文件']);
+  assert.equal(await first.locator('.answer pre code').textContent(), "SELECT 'hello';\n");
+  assert.match(await first.locator('.reasoning').textContent() ?? '', /想一想/);
+
+  // A follow-up has the whole thread behind it; what the answer says is shown, never run.
+  const second = await ask(page, '再补充一句');
+  await second.locator('.answer').getByText('补充：它很小').waitFor();
+  assert.match(await second.locator('.answer').textContent() ?? '', /<img src=x onerror="window.pwned=1"> <script>window.pwned=2<\/script>/);
+  assert.equal(await second.locator('.answer img, .answer script, .answer a[href^="javascript"]').count(), 0);
+  await second.locator('.answer').getByText('link').click();
+  assert.equal(await page.evaluate(() => (window as unknown as { pwned?: number }).pwned), undefined);
+
+  // A command: a block that opens on its output and exit code.
+  const third = await ask(page, '运行一个命令');
+  await third.locator('.answer').getByText('命令已运行，输出是：命令输出-42').waitFor();
+  await third.locator('.command summary').click();
+  assert.match(await third.locator('.command .output').textContent() ?? '', /命令输出-42/);
+  assert.match(await third.locator('.command .state').textContent() ?? '', /^退出码 0/);
+
+  // Stop in the middle of an answer: what came stays, marked as stopped.
+  const fourth = await ask(page, '请慢慢回答');
+  await fourth.locator('.answer').getByText('第3句').waitFor();
+  await page.click('#stop');
+  await foot(fourth).getByText('已停止').waitFor();
+  const kept = await fourth.locator('.answer').textContent() ?? '';
+  assert.match(kept, /^第0句。第1句。第2句。第3句。/);
+  assert.doesNotMatch(kept, /第299句/);
+
+  // Stop while a command runs: the command ends too.
+  const fifth = await ask(page, '运行一个很慢的命令');
+  await fifth.locator('.command .state').getByText('运行中').waitFor();
+  const threadId = decodeURIComponent(new URL(page.url()).hash.slice(1));
+  const marked = () => sandbox.leftovers().filter((pid) => {
+    try {
+      return readFileSync(`/proc/${pid}/environ`, 'utf8').includes(`LANTERNMOOR_THREAD=${threadId}`);
+    } catch {
+      return false;
+    }
+  });
+  await until('the command to run', () => marked().length > 0);
+  await page.click('#stop');
+  await foot(fifth).getByText('已停止').waitFor();
+  await until('the command to end', () => marked().length === 0, 5000);
+
+  // A reload shows the whole thread as it was.
+  const before = await page.locator('.turn').allTextContents();
+  await page.reload();
+  await page.locator('.turn').nth(4).waitFor();
+  assert.deepEqual(await page.locator('.turn').allTextContents(), before);
+
+  // Failures are said where they happened, in one sentence.
+  await newThread(page);
+  const unauthorized = await ask(page, '401 请回答');
+  await foot(unauthorized).getByText(texts.unauthorized).waitFor({ timeout: 30_000 });
+  await newThread(page);
+  const missing = await ask(page, '不存在的模型');
+  await foot(missing).getByText(texts.modelNotFound).waitFor();
+  assert.deepEqual(problems, []);
+
+  // Quitting the launcher leaves nothing of the workspace running.
+  await launcher.quit();
+  await until('nothing of the sandbox to run', () => sandbox.leftovers().length === 0, 10_000);
+
+  // Started again, every thread is still there.
+  await Launcher.ready(sandbox);
+  const { page: again } = await openPage(browser, WORKSPACE);
+  await again.locator('.thread-entry').nth(2).waitFor();
+  await again.locator('.thread-entry', { hasText: '用 Markdown 介绍一下 SQLite' }).click();
+  await again.locator('.turn').nth(4).waitFor();
+  assert.deepEqual(await again.locator('.turn').allTextContents(), before);
+});
+
+test('a Codex that is not signed in: the page says so and how to sign in', async (t) => {
+  const standIn = await startStandIn(() => reply.answer('never asked'));
+  const sandbox = new Sandbox((folder) => codexHome(standIn, { folder, signedOut: true }));
+  const browser = await launchBrowser();
+  t.after(async () => {
+    await browser.close();
+    await standIn.close();
+    for (const pid of sandbox.leftovers()) process.kill(pid, 'SIGKILL');
+  });
+  const launcher = await Launcher.ready(sandbox);
+  const { page } = await openPage(browser, WORKSPACE);
+  await page.locator('.banner').getByText('Codex 还没有登录').waitFor();
+  assert.match(await page.locator('.banner').textContent() ?? '', /codex login/);
+  await launcher.quit();
+});
