@@ -22,22 +22,24 @@ export function createMarkdown() {
 
 /**
  * How much of text (from its start) is made of blocks that later text cannot change: every
- * top-level block but the last. Only whole lines are settled.
+ * top-level block but the last, among whole lines only. A line still arriving can be anything:
+ * the "1" that becomes "10. ten" continues the list above it, which must not be settled yet.
  * @param {Markdown} md
  * @param {string} text
  * @returns {number}
  */
 export function settledLength(md, text) {
+  const whole = text.slice(0, text.lastIndexOf('\n') + 1);
   let last = -1;
   let count = 0;
-  for (const token of md.parse(text, {})) {
+  for (const token of md.parse(whole, {})) {
     if (token.level !== 0 || token.nesting === -1 || !token.map) continue;
     count += 1;
     last = token.map[0];
   }
   if (count < 2) return 0;
   let offset = 0;
-  for (let line = 0; line < last; line += 1) offset = text.indexOf('\n', offset) + 1;
+  for (let line = 0; line < last; line += 1) offset = whole.indexOf('\n', offset) + 1;
   return offset;
 }
 

@@ -1,0 +1,46 @@
+// Which account a loopback connection comes from. The Linux way (/proc/net/tcp) is what the
+// service's own tests go through; the macOS way (lsof) is tried here on real connections, from
+// this account and from another, as lsof on Linux reports them the same.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { spawn } from 'node:child_process';
+import { createServer, type Socket } from 'node:net';
+import { once } from 'node:events';
+import { lsofLookup, procNetLookup, type PeerLookup } from '../../../resources/app/workspace/http/peer.ts';
+import { NODE } from '../support/service.ts';
+
+async function ownerOfConnectionFrom(uid: number | null, lookup: PeerLookup): Promise<number | null> {
+  const server = createServer().listen(0, '127.0.0.1');
+  await once(server, 'listening');
+  const { port } = server.address() as import('node:net').AddressInfo;
+  const accepted = once(server, 'connection') as Promise<[Socket]>;
+  const client = spawn(NODE, ['-e', `require('node:net').connect(${port}, '127.0.0.1'); setTimeout(() => {}, 30000)`],
+    uid === null ? {} : { uid, gid: uid });
+  try {
+    const [socket] = await accepted;
+    return await lookup(
+      { address: socket.remoteAddress!, port: socket.remotePort! },
+      { address: socket.localAddress!, port: socket.localPort! },
+    );
+  } finally {
+    client.kill('SIGKILL');
+    server.close();
+  }
+}
+
+const lookups: [string, PeerLookup][] = [['/proc/net/tcp', procNetLookup], ['lsof', lsofLookup]];
+const asRoot = process.getuid?.() === 0;
+
+test('lsof: a connection from this account is this account\'s', async () => {
+  assert.equal(await ownerOfConnectionFrom(null, lsofLookup), process.getuid!());
+});
+
+test('lsof: a connection from another account is that account\'s, not the listener\'s', { skip: !asRoot && 'needs root to act as another user' }, async () => {
+  assert.equal(await ownerOfConnectionFrom(65534, lsofLookup), 65534);
+});
+
+test('a connection that is gone by the time it is looked up belongs to nobody', async () => {
+  for (const [, lookup] of lookups) {
+    assert.equal(await lookup({ address: '127.0.0.1', port: 1 }, { address: '127.0.0.1', port: 2 }), null);
+  }
+});
