@@ -26,7 +26,7 @@ function script(request: ResponsesRequest) {
   if (question.includes('介绍')) return { steps: [{ reasoning: '**想一想** 该从哪里讲起' }, { text: FIRST_ANSWER, holdAfter: { index: 1, until: halfway } }] };
   if (question.includes('补充')) {
     const history = JSON.stringify(request.input);
-    const remembers = history.includes('介绍一下 SQLite') && history.includes('嵌入式');
+    const remembers = history.includes('用 Markdown\\n介绍一下 SQLite') && history.includes('嵌入式');
     return reply.answer(remembers ? `补充：它很小。${HOSTILE}` : '我不记得前面的对话。');
   }
   if (question.includes('很慢的命令')) return reply.command('echo started; sleep 300');
@@ -67,8 +67,22 @@ test('start, ask, stream, follow up, run a command, stop, reload, quit, start ag
   assert.deepEqual(sandbox.opened(), [WORKSPACE]);
   const { page, problems } = await openPage(browser, WORKSPACE);
 
+  // Enter that picks characters in an input method does not send; Shift+Enter is a new line.
+  const sent: string[] = [];
+  page.on('request', (request) => { if (request.method() === 'POST') sent.push(request.url()); });
+  await page.fill('#question', '用 Markdown');
+  // A request the handler starts is reported before the dispatch returns: none may be.
+  await page.locator('#question').dispatchEvent('keydown', { key: 'Enter', isComposing: true });
+  await page.press('#question', 'Shift+Enter');
+  await page.locator('#question').pressSequentially('介绍一下 SQLite');
+  assert.deepEqual(sent, []);
+  assert.equal(await page.inputValue('#question'), '用 Markdown\n介绍一下 SQLite');
+
   // The answer streams in: part of it is on the page while Codex is still answering.
-  const first = await ask(page, '用 Markdown 介绍一下 SQLite');
+  await page.press('#question', 'Enter');
+  await page.locator('.turn').first().waitFor();
+  const first = page.locator('.turn').first();
+  assert.equal(await first.locator('.question').textContent(), '用 Markdown\n介绍一下 SQLite');
   await first.locator('.answer').getByText('嵌入式').waitFor();
   assert.equal(await foot(first).textContent(), 'Codex 正在回答……');
   assert.equal(await first.locator('.answer').getByText('单个文件').count(), 0, 'the end of the answer is not there yet');
@@ -94,12 +108,19 @@ test('start, ask, stream, follow up, run a command, stop, reload, quit, start ag
   assert.match(await third.locator('.command .output').textContent() ?? '', /命令输出-42/);
   assert.match(await third.locator('.command .state').textContent() ?? '', /^退出码 0/);
 
-  // Stop in the middle of an answer: what came stays, marked as stopped.
+  // A reload in the middle of an answer shows what came so far, and the answer streams on.
   const fourth = await ask(page, '请慢慢回答');
   await fourth.locator('.answer').getByText('第3句').waitFor();
+  await page.reload();
+  const reloaded = page.locator('.turn').nth(3);
+  await reloaded.locator('.answer').getByText('第3句').waitFor();
+  const shown = (await reloaded.locator('.answer').textContent())!.length;
+  await until('the answer to grow after the reload', async () => (await reloaded.locator('.answer').textContent())!.length > shown);
+
+  // Stop in the middle of an answer: what came stays, marked as stopped.
   await page.click('#stop');
-  await foot(fourth).getByText('已停止').waitFor();
-  const kept = await fourth.locator('.answer').textContent() ?? '';
+  await foot(reloaded).getByText('已停止').waitFor();
+  const kept = await reloaded.locator('.answer').textContent() ?? '';
   assert.match(kept, /^第0句。第1句。第2句。第3句。/);
   assert.doesNotMatch(kept, /第299句/);
 

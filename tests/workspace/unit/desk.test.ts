@@ -232,3 +232,19 @@ test('while the disk is full the page still has the whole turn, and it is writte
   assert.deepEqual(storage, ['full', null]);
   assert.deepEqual(store.readThread(thread.id)!.turns.map((turn) => [turn.status, turn.items.length]), [['completed', 1]]);
 });
+
+test('threads run at once, each turn getting only its own Codex thread\'s items', async () => {
+  const { desk, notify } = deskFixture();
+  const one = desk.create('one');
+  await settle();
+  const two = desk.create('two');
+  await settle();
+  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } }, 'codex-2', 'turn-2');
+  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } }, 'codex-1', 'turn-1');
+  notify('item/agentMessage/delta', { itemId: 'a', delta: 'for two' }, 'codex-2', 'turn-2');
+  notify('item/agentMessage/delta', { itemId: 'a', delta: 'for one' }, 'codex-1', 'turn-1');
+  notify('turn/completed', { turn: { id: 'turn-2', status: 'completed', error: null } }, 'codex-2', 'turn-2');
+  const texts = (id: string) => desk.thread(id)!.turns[0]!.items.map((item) => item.kind === 'answer' && item.text);
+  assert.deepEqual([texts(one.thread.id), texts(two.thread.id)], [['for one'], ['for two']]);
+  assert.deepEqual([desk.thread(one.thread.id)!.running, desk.thread(two.thread.id)!.running], [true, false]);
+});
