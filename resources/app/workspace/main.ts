@@ -9,7 +9,7 @@ import { endThreadCommands, killSurvivors, treeOf } from './codex/commands.ts';
 import { ResearchDesk, describeStorage } from './research/desk.ts';
 import { StoreError, ThreadStore } from './store/store.ts';
 import { EventHub } from './http/events.ts';
-import { PeerGate, } from './http/security.ts';
+import { PeerGate } from './http/security.ts';
 import { systemLookup } from './http/peer.ts';
 import { StaticFiles } from './http/static.ts';
 import { createRoutes } from './http/routes.ts';
@@ -122,7 +122,16 @@ export function startWorkspace(boot: Boot): Workspace {
     desk, hub, files: new StaticFiles(PUBLIC), gate: new PeerGate(systemLookup, process.getuid?.() ?? -1),
     service: () => state,
     pageConnected: () => {
-      if (state.codex.state === 'idle' || state.codex.state === 'unavailable') codex.connect().catch(() => {});
+      if (state.codex.state === 'starting') return;
+      if (state.codex.state !== 'ready') {
+        codex.connect().catch(() => {});
+        return;
+      }
+      // The banner asks for `codex login` in a terminal and a reload; Codex reads its sign-in when
+      // it starts, so a signed-out one is started anew (nothing can run through it meanwhile).
+      const signedOut = state.account?.signedIn === false && state.account.requiresSignIn;
+      if (signedOut && !desk.busy) codex.restart().catch(() => {});
+      else readAccount();
     },
     complain: boot.complain,
   });

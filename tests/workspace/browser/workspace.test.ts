@@ -4,6 +4,8 @@
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
+import { spawnSync } from 'node:child_process';
+import { join } from 'node:path';
 import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type ResponsesRequest } from '../support/standin.ts';
 import { Launcher, Sandbox, WORKSPACE } from '../support/launcher.ts';
 import { launchBrowser, openPage, type Page } from '../support/browser.ts';
@@ -99,7 +101,7 @@ test('start, ask, stream, follow up, run a command, stop, reload, quit, start ag
   assert.match(await second.locator('.answer').textContent() ?? '', /<img src=x onerror="window.pwned=1"> <script>window.pwned=2<\/script>/);
   assert.equal(await second.locator('.answer img, .answer script, .answer a[href^="javascript"]').count(), 0);
   await second.locator('.answer').getByText('link').click();
-  assert.equal(await page.evaluate(() => (window as unknown as { pwned?: number }).pwned), undefined);
+  assert.equal(await page.evaluate(() => (globalThis as { pwned?: number }).pwned), undefined);
 
   // A command: a block that opens on its output and exit code.
   const third = await ask(page, '运行一个命令');
@@ -181,5 +183,15 @@ test('a Codex that is not signed in: the page says so and how to sign in', async
   const { page } = await openPage(browser, WORKSPACE);
   await page.locator('.banner').getByText('Codex 还没有登录').waitFor();
   assert.match(await page.locator('.banner').textContent() ?? '', /codex login/);
+
+  // Signed in from a terminal, as the banner says; the page, reloaded, sees it.
+  const login = spawnSync(join(sandbox.bin, 'codex'), ['login', '--with-api-key'], {
+    input: 'sk-stand-in\n', env: { PATH: `${sandbox.bin}:/usr/bin:/bin`, HOME: sandbox.home, CODEX_HOME: sandbox.codexHome },
+  });
+  assert.equal(login.status, 0, String(login.stderr));
+  await page.reload();
+  await page.locator('#about summary').click();
+  await page.locator('#about-list').getByText('API 密钥').waitFor();
+  assert.equal(await page.locator('.banner').count(), 0);
   await launcher.quit();
 });

@@ -54,6 +54,8 @@ export class CodexAppServer {
   #connection: RpcConnection | null = null;
   #starting: Promise<RpcConnection> | null = null;
   #stopping = false;
+  /** Ended on purpose to be started again: not a failure to report. */
+  #ending = false;
 
   constructor(options: AppServerOptions) {
     this.#options = options;
@@ -82,9 +84,25 @@ export class CodexAppServer {
     return connection.request<T>(method, params, timeoutMs);
   }
 
-  /** Closes its input (it then ends, and the commands it started with it); SIGTERM after 1 s. */
+  /** Ends it for good: nothing is started after this. */
   async stop(): Promise<void> {
     this.#stopping = true;
+    await this.#end();
+  }
+
+  /** Ends it and starts it anew, which reads its sign-in again; for when nothing runs through it. */
+  async restart(): Promise<void> {
+    this.#ending = true;
+    try {
+      await this.#end();
+    } finally {
+      this.#ending = false;
+    }
+    await this.connect();
+  }
+
+  /** Closes its input (it then ends, and the commands it started with it); SIGTERM after 1 s. */
+  async #end(): Promise<void> {
     const child = this.#child;
     if (!child || child.exitCode !== null || child.signalCode !== null) return;
     const exited = new Promise<void>((resolve) => child.once('exit', () => resolve()));
@@ -147,7 +165,7 @@ export class CodexAppServer {
           return;
         }
         connection.close(new RpcClosed(texts.codexExited(describeExit(code, signal))));
-        if (!this.#stopping) this.#unavailable(texts.codexExited(describeExit(code, signal)));
+        if (!this.#stopping && !this.#ending) this.#unavailable(texts.codexExited(describeExit(code, signal)));
         this.#options.onExit();
       });
 

@@ -62,7 +62,3 @@ export async function readJson(request: IncomingMessage, limit = BODY_LIMIT_BYTE
     throw new Refusal(400, texts.notJson);
   }
 }
-
-export function isChange(request: IncomingMessage): boolean {
-  return CHANGING.has(request.method ?? '');
-}

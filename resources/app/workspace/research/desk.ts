@@ -108,6 +108,11 @@ export class ResearchDesk {
     };
   }
 
+  /** Whether any turn runs now. */
+  get busy(): boolean {
+    return this.#live.size > 0;
+  }
+
   list(): ThreadSummary[] {
     return this.#options.store.listThreads().map((thread) => ({ ...thread, running: this.#live.has(thread.id) }));
   }
