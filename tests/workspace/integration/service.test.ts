@@ -58,6 +58,8 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
     const cases: [string, string, string, unknown, Record<string, string>, number, string][] = [
       ['a body that is not JSON', 'POST', '/api/threads', '{"question":', {}, 400, texts.notJson],
       ['a body that is JSON but not an object', 'POST', '/api/threads', '"question"', {}, 400, texts.notJson],
+      ['a question that is not text', 'POST', '/api/threads', { question: 42 }, {}, 400, texts.emptyQuestion],
+      ['a stop in a thread that does not exist', 'POST', '/api/threads/2020-01-01-deadbeef/stop', {}, {}, 404, texts.noSuchThread],
       ['a form post', 'POST', '/api/threads', 'question=hi', { 'content-type': 'application/x-www-form-urlencoded' }, 400, texts.needsJson],
       ['a question over 1 MiB', 'POST', '/api/threads', { question: 'x'.repeat((1 << 20) + 1) }, {}, 413, texts.tooLarge],
       ['a body far over the limit', 'POST', '/api/threads', { question: 'x'.repeat(8 << 20) }, {}, 413, texts.tooLarge],

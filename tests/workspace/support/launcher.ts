@@ -58,8 +58,8 @@ export class Launcher {
   readonly exited: Promise<unknown>;
   output = '';
 
-  constructor(sandbox: Sandbox) {
-    this.child = spawn(join(BUILD, 'bin/lanternmoor-pro'), [], {
+  constructor(sandbox: Sandbox, program = join(BUILD, 'bin/lanternmoor-pro')) {
+    this.child = spawn(program, [], {
       stdio: ['pipe', 'pipe', 'pipe'],
       env: {
         HOME: sandbox.home, PATH: `${sandbox.bin}:/usr/bin:/bin`, LANG: 'C.UTF-8', BROWSER: `${join(sandbox.bin, 'record-opened')} %s`,

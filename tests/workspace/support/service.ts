@@ -49,6 +49,8 @@ export async function until<T>(what: string, probe: () => T | undefined | null |
 /** A page's event stream, read as the page reads it. */
 export class Page {
   readonly events: PageEvent[] = [];
+  /** When each event was read, on the stand-in's clock: for benchmarks. */
+  readonly times: number[] = [];
   readonly #abort = new AbortController();
   readonly done: Promise<void>;
 
@@ -63,7 +65,10 @@ export class Page {
         for (let end = buffer.indexOf('\n\n'); end >= 0; end = buffer.indexOf('\n\n')) {
           const data = buffer.slice(0, end).split('\n').find((line) => line.startsWith('data: '));
           buffer = buffer.slice(end + 2);
-          if (data) this.events.push(JSON.parse(data.slice(6)) as PageEvent);
+          if (data) {
+            this.times.push(performance.timeOrigin + performance.now());
+            this.events.push(JSON.parse(data.slice(6)) as PageEvent);
+          }
         }
       }
     })().catch(() => {});

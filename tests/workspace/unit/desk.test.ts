@@ -2,13 +2,11 @@
 // what the page and the store get, and what is refused.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { readdirSync, statSync } from 'node:fs';
+import { statSync } from 'node:fs';
 import { join } from 'node:path';
-import { ResearchDesk, STOP_DEADLINE_MS, QUESTION_LIMIT_BYTES } from '../../../resources/app/workspace/research/desk.ts';
+import { ResearchDesk, STOP_DEADLINE_MS } from '../../../resources/app/workspace/research/desk.ts';
 import { ThreadStore, StoreError } from '../../../resources/app/workspace/store/store.ts';
 import { RpcError } from '../../../resources/app/workspace/codex/rpc.ts';
-import { Refusal } from '../../../resources/app/workspace/refusal.ts';
-import { texts } from '../../../resources/app/workspace/texts.ts';
 import type { PageEvent } from '../../../resources/app/workspace/model.ts';
 import { VirtualClock, settle } from '../support/clock.ts';
 import { temporaryFolder } from '../support/service.ts';
@@ -81,21 +79,6 @@ test('a new thread: an owner-only folder, and a Codex thread working there that 
   assert.equal(thread.title, '什么是 FTS5？');
 });
 
-test('a follow-up goes to the same Codex thread; after Codex started again, it is resumed first', async () => {
-  const { desk, codex, notify } = deskFixture();
-  const { thread } = desk.create('one');
-  await settle();
-  notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
-  desk.ask(thread.id, 'two');
-  await settle();
-  notify('turn/completed', { turn: { id: 'turn-2', status: 'completed', error: null } }, 'codex-1', 'turn-2');
-  desk.onCodexExit();
-  desk.ask(thread.id, 'three');
-  await settle();
-  assert.deepEqual(codex.methods(), ['thread/start', 'turn/start', 'turn/start', 'thread/resume', 'turn/start']);
-  assert.deepEqual(codex.calls.filter(([m]) => m !== 'thread/start').map(([, p]) => p.threadId), ['codex-1', 'codex-1', 'codex-1', 'codex-1']);
-});
-
 test('a thread Codex no longer has is started afresh, with the thread so far before the question', async () => {
   const { desk, codex, notify } = deskFixture();
   const { thread } = desk.create('first question');
@@ -111,26 +94,6 @@ test('a thread Codex no longer has is started afresh, with the thread so far bef
   const text: string = codex.calls.at(-1)![1].input[0].text;
   assert.match(text, /问：first question\n\n答：first answer[\s\S]*second question$/);
   assert.equal(codex.calls.at(-1)![1].threadId, 'codex-2');
-});
-
-test('refused questions write nothing: no thread, no turn, no folder', async () => {
-  const { desk, store, dataFolder, codex } = deskFixture();
-  const { thread } = desk.create('running');
-  await settle();
-  const before = { threads: store.listThreads(), turns: store.readThread(thread.id)!.turns.length, folders: readdirSync(join(dataFolder, 'threads')) };
-  const refusals: [string, () => unknown, number][] = [
-    ['an empty question', () => desk.create('  \n '), 400],
-    ['a question that is not text', () => desk.create(42), 400],
-    ['a question over 1 MiB', () => desk.create('字'.repeat(QUESTION_LIMIT_BYTES / 3 + 1)), 413],
-    ['a follow-up in a thread that does not exist', () => desk.ask('2026-01-01-00000000', 'hi'), 404],
-    ['a second question while the first runs', () => desk.ask(thread.id, 'again'), 409],
-    ['a stop in a thread that does not exist', () => desk.stop('nope'), 404],
-  ];
-  for (const [what, attempt, status] of refusals) {
-    await assert.rejects(async () => attempt(), (error) => error instanceof Refusal && error.status === status, what);
-  }
-  assert.deepEqual({ threads: store.listThreads(), turns: store.readThread(thread.id)!.turns.length, folders: readdirSync(join(dataFolder, 'threads')) }, before);
-  assert.deepEqual(codex.methods(), ['thread/start', 'turn/start']);
 });
 
 test('a stop interrupts Codex\'s turn, then ends the thread\'s commands, and keeps what was shown', async () => {
@@ -182,36 +145,6 @@ test('a Codex that does not confirm a stop: the turn is stopped at the deadline,
   notify('item/started', { item: { type: 'agentMessage', id: 'new', text: 'from the new turn' } }, 'codex-1', 'turn-2');
   const turns = desk.thread(thread.id)!.turns;
   assert.deepEqual(turns.map((turn) => turn.items.map((item) => item.kind === 'answer' && item.text)), [[], ['from the new turn']]);
-});
-
-test('Codex ending mid-turn cuts that turn with its sentence; other threads keep their history', async () => {
-  const { desk, notify } = deskFixture();
-  const done = desk.create('done');
-  await settle();
-  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: 'kept' } });
-  notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
-  const cut = desk.create('cut');
-  await settle();
-  notify('item/started', { item: { type: 'agentMessage', id: 'b', text: '' } }, 'codex-2', 'turn-2');
-  notify('item/agentMessage/delta', { itemId: 'b', delta: 'half' }, 'codex-2', 'turn-2');
-  desk.onCodexExit();
-  const [cutTurn] = desk.thread(cut.thread.id)!.turns;
-  assert.deepEqual([cutTurn!.status, cutTurn!.error, cutTurn!.items[0]!.status], ['interrupted', texts.turnCutByCodexExit, 'stopped']);
-  assert.deepEqual(desk.thread(done.thread.id)!.turns.map((turn) => [turn.status, turn.items.length]), [['completed', 1]]);
-});
-
-test('shutting down cuts running turns and leaves everything in the store', async () => {
-  const { desk, store, notify } = deskFixture();
-  const { thread } = desk.create('q');
-  await settle();
-  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } });
-  notify('item/agentMessage/delta', { itemId: 'a', delta: 'streamed' });
-  await desk.shutdown();
-  const [turn] = store.readThread(thread.id)!.turns;
-  assert.deepEqual([turn!.status, turn!.error, turn!.items], [
-    'interrupted', texts.turnCutByServiceEnd, [{ kind: 'answer', position: 0, status: 'stopped', text: 'streamed' }],
-  ]);
-  assert.throws(() => desk.create('after'), (error) => error instanceof Refusal && error.status === 503);
 });
 
 test('while the disk is full the page still has the whole turn, and it is written once there is room', async () => {

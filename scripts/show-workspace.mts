@@ -2,10 +2,10 @@
 // the real Codex answering through the stand-in model, Debian's Chromium. Run by
 // scripts/show-workspace.sh, which gives it a network namespace of its own.
 import { join } from 'node:path';
-import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type ResponsesRequest } from './standin.ts';
-import { Launcher, Sandbox, WORKSPACE } from './launcher.ts';
-import { launchBrowser, openPage } from './browser.ts';
-import { SOURCE } from './service.ts';
+import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type ResponsesRequest } from '../tests/workspace/support/standin.ts';
+import { Launcher, Sandbox, WORKSPACE } from '../tests/workspace/support/launcher.ts';
+import { launchBrowser, openPage } from '../tests/workspace/support/browser.ts';
+import { SOURCE } from '../tests/workspace/support/service.ts';
 
 const shots = join(SOURCE, 'docs/screenshots');
 
