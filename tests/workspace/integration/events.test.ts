@@ -24,7 +24,7 @@ async function hubServer() {
 
 const delta = (threadId: string, text: string): PageEvent => ({ type: 'delta', threadId, turnId: 'u', position: 0, field: 'text', text });
 
-test('a page that stops reading is dropped once it lags too far; the others get every event', async () => {
+test('a page that stops reading is dropped once it lags too far; the others get every event', { timeout: 60_000 }, async () => {
   const { hub, server, url, port } = await hubServer();
   const readers = [new Page(url, 't'), new Page(url, 't')];
   const stalled = connect(port, '127.0.0.1');

@@ -53,6 +53,8 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
     await page.wait('threadSummary', (event) => !event.thread.running);
     const running = await service.request('POST', `/api/threads/${id}/turns`, { question: 'second' });
     assert.equal(running.status, 201);
+    // The running turn's streamed item is written a moment later; the refusals come after that.
+    await until('the running turn\'s item to be kept', () => snapshotOf(service).counts[2] === 2);
     const before = snapshotOf(service);
     const other = { origin: 'http://evil.example' };
     const cases: [string, string, string, unknown, Record<string, string>, number, string][] = [
