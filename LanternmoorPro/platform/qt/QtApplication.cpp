@@ -80,6 +80,11 @@ QtApplication::QtApplication(QtMainThread& mainThread, std::function<void()> las
       windowRaiser_(std::make_unique<NextWindowRaiser>()),
       quitRedirect_(std::make_unique<QuitRedirect>(*this)) {
     current = this;
+    // Closing the last window (the fallback window, an alert) must not end the loop behind the
+    // termination contract's back. A Mac's app bundle hides the Dock icon itself.
+    if (qobject_cast<QGuiApplication*>(QCoreApplication::instance()) != nullptr) {
+        QGuiApplication::setQuitOnLastWindowClosed(false);
+    }
     static const bool registered = std::atexit(endAtExit) == 0;
     (void)registered;
     previousMessageHandler = qInstallMessageHandler(handleMessage);
@@ -92,15 +97,6 @@ QtApplication::QtApplication(QtMainThread& mainThread, std::function<void()> las
 QtApplication::~QtApplication() {
     qInstallMessageHandler(previousMessageHandler);
     current = nullptr;
-}
-
-void QtApplication::setActivationPolicy(ActivationPolicy) {
-    // There is no Dock or application menu bar to hide on Linux (a Mac's app bundle hides them
-    // itself). What is left of every policy is that closing the last window must not end the
-    // loop behind the termination contract's back.
-    if (qobject_cast<QGuiApplication*>(QCoreApplication::instance()) != nullptr) {
-        QGuiApplication::setQuitOnLastWindowClosed(false);
-    }
 }
 
 int QtApplication::run() {

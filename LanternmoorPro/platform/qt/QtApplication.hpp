@@ -32,7 +32,6 @@ public:
     QtApplication(const QtApplication&) = delete;
     QtApplication& operator=(const QtApplication&) = delete;
 
-    void setActivationPolicy(ActivationPolicy policy) override;
     int run() override;
     void activateIgnoringOtherApps() override;
 
