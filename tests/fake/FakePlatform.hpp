@@ -33,7 +33,8 @@ struct World {
         journal.push_back(std::to_string(ms / 1000) + "." + std::to_string(1000 + ms % 1000).substr(1) + " " + what);
     }
     MainThread::TimerId after(std::chrono::nanoseconds delay, std::function<void()> task) {
-        return timers.emplace(clock + delay, std::pair(++lastTimer, std::move(task)))->second.first;
+        // Rounded up to the clock's own tick (a microsecond with libc++): never early.
+        return timers.emplace(clock + std::chrono::ceil<Time::duration>(delay), std::pair(++lastTimer, std::move(task)))->second.first;
     }
     // Runs what is due, moving the clock on to the next timer whenever nothing else is left.
     void runUntilIdle() {
@@ -151,7 +152,7 @@ struct Fake : World, MainThread, ApplicationBase, Processes, FileSystem, Http, J
         const auto& arguments = configuration.arguments;
         auto found = scripts.find(configuration.executable + (arguments.empty() ? "" : " " + arguments.front()));
         if (found == scripts.end()) found = scripts.find(configuration.executable);
-        auto script = found != scripts.end() ? found->second : Script{.startError = Error{"POSIX", 2, "没有这个程序。"}};
+        auto script = found != scripts.end() ? found->second : Script{.startError = Error{"POSIX", 2, "没有这个程序。", "posix_spawn", 2}};
         return children.emplace_back(std::make_shared<Child>(*this, std::move(configuration), script, 4000 + std::ssize(children)));
     }
 
@@ -228,7 +229,7 @@ struct Fake : World, MainThread, ApplicationBase, Processes, FileSystem, Http, J
     std::optional<std::string> resources = "/opt/lm/share/lanternmoor-pro";
     std::vector<std::string> applicationSupport{"/home/ada/.local/share"};
     std::optional<std::string> variable(const std::string& name) const override {
-        auto found = std::ranges::find(variables, name, &EnvironmentVariables::value_type::first);
+        auto found = std::find_if(variables.begin(), variables.end(), [&](const auto& entry) { return entry.first == name; });
         return found == variables.end() ? std::nullopt : std::optional(found->second);
     }
     EnvironmentVariables all() const override { return variables; }

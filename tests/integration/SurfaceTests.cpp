@@ -42,7 +42,7 @@ TEST(TerminalAlerts, PrintTheAlertAndTakeTheButtonTypedAskingAgainAfterAnythingE
         if (ends) ::close(std::exchange(terminal.keyboard[1], -1));
         EXPECT_EQ(TerminalAlerts(terminal.input, terminal.output).runModal(alert), button) << typed;
         const auto printed = terminal.printed(), shown = alert.title + "\n" + alert.message + "\n" + buttonLine(alert.buttons) + "\n";
-        EXPECT_EQ(std::tuple(printed.substr(0, shown.size()), std::ranges::count(printed.substr(std::min(printed.size(), shown.size())), '\n')),
+        EXPECT_EQ(std::tuple(printed.substr(0, shown.size()), std::count(printed.begin() + std::min(printed.size(), shown.size()), printed.end(), '\n')),
                   std::tuple(shown, asked));
     }
 }
@@ -100,7 +100,8 @@ TEST(TerminalOpener, StartsTheFirstBrowserCommandThatStartsAndFailsWhenNoneDoes)
         platform::posix::PosixFileSystem files;
         EXPECT_EQ(TerminalOpener(terminal.output, processes, files, setting).open(url), opens);
         EXPECT_EQ(terminal.printed(), "→ " + url + "\n");
-        EXPECT_TRUE(arguments.empty() || serveEventsUntil([&] { return readFile(browser + ".opened") == arguments + "\n"; }));
+        const auto given = arguments + "\n";
+        EXPECT_TRUE(arguments.empty() || serveEventsUntil([&] { return readFile(browser + ".opened") == given; }));
     }
 }
 

@@ -21,7 +21,10 @@ void serviceEnds(Harness& h) { h.fake.children.at(1)->exit(1); }
 
 const auto byName = [](const auto& info) { return std::string(info.param.name); };
 // Rows of the menu's own doings start with it installed and nothing launched, and journal the probes.
-std::vector<Scenario> fromTheMenu(std::vector<Scenario> rows) { return std::ranges::for_each(rows, [](auto& row) { row.launches = false; }), rows; }
+std::vector<Scenario> fromTheMenu(std::vector<Scenario> rows) {
+    for (auto& row : rows) row.launches = false;
+    return rows;
+}
 
 class Launch : public testing::TestWithParam<Scenario> {};
 

@@ -23,10 +23,16 @@ void endAtExit() {
     if (current != nullptr) current->endAbruptly();
 }
 
+// Qt's Wayland client ends the process with _exit() right after it says so, which passes over
+// every exit handler; this warning is the last moment anything of ours can run.
+bool waylandConnectionLost(QtMsgType type, const QString& message) {
+    return type == QtWarningMsg && message.startsWith(QLatin1String("The Wayland connection "));
+}
+
 void handleMessage(QtMsgType type, const QMessageLogContext& context, const QString& message) {
     if (previousMessageHandler != nullptr) previousMessageHandler(type, context, message);
     // Qt aborts once this returns.
-    if (type == QtFatalMsg && current != nullptr) current->endAbruptly();
+    if ((type == QtFatalMsg || waylandConnectionLost(type, message)) && current != nullptr) current->endAbruptly();
 }
 
 }  // namespace
@@ -114,13 +120,26 @@ void QtApplication::endEventLoop() {
 }
 
 void QtApplication::endAbruptly() {
-    // Launcher code runs on the main thread only; from any other, the last resort is all there is.
     const auto* application = QCoreApplication::instance();
-    if (!hasEnded() && application != nullptr && QThread::currentThread() == application->thread()) {
+    if (application != nullptr && QThread::currentThread() != application->thread()) return endFromAnotherThread();
+    if (!hasEnded() && application != nullptr) {
         eventLoopGone_ = true;
         if (!isAwaitingReply()) terminate();
         mainThread_.serveWithoutEventLoop([this] { return hasEnded(); }, abruptEndLimit);
     }
+    if (lastResort_) lastResort_();
+    std::lock_guard lock(abruptEnd_);
+    abruptEndDone_ = true;
+    abruptEndSignal_.notify_all();
+}
+
+// Launcher code runs on the main thread only. The thread that reports the end (Qt's Wayland
+// reader, say) is held until the main thread has stopped what runs, since the process goes as
+// soon as that thread returns; should the main thread never get to it, the last resort remains.
+void QtApplication::endFromAnotherThread() {
+    mainThread_.post([this] { endAbruptly(); });
+    std::unique_lock lock(abruptEnd_);
+    if (abruptEndSignal_.wait_for(lock, abruptEndLimit + std::chrono::seconds(1), [this] { return abruptEndDone_; })) return;
     if (lastResort_) lastResort_();
 }
 
