@@ -19,8 +19,8 @@ struct Stream {
         inherit,
         nullDevice,
         pipe,
-        // A file opened by the child for appending: every write lands at the file's end, whoever
-        // else writes to it. Created owner-only when missing.
+        // Output streams only: a file the child opens for appending, so every write lands at the
+        // file's end whoever else writes to it. Created owner-only when missing.
         appendToFile,
         // Standard error only: the same open file as standard output, so both land in the order
         // they were written.
