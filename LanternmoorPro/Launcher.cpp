@@ -37,7 +37,6 @@ int runLauncher(platform::Platform& platform) {
     // event loop has ended.
     auto launcher = std::make_shared<LanternmoorLauncher>(platform);
     platform.application.setDelegate(launcher);
-    platform.application.setActivationPolicy(platform::ActivationPolicy::accessory);
     return platform.application.run();
 }
 

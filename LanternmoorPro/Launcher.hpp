@@ -121,8 +121,8 @@ private:
     platform::TaskScope tasks_;
 };
 
-// The process entry once the platform is chosen: the launcher, the delegate, the accessory
-// policy and the event loop. Returns the exit status.
+// The process entry once the platform is chosen: the launcher, the delegate and the event loop.
+// Returns the exit status.
 int runLauncher(platform::Platform& platform);
 
 // Numbers of a `node --version` output, and the gate they must pass.

@@ -1,4 +1,5 @@
 #include "LanternmoorPro/Launcher.hpp"
+#include "LanternmoorPro/platform/Text.hpp"
 
 namespace lm {
 
@@ -18,8 +19,7 @@ void setVariable(platform::EnvironmentVariables& variables, const std::string& n
 std::string folderOf(const std::string& path) {
     auto slash = path.find_last_of('/');
     if (slash == std::string::npos) return ".";
-    auto folder = path.substr(0, slash);
-    while (folder.size() > 1 && folder.back() == '/') folder.pop_back();
+    auto folder = platform::withoutTrailingSlashes(path.substr(0, slash));
     return folder.empty() ? "/" : folder;
 }
 
@@ -43,9 +43,10 @@ platform::Result<std::shared_ptr<platform::ChildProcess>> LanternmoorLauncher::l
     configuration.environment = std::move(environment);
 
     configuration.standardInput = platform::Stream::nullDevice();
-    // One descriptor for both streams keeps the log in the order the service wrote it.
-    configuration.standardOutput = platform::Stream::toFile(logHandle);
-    configuration.standardError = platform::Stream::toFile(logHandle);
+    // One open file for both streams keeps the log in the order the service wrote it; appending,
+    // like logHandle, so another launcher's service writing to it never overwrites a byte.
+    configuration.standardOutput = platform::Stream::appendingTo(dataFolder.appending("server.log").path);
+    configuration.standardError = platform::Stream::sameAsOutput();
 
     auto process = platform_.processes.create(std::move(configuration));
     // The handler may run on any thread and the launcher may be gone by then: it only carries

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "LanternmoorPro/Launcher.hpp"
+#include "LanternmoorPro/platform/posix/Displays.hpp"
 #include "LanternmoorPro/platform/posix/PosixEnvironment.hpp"
 #include "LanternmoorPro/platform/posix/PosixFileSystem.hpp"
 #include "LanternmoorPro/platform/posix/PosixNetwork.hpp"
@@ -12,12 +13,12 @@
 #include "LanternmoorPro/platform/posix/TerminationSignals.hpp"
 #include "LanternmoorPro/platform/qt/QtAlerts.hpp"
 #include "LanternmoorPro/platform/qt/QtApplication.hpp"
-#include "LanternmoorPro/platform/qt/QtDisplay.hpp"
 #include "LanternmoorPro/platform/qt/QtHttp.hpp"
 #include "LanternmoorPro/platform/qt/QtJson.hpp"
 #include "LanternmoorPro/platform/qt/QtMainThread.hpp"
 #include "LanternmoorPro/platform/qt/QtOpener.hpp"
 #include "LanternmoorPro/platform/qt/QtStatusBar.hpp"
+#include "LanternmoorPro/platform/qt/Utf8.hpp"
 #include "LanternmoorPro/platform/terminal/TerminalAlerts.hpp"
 #include "LanternmoorPro/platform/terminal/TerminalOpener.hpp"
 #include "LanternmoorPro/platform/terminal/TerminalStatusBar.hpp"
@@ -38,7 +39,7 @@ struct Backend {
     qt::QtJson json;
     posix::PosixNetwork network;
     posix::PosixEnvironment environment;
-    posix::PosixFolders folders{environment, QCoreApplication::applicationDirPath().toStdString()};
+    posix::PosixFolders folders{environment, qt::utf8(QCoreApplication::applicationDirPath())};
 
     int run(Opener& opener, Alerts& alerts, StatusBar& statusBar) {
         Platform platform{mainThread, application, processes, files,        http,      json,
@@ -66,7 +67,7 @@ int runInTerminal(int& argc, char** argv) {
     // Typed commands only make sense when someone types; piped input is kept for the alerts.
     const auto menuInput = ::isatty(STDIN_FILENO) ? terminal::MenuInput::typed : terminal::MenuInput::none;
     terminal::TerminalStatusBar statusBar(input, output, menuInput);
-    terminal::TerminalOpener opener(output, backend.processes, backend.environment.variable("BROWSER"));
+    terminal::TerminalOpener opener(output, backend.processes, backend.files, backend.environment.variable("BROWSER"));
     return backend.run(opener, alerts, statusBar);
 }
 
@@ -80,7 +81,7 @@ int main() {
     char* qtArguments[] = {programName, nullptr};
     int qtArgumentCount = 1;
     // A display that is named but cannot be opened is no display: Qt would abort on it.
-    const auto displays = qt::usableDisplays();
+    const auto displays = posix::usableDisplays();
     if (!displays.any()) return runInTerminal(qtArgumentCount, qtArguments);
     if (const char* platform = displays.qtPlatform(); platform != nullptr && qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) {
         qputenv("QT_QPA_PLATFORM", platform);

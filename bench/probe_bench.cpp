@@ -22,7 +22,7 @@ void report(const char* what, const std::function<Micros()>& once) {
     for (int run = 0; run < warmUpRuns; ++run) once();
     std::vector<double> samples;
     for (int run = 0; run < runs; ++run) samples.push_back(once().count());
-    std::ranges::sort(samples);
+    std::sort(samples.begin(), samples.end());
     std::printf("%-36s median %9.1f us   p95 %9.1f us   (%d runs)\n", what, samples[runs / 2], samples[runs * 95 / 100], runs);
 }
 

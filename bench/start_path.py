@@ -60,7 +60,7 @@ def rss_and_wakeups(pid):
                     total += int(line.split()[1])
         return total
     rss = next(int(line.split()[1]) for line in Path(f"/proc/{pid}/status").read_text().splitlines() if line.startswith("VmRSS"))
-    time.sleep(6)  # past the start: the browser opener, and the Node.js version probe's 5 s limit
+    time.sleep(1)  # past the start: the browser opener has been handed its URL
     before = switches()
     time.sleep(IDLE_SECONDS)
     return rss / 1024, switches() - before

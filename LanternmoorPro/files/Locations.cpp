@@ -1,14 +1,9 @@
 #include "LanternmoorPro/Launcher.hpp"
+#include "LanternmoorPro/platform/Text.hpp"
 
 namespace lm {
 
 namespace {
-
-// Path form: absolute, no scheme, no percent-encoding, no trailing slash.
-std::string pathForm(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
 
 std::string percentEncoded(std::string_view path) {
     static constexpr char hex[] = "0123456789ABCDEF";
@@ -42,7 +37,7 @@ std::string LanternmoorLauncher::workspaceURL() const { return "http://127.0.0.1
 std::optional<FileLocation> LanternmoorLauncher::resourcesFolder() const {
     auto folder = platform_.folders.resourcesFolder();
     if (!folder) return std::nullopt;
-    return FileLocation{pathForm(*folder), true};
+    return FileLocation{platform::withoutTrailingSlashes(*folder), true};
 }
 
 std::optional<FileLocation> LanternmoorLauncher::appRoot() const {
@@ -54,7 +49,7 @@ std::optional<FileLocation> LanternmoorLauncher::appRoot() const {
 std::optional<FileLocation> LanternmoorLauncher::applicationSupportFolder() const {
     auto folders = platform_.folders.applicationSupportFolders();
     if (folders.empty()) return std::nullopt;
-    return FileLocation{pathForm(folders.front()), true};
+    return FileLocation{platform::withoutTrailingSlashes(folders.front()), true};
 }
 
 std::optional<FileLocation> LanternmoorLauncher::dataFolderURL() const {
@@ -69,7 +64,7 @@ std::optional<FileLocation> LanternmoorLauncher::logURL() const {
     return folder->appending("server.log");
 }
 
-std::string LanternmoorLauncher::homeFolderPath() const { return pathForm(platform_.folders.homeFolder()); }
+std::string LanternmoorLauncher::homeFolderPath() const { return platform::withoutTrailingSlashes(platform_.folders.homeFolder()); }
 
 std::string LanternmoorLauncher::logPath() const {
     auto log = logURL();

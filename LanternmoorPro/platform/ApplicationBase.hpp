@@ -2,7 +2,7 @@
 
 #include <memory>
 
-#include "LanternmoorPro/platform/Platform.hpp"
+#include "LanternmoorPro/platform/MainThread.hpp"
 
 namespace lm::platform {
 

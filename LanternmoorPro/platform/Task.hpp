@@ -13,7 +13,7 @@
 #include <optional>
 #include <utility>
 
-#include "LanternmoorPro/platform/Platform.hpp"
+#include "LanternmoorPro/platform/MainThread.hpp"
 
 namespace lm::platform {
 

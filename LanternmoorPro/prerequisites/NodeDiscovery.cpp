@@ -3,6 +3,7 @@
 #include <set>
 
 #include "LanternmoorPro/Launcher.hpp"
+#include "LanternmoorPro/platform/Text.hpp"
 
 namespace lm {
 
@@ -34,13 +35,6 @@ bool isValidUtf8(std::string_view text) {
     return true;
 }
 
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view blanks = " \t\n\r\v\f";
-    auto first = text.find_first_not_of(blanks);
-    if (first == std::string_view::npos) return {};
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
-
 std::optional<std::int64_t> decimal(std::string_view piece) {
     // One sign at most: "+" is allowed as well as "-", but not both.
     if (!piece.empty() && piece.front() == '+') {
@@ -67,7 +61,7 @@ std::vector<std::string> searchPathEntries(std::string_view searchPath) {
 }
 
 std::vector<std::int64_t> versionNumbers(std::string_view output) {
-    std::string text(isValidUtf8(output) ? trimmed(output) : std::string_view());
+    std::string text(isValidUtf8(output) ? platform::trimmed(output) : std::string_view());
     std::erase(text, 'v');
     std::vector<std::int64_t> numbers;
     std::size_t start = 0;
@@ -110,17 +104,19 @@ Task<bool> LanternmoorLauncher::supportedNode(std::string candidate) {
 
     // Exactly one of the two paths resumes us: the failed start, or the end of the process,
     // which the time limit forces when the candidate never ends by itself.
+    std::optional<platform::MainThread::TimerId> limit;
     auto probe = platform::completionOf<bool>(mainThread, [&](std::function<void(bool)> done) {
         process->setTerminationHandler([done](std::int32_t) { done(true); });
         if (auto failure = process->start()) {
             process->setTerminationHandler({});
             return done(false);
         }
-        mainThread.postAfter(versionProbeLimit, [weak = std::weak_ptr(process)] {
+        limit = mainThread.postAfter(versionProbeLimit, [weak = std::weak_ptr(process)] {
             if (auto hung = weak.lock(); hung && hung->isRunning()) hung->kill();
         });
     });
     const bool ended = co_await probe;
+    if (limit) mainThread.cancel(*limit);
     if (!ended || process->terminationStatus() != 0) co_return false;
     auto output = process->capturedOutput();
     if (output.size() > platform::ChildProcess::capturedOutputLimit) co_return false;

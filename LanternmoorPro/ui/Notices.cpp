@@ -25,7 +25,7 @@ void LanternmoorLauncher::showPrerequisite(std::string title, std::string messag
                           {std::string(texts::buttonViewGuide), std::string(texts::buttonQuit)}};
     platform_.application.activateIgnoringOtherApps();
     // The guide opens before termination begins, so it is not lost with the launcher.
-    if (platform_.alerts.runModal(alert) == platform::Alerts::firstButton) openGuide();
+    if (platform_.alerts.runModal(alert) == 0) openGuide();
     platform_.application.terminate();
 }
 

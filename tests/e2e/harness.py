@@ -1,5 +1,5 @@
 # The built launcher in sandboxes (HOME, PATH, a recording browser) whose path finds what it left running.
-import contextlib, json, os, shutil, signal, socket, subprocess, tempfile, time, unittest, urllib.request
+import contextlib, json, os, re, shutil, signal, socket, subprocess, tempfile, time, unittest, urllib.request
 from pathlib import Path
 
 URL = "http://127.0.0.1:18765/"
@@ -123,3 +123,44 @@ class Case(unittest.TestCase):
     def assert_ended(self, launcher, box, status=0):
         self.assertEqual(launcher.wait(10), status, read(launcher.out))
         self.assertTrue(wait_until(lambda: not leftovers(box.root), 5), f"still running: {leftovers(box.root)}")
+
+
+class OnXDisplay(Case):  # a test on an Xvfb of its own, with or without the trayer tray host
+    def start_display(self, tray=None):  # tray: the panel's colour; none: no tray host at all
+        read_end, write_end = os.pipe()
+        quiet = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
+        self.servers = getattr(self, "servers", []) + [subprocess.Popen(
+            ["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1024x600x24", "-nolisten", "tcp"], pass_fds=[write_end], **quiet)]
+        os.close(write_end)
+        self.screen = ":" + os.fdopen(read_end).readline().strip()
+        if tray:
+            self.servers.append(subprocess.Popen(["trayer", "--edge", "top", "--align", "right", "--widthtype", "request", "--height",
+                                                  "32", "--transparent", "true", "--alpha", "0", "--tint", "0x" + tray],
+                                                 env=dict(os.environ, DISPLAY=self.screen), **quiet))
+            self.panel = wait_until(lambda: self.xdotool("search", "--classname", "^panel$"), 10)[0]
+        return self.servers[0 if not tray else -2]
+
+    def retire(self):
+        super().retire()
+        for server in getattr(self, "servers", []):
+            server.kill(), server.wait()
+        self.servers = []
+
+    def xdotool(self, *arguments):
+        return subprocess.run(["xdotool", *map(str, arguments)], env=dict(os.environ, DISPLAY=self.screen), capture_output=True,
+                              text=True).stdout.split()
+
+    def geometry(self, window):
+        return {key: int(value) for key, value in re.findall(r"(\w+)=(\d+)", " ".join(self.xdotool("getwindowgeometry", "--shell", window)))}
+
+    def window(self, name, timeout=10):
+        found = wait_until(lambda: self.xdotool("search", "--onlyvisible", "--name", name), timeout)
+        self.assertTrue(found, f"no window {name!r}")
+        return found[0]
+
+    def close(self, window):  # the close request a window manager would send
+        from Xlib import X, display, protocol  # Debian's Python has it; the benchmarks' need not
+        screen = display.Display(self.screen)
+        target, request = screen.create_resource_object("window", int(window)), [screen.intern_atom("WM_DELETE_WINDOW"), X.CurrentTime, 0, 0, 0]
+        target.send_event(protocol.event.ClientMessage(window=target, client_type=screen.intern_atom("WM_PROTOCOLS"), data=(32, request)))
+        screen.flush()

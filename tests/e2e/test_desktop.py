@@ -1,7 +1,6 @@
 # The desktop surface as users meet it, on an Xvfb of its own, with the trayer tray host and without.
-import os, re, signal, subprocess
-from Xlib import X, display, protocol
-from harness import URL, Case, alive, health_pid, read, wait_until
+import re, signal, subprocess
+from harness import URL, OnXDisplay, alive, health_pid, read, wait_until
 
 
 def luminance(*channels):  # relative luminance, as contrast ratios use it
@@ -9,45 +8,7 @@ def luminance(*channels):  # relative luminance, as contrast ratios use it
     return 0.2126 * linear[0] + 0.7152 * linear[1] + 0.0722 * linear[2]
 
 
-class Desktop(Case):
-    def start_display(self, tray=None):  # tray: the panel's colour; none: no tray host at all
-        read_end, write_end = os.pipe()
-        quiet = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
-        self.servers = getattr(self, "servers", []) + [subprocess.Popen(
-            ["Xvfb", "-displayfd", str(write_end), "-screen", "0", "1024x600x24", "-nolisten", "tcp"], pass_fds=[write_end], **quiet)]
-        os.close(write_end)
-        self.screen = ":" + os.fdopen(read_end).readline().strip()
-        if tray:
-            self.servers.append(subprocess.Popen(["trayer", "--edge", "top", "--align", "right", "--widthtype", "request", "--height",
-                                                  "32", "--transparent", "true", "--alpha", "0", "--tint", "0x" + tray],
-                                                 env=dict(os.environ, DISPLAY=self.screen), **quiet))
-            self.panel = wait_until(lambda: self.xdotool("search", "--classname", "^panel$"), 10)[0]
-        return self.servers[0 if not tray else -2]
-
-    def retire(self):
-        super().retire()
-        for server in getattr(self, "servers", []):
-            server.kill(), server.wait()
-        self.servers = []
-
-    def xdotool(self, *arguments):
-        return subprocess.run(["xdotool", *map(str, arguments)], env=dict(os.environ, DISPLAY=self.screen), capture_output=True,
-                              text=True).stdout.split()
-
-    def geometry(self, window):
-        return {key: int(value) for key, value in re.findall(r"(\w+)=(\d+)", " ".join(self.xdotool("getwindowgeometry", "--shell", window)))}
-
-    def window(self, name, timeout=10):
-        found = wait_until(lambda: self.xdotool("search", "--onlyvisible", "--name", name), timeout)
-        self.assertTrue(found, f"no window {name!r}")
-        return found[0]
-
-    def close(self, window):  # the close request a window manager would send
-        screen = display.Display(self.screen)
-        target, request = screen.create_resource_object("window", int(window)), [screen.intern_atom("WM_DELETE_WINDOW"), X.CurrentTime, 0, 0, 0]
-        target.send_event(protocol.event.ClientMessage(window=target, client_type=screen.intern_atom("WM_PROTOCOLS"), data=(32, request)))
-        screen.flush()
-
+class Desktop(OnXDisplay):
     def test_without_a_tray_a_window_carries_the_menu_and_closing_it_quits(self):
         self.start_display()
         box = self.sandbox()
@@ -71,7 +32,7 @@ class Desktop(Case):
                                          capture_output=True, text=True).stdout
                 background = luminance(*bytes.fromhex(panel))
                 ratio = max((max(l, background) + 0.05) / (min(l, background) + 0.05)
-                            for l in (luminance(*map(int, pixel)) for pixel in re.findall(r"\((\d+),(\d+),(\d+)", picture)))
+                            for l in (luminance(*map(int, pixel)) for pixel in re.findall(r"srgb\((\d+),(\d+),(\d+)\)", picture)))
                 self.assertGreater(ratio, 7, f"the icon's best contrast on #{panel} is only {ratio:.1f}")
                 for key in ("ctrl+o", "ctrl+q"):  # the menu holds the keyboard; an icon just docked may miss a click
                     self.assertTrue(wait_until(lambda: self.xdotool("mousemove", x + 12, 16, "click", 1) or any(

@@ -59,7 +59,9 @@ class Terminal(Case):
                 winner.expect(STARTING, RUNNING, OPENED)
                 self.assertEqual((loser.wait(), loser.lines(), winner.poll()), (0, [STARTING, OPENED], None))
                 log, pid = read(box.log), health_pid()
-                self.assertEqual(len(re.findall(STAMP, log)), 2, log)
+                # Started a moment later on a busy machine, the loser finds the winner's service already
+                # answering and hands over without launching: one stamp then, else two.
+                self.assertIn(len(re.findall(STAMP, log)), (1, 2), log)
                 self.assertRegex(log, f"\\] workspace service starting \\(pid {pid}\\)\n(.*\n)*.*listening on {URL}\n")
                 # The other service may have been stopped before it printed anything; it is gone.
                 self.assertFalse(any(alive(other) for other in re.findall(r"starting \(pid (\d+)\)", log) if int(other) != pid))

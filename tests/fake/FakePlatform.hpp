@@ -23,7 +23,8 @@ struct World {
     std::vector<std::string> journal;
     Time start = std::chrono::sys_days{std::chrono::November / 23 / 2026}, clock = start;
     std::deque<std::function<void()>> ready;
-    std::multimap<Time, std::function<void()>> timers;
+    std::multimap<Time, std::pair<MainThread::TimerId, std::function<void()>>> timers;
+    MainThread::TimerId lastTimer = 0;
     bool onMainThread = false;
     std::map<std::string, std::pair<unsigned, std::string>> files;  // path: mode and content
 
@@ -31,7 +32,10 @@ struct World {
         const auto ms = (clock - start) / 1ms;
         journal.push_back(std::to_string(ms / 1000) + "." + std::to_string(1000 + ms % 1000).substr(1) + " " + what);
     }
-    void after(std::chrono::nanoseconds delay, std::function<void()> task) { timers.emplace(clock + delay, std::move(task)); }
+    MainThread::TimerId after(std::chrono::nanoseconds delay, std::function<void()> task) {
+        // Rounded up to the clock's own tick (a microsecond with libc++): never early.
+        return timers.emplace(clock + std::chrono::ceil<Time::duration>(delay), std::pair(++lastTimer, std::move(task)))->second.first;
+    }
     // Runs what is due, moving the clock on to the next timer whenever nothing else is left.
     void runUntilIdle() {
         for (;;) {
@@ -43,7 +47,7 @@ struct World {
             }
             if (timers.empty()) return;
             clock = std::max(clock, timers.begin()->first);
-            ready.push_back(std::move(timers.begin()->second));
+            ready.push_back(std::move(timers.begin()->second.second));
             timers.erase(timers.begin());
         }
     }
@@ -97,19 +101,18 @@ struct Child final : ChildProcess, std::enable_shared_from_this<Child> {
     bool started = false, running = false;
 };
 
-// Only the open entry changes once it is in the menu; what the entries do, the real menus show.
+// Entries start enabled, as real ones do; every change is journaled. What the entries do, the real
+// menus show.
 struct Item final : MenuItem {
     Item(World& world, std::string title) : world(world), title(std::move(title)) {}
     void setTarget(std::weak_ptr<MenuTarget>) override {}
     void setEnabled(bool value) override {
-        if (inMenu && value != enabled) world.note((value ? "enable " : "disable ") + title);
-        enabled = value;
+        if (value != std::exchange(enabled, value)) world.note((value ? "enable " : "disable ") + title);
     }
-    bool isEnabled() const override { return enabled; }
 
     World& world;
     std::string title;
-    bool enabled = true, inMenu = false;
+    bool enabled = true;
 };
 
 struct Handle final : FileHandle {
@@ -130,9 +133,9 @@ struct Fake : World, MainThread, ApplicationBase, Processes, FileSystem, Http, J
 
     // ---- the main thread and the application ----
     void post(std::function<void()> task) override { ready.push_back(std::move(task)); }
-    void postAfter(std::chrono::nanoseconds delay, std::function<void()> task) override { after(delay, std::move(task)); }
+    TimerId postAfter(std::chrono::nanoseconds delay, std::function<void()> task) override { return after(delay, std::move(task)); }
+    void cancel(TimerId timer) override { std::erase_if(timers, [timer](const auto& entry) { return entry.second.first == timer; }); }
     Time now() const override { return clock; }
-    void setActivationPolicy(ActivationPolicy) override {}
     int run() override { return finishLaunching(), 0; }
     void terminate() override { note("terminate"), ApplicationBase::terminate(); }
     void replyToApplicationShouldTerminate(bool yes) override {
@@ -149,7 +152,7 @@ struct Fake : World, MainThread, ApplicationBase, Processes, FileSystem, Http, J
         const auto& arguments = configuration.arguments;
         auto found = scripts.find(configuration.executable + (arguments.empty() ? "" : " " + arguments.front()));
         if (found == scripts.end()) found = scripts.find(configuration.executable);
-        auto script = found != scripts.end() ? found->second : Script{.startError = Error{"POSIX", 2, "没有这个程序。"}};
+        auto script = found != scripts.end() ? found->second : Script{.startError = Error{"POSIX", 2, "没有这个程序。", "posix_spawn", 2}};
         return children.emplace_back(std::make_shared<Child>(*this, std::move(configuration), script, 4000 + std::ssize(children)));
     }
 
@@ -201,27 +204,23 @@ struct Fake : World, MainThread, ApplicationBase, Processes, FileSystem, Http, J
 
     // ---- the user's surface ----
     bool opens = true, hasButton = true;
-    int answer = 0;  // the button pressed, from 0
+    std::size_t answer = 0;  // the button pressed, from 0
     std::vector<Alert> shown;
     std::function<void()> whileShown;  // runs while the alert is up, as events would
     bool open(const std::string& url) override { return note("open " + url), opens; }
-    int runModal(const Alert& alert) override {
+    std::size_t runModal(const Alert& alert) override {
         shown.push_back(alert), note("alert " + alert.title);
         if (auto during = std::exchange(whileShown, nullptr)) during();
-        return firstButton + answer;
+        return answer;
     }
-    std::shared_ptr<StatusItem> statusItem(double) override { return {std::shared_ptr<void>(), this}; }
-    std::shared_ptr<Menu> makeMenu() override { return {std::shared_ptr<void>(), this}; }
+    std::shared_ptr<StatusItem> statusItem() override { return {std::shared_ptr<void>(), this}; }
     StatusButton* button() override { return hasButton ? this : nullptr; }
-    void setMenu(std::shared_ptr<Menu>) override { note("menu"); }
-    std::shared_ptr<MenuItem> makeItem(std::string title, std::optional<MenuAction>, std::string) override {
+    Menu& menu() override { return note("menu"), *this; }
+    std::shared_ptr<MenuItem> addItem(std::string title, std::optional<MenuAction>, std::string) override {
         return std::make_shared<Item>(*this, std::move(title));
     }
-    void addItem(std::shared_ptr<MenuItem> item) override { std::static_pointer_cast<Item>(item)->inMenu = true; }
     void addSeparator() override {}
-    void setAutoenablesItems(bool) override {}
     void setTitle(std::string) override {}
-    void setFont(Font) override {}
     void setToolTip(std::string value) override { note("tooltip " + value); }
     void setAccessibilityLabel(std::string) override {}
 
@@ -230,7 +229,7 @@ struct Fake : World, MainThread, ApplicationBase, Processes, FileSystem, Http, J
     std::optional<std::string> resources = "/opt/lm/share/lanternmoor-pro";
     std::vector<std::string> applicationSupport{"/home/ada/.local/share"};
     std::optional<std::string> variable(const std::string& name) const override {
-        auto found = std::ranges::find(variables, name, &EnvironmentVariables::value_type::first);
+        auto found = std::find_if(variables.begin(), variables.end(), [&](const auto& entry) { return entry.first == name; });
         return found == variables.end() ? std::nullopt : std::optional(found->second);
     }
     EnvironmentVariables all() const override { return variables; }

@@ -17,6 +17,7 @@ struct Reply {
     std::optional<std::int64_t> pid = std::nullopt;
     std::chrono::milliseconds pace = 0ms, atLeast = 0ms;  // a byte at a time, this far apart
     bool closes = false;  // the peer closes once it has sent its answer; else it waits for the probe to
+    friend std::ostream& operator<<(std::ostream& out, const Reply& row) { return out << row.name; }
 };
 
 class HealthProbe : public ::testing::TestWithParam<Reply> {};

@@ -5,6 +5,10 @@
 #include "LanternmoorPro/platform/posix/PosixProcesses.hpp"
 #include "integration/Support.hpp"
 
+namespace lm::platform::posix {
+void PrintTo(ExitWatch watch, std::ostream* out) { *out << (watch == ExitWatch::automatic ? "pidfd" : "portable"); }
+}  // namespace lm::platform::posix
+
 namespace lm::testing {
 
 using platform::Stream;
@@ -96,12 +100,16 @@ TEST_P(ChildProcesses, GetExactlyWhatTheyWereGiven) {
     // Fifty megabytes fill the pipe unless it is read while the child runs; one byte over the limit is kept.
     EXPECT_EQ(outputOf(script("yes 0123456789 | head -c 52428800")).size(), platform::ChildProcess::capturedOutputLimit + 1);
 
-    platform::posix::PosixFileSystem files;
-    ASSERT_FALSE(files.createFile(folder / "log", 0600));
-    auto shared = script("echo one; echo two >&2; echo three");
-    shared.standardOutput = shared.standardError = Stream::toFile(files.openForWriting(folder / "log").release());
-    EXPECT_EQ(outputOf(shared), "");
-    EXPECT_EQ(readFile(folder / "log"), "one\ntwo\nthree\n");
+    // Both streams share one file, appended to, in the order written; a missing one is made owner-only.
+    writeFile(folder / "log", "kept\n");
+    for (const auto& log : {folder / "log", folder / "new log"}) {
+        auto shared = script("echo one; echo two >&2; echo three");
+        shared.standardOutput = Stream::appendingTo(log);
+        shared.standardError = Stream::sameAsOutput();
+        EXPECT_EQ(outputOf(shared), "");
+    }
+    EXPECT_EQ(std::tuple(readFile(folder / "log"), readFile(folder / "new log"), std::filesystem::status(folder / "new log").permissions()),
+              std::tuple("kept\none\ntwo\nthree\n", "one\ntwo\nthree\n", std::filesystem::perms::owner_read | std::filesystem::perms::owner_write));
 
     ::setenv("LM_INHERITED_MARK", "ours", 1);
     auto previousHangUp = ::signal(SIGHUP, SIG_IGN);
@@ -121,10 +129,9 @@ TEST_P(ChildProcesses, GetExactlyWhatTheyWereGiven) {
 }
 
 TEST_P(ChildProcesses, ThatCannotStartFailNamingTheProgramAndAreNeverReported) {
-    auto closed = std::make_shared<platform::posix::PosixFileHandle>(-1, folder / "closed");
     for (const auto& [executable, workingDirectory, output, error] : std::vector<std::tuple<std::string, std::string, Stream, int>>{
              {folder / "missing", "/", Stream::pipe(), ENOENT}, {writeFile(folder / "plain", ""), "/", Stream::pipe(), EACCES},
-             {"/bin/true", folder / "nowhere", Stream::pipe(), ENOENT}, {"/bin/true", "/", Stream::toFile(closed), EBADF}}) {
+             {"/bin/true", folder / "nowhere", Stream::pipe(), ENOENT}, {"/bin/true", "/", Stream::appendingTo(folder.path), EISDIR}}) {
         platform::ProcessConfiguration configuration{executable, false, {}, workingDirectory, {}, {}, output};
         auto failure = processes->create(configuration)->start();
         ASSERT_TRUE(failure);
@@ -135,6 +142,6 @@ TEST_P(ChildProcesses, ThatCannotStartFailNamingTheProgramAndAreNeverReported) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Watch, ChildProcesses, ::testing::Values(ExitWatch::automatic, ExitWatch::portable),
-                         [](const auto& info) { return info.param == ExitWatch::automatic ? "pidfd" : "portable"; });
+                         [](const auto& info) { return ::testing::PrintToString(info.param); });
 
 }  // namespace lm::testing

@@ -3,6 +3,7 @@
 #include "LanternmoorPro/platform/terminal/TerminalAlerts.hpp"
 #include "LanternmoorPro/platform/terminal/TerminalOpener.hpp"
 #include "LanternmoorPro/platform/terminal/TerminalStatusBar.hpp"
+#include "LanternmoorPro/platform/posix/PosixFileSystem.hpp"
 #include "LanternmoorPro/platform/posix/PosixProcesses.hpp"
 #include "integration/Support.hpp"
 
@@ -31,7 +32,7 @@ const platform::Alert failure{platform::AlertStyle::warning, "工作区暂时不
 
 TEST(TerminalAlerts, PrintTheAlertAndTakeTheButtonTypedAskingAgainAfterAnythingElse) {
     // Rows: the alert, what is typed, whether the input ends then, the button, how often it asks again.
-    for (const auto& [alert, typed, ends, button, asked] : std::vector<std::tuple<platform::Alert, std::string, bool, int, int>>{
+    for (const auto& [alert, typed, ends, button, asked] : std::vector<std::tuple<platform::Alert, std::string, bool, std::size_t, int>>{
              {prerequisite, " 2 \r\n", false, 1, 0}, {prerequisite, "\n", false, 0, 0}, {prerequisite, "", true, 1, 0},
              {prerequisite, "ja\n0\n3\n1\n", false, 0, 3}, {prerequisite, "1", true, 0, 0}, {failure, "", true, 0, 0},
              {failure, "2\n1\n", false, 0, 1},
@@ -39,9 +40,9 @@ TEST(TerminalAlerts, PrintTheAlertAndTakeTheButtonTypedAskingAgainAfterAnythingE
         Terminal terminal;
         terminal.type(typed);
         if (ends) ::close(std::exchange(terminal.keyboard[1], -1));
-        EXPECT_EQ(TerminalAlerts(terminal.input, terminal.output).runModal(alert), platform::Alerts::firstButton + button) << typed;
+        EXPECT_EQ(TerminalAlerts(terminal.input, terminal.output).runModal(alert), button) << typed;
         const auto printed = terminal.printed(), shown = alert.title + "\n" + alert.message + "\n" + buttonLine(alert.buttons) + "\n";
-        EXPECT_EQ(std::tuple(printed.substr(0, shown.size()), std::ranges::count(printed.substr(std::min(printed.size(), shown.size())), '\n')),
+        EXPECT_EQ(std::tuple(printed.substr(0, shown.size()), std::count(printed.begin() + std::min(printed.size(), shown.size()), printed.end(), '\n')),
                   std::tuple(shown, asked));
     }
 }
@@ -72,11 +73,36 @@ TEST(TerminalMenu, TypedLinesPickTheLaunchersEnabledEntries) {
     EXPECT_EQ(typed(" q "), "terminate; ended; ");
 }
 
-// The convention other programs follow for $BROWSER; that the first command which starts wins, the
-// end-to-end tests show, whose browser setting begins with a program that does not exist.
+// The convention other programs follow for $BROWSER, word by word.
 TEST(TerminalOpener, ReadsTheBrowserSettingAsAListOfCommands) {
-    EXPECT_EQ(browserCommands("firefox --new-tab:/b/open %s 100%%: ::", "http://h/"),
-              (std::vector<Strings>{{"firefox", "--new-tab", "http://h/"}, {"/b/open", "http://h/", "100%"}}));
+    const auto isExecutable = [](const std::string& path) { return path == "/opt/a b/browser"; };
+    EXPECT_EQ(browserCommands("firefox --new-tab:/b/open %s 100%%: :/opt/a b/browser:/opt/a b/browser %s", "http://h/", isExecutable),
+              (std::vector<Strings>{{"firefox", "--new-tab", "http://h/"}, {"/b/open", "http://h/", "100%"}, {"/opt/a b/browser", "http://h/"},
+                                    {"/opt/a", "b/browser", "http://h/"}}));
+}
+
+// On real processes: the first command that starts wins, and opening fails only when none does.
+TEST(TerminalOpener, StartsTheFirstBrowserCommandThatStartsAndFailsWhenNoneDoes) {
+    TemporaryFolder folder;
+    const auto browser = writeFile(folder / "a b/browser", "#!/bin/sh\necho \"$@\" > \"$0.opened\"\n", 0755);
+    const std::string url = "http://127.0.0.1:18765/";
+    // Rows: the setting, whether opening succeeds, and the arguments the browser got.
+    for (const auto& [setting, opens, arguments] : std::vector<std::tuple<std::string, bool, std::string>>{
+             {browser, true, url},                                            // a path with a blank, as it stands
+             {folder / "missing --new-tab:" + browser + ":/bin/false", true, url},  // the first that starts
+             {browser + " --new-tab", false, ""},                             // not a file as it stands: split at the blank
+             {"/missing/one:/missing/two %s", false, ""},
+             {"", true, ""}}) {                                               // no browser: the address is printed only
+        SCOPED_TRACE(setting);
+        std::filesystem::remove(browser + ".opened");
+        Terminal terminal;
+        platform::posix::PosixProcesses processes;
+        platform::posix::PosixFileSystem files;
+        EXPECT_EQ(TerminalOpener(terminal.output, processes, files, setting).open(url), opens);
+        EXPECT_EQ(terminal.printed(), "→ " + url + "\n");
+        const auto given = arguments + "\n";
+        EXPECT_TRUE(arguments.empty() || serveEventsUntil([&] { return readFile(browser + ".opened") == given; }));
+    }
 }
 
 }  // namespace lm::testing

@@ -48,6 +48,15 @@ TEST(NodeSearch, RejectsWhatIsNoExecutableFailsHangsOrSaysTooMuch) {
                            "5.000 exit 4003 0");
 }
 
+// The version probe's time limit goes with the probe: an idle launcher is never woken for it.
+TEST(NodeSearch, LeavesNoTimerBehindOnceTheStartHasSettled) {
+    Harness h;
+    h.serviceAnswersAfter(0);
+    h.launch();
+    EXPECT_TRUE(h.launcher->ready);
+    EXPECT_EQ(h.fake.clock - h.fake.start, 20ms) << "the clock had to run on to a timer left behind";
+}
+
 TEST(CodexSearch, TakesTheFirstExecutableInItsFixedOrderThenTheSearchPathAsBuilt) {
     const std::string chatgpt = "/Applications/ChatGPT.app/Contents/Resources/codex-cli/CodexCLI.app/Contents/MacOS/codex";
     const std::string desktop = "/Applications/Codex.app/Contents/Resources/codex";
@@ -76,7 +85,9 @@ TEST(ServiceLaunch, StartsNodeOnTheShippedScriptWithItsWholeContract) {
     EXPECT_EQ(service.arguments, (Strings{"--experimental-strip-types", "/opt/lm/share/lanternmoor-pro/app/server.mjs"}));
     EXPECT_EQ(service.workingDirectory, "/opt/lm/share/lanternmoor-pro/app");
     EXPECT_EQ(service.standardInput.kind, platform::Stream::Kind::nullDevice);
-    EXPECT_TRUE(service.standardOutput.file && service.standardError.file == h.launcher->logHandle && !service.outlivesLauncher);
+    EXPECT_EQ(std::tuple(service.standardOutput.kind, service.standardOutput.path, service.standardError.kind, service.outlivesLauncher),
+              std::tuple(platform::Stream::Kind::appendToFile, "/home/ada/.local/share/Lanternmoor Pro/server.log",
+                         platform::Stream::Kind::sameAsOutput, false));
     EXPECT_EQ(std::map(service.environment->begin(), service.environment->end()),
               (std::map<std::string, std::string>{{"LANG", "C.UTF-8"}, {"LANTERNMOOR_APP_DIR", "/opt/lm/share/lanternmoor-pro/app"},
                                                   {"LANTERNMOOR_DATA_DIR", "/home/ada/.local/share/Lanternmoor Pro"}, {"LANTERNMOOR_PORT", "18765"},

@@ -8,7 +8,8 @@ namespace lm::test {
 
 const std::string url = "http://127.0.0.1:18765/", probe = " probe http://127.0.0.1:18765/api/health";
 const std::string guide = "file:///opt/lm/share/lanternmoor-pro/%E5%AE%89%E8%A3%85%E4%B8%8E%E4%BD%BF%E7%94%A8.html";
-const std::string begun = "0.000 tooltip Lanternmoor Pro · 正在启动; 0.000 menu";
+const std::string menu = "0.000 menu; 0.000 disable Lanternmoor Pro · 本机工作区; 0.000 disable 打开研究工作区";
+const std::string begun = "0.000 tooltip Lanternmoor Pro · 正在启动; " + menu;
 const std::string checked = begun + "; 0.000 port check 18765";
 // Node.js answers in 20 ms, then the service (pid 4001) is launched.
 const std::string launched = checked + "; 0.000 start /usr/bin/node --version; 0.020 exit 4000 0; 0.020 start /usr/bin/node --experimental-strip-types";
@@ -20,7 +21,10 @@ void serviceEnds(Harness& h) { h.fake.children.at(1)->exit(1); }
 
 const auto byName = [](const auto& info) { return std::string(info.param.name); };
 // Rows of the menu's own doings start with it installed and nothing launched, and journal the probes.
-std::vector<Scenario> fromTheMenu(std::vector<Scenario> rows) { return std::ranges::for_each(rows, [](auto& row) { row.launches = false; }), rows; }
+std::vector<Scenario> fromTheMenu(std::vector<Scenario> rows) {
+    for (auto& row : rows) row.launches = false;
+    return rows;
+}
 
 class Launch : public testing::TestWithParam<Scenario> {};
 
@@ -90,7 +94,7 @@ INSTANTIATE_TEST_SUITE_P(Start, Launch, testing::Values(
              },
              launched + "; 0.030 exit 4001 0; 0.120 port check 18765; 0.220 open " + url + "; 0.220 terminate; 0.220 close server.log; 0.220 ended | holds the log"},
     Scenario{"AStatusItemWithoutAButton", [](Harness& h) { h.fake.hasButton = false, h.serviceAnswersAfter(0); },
-             "0.000 menu; 0.000 port check 18765; 0.000 start /usr/bin/node --version; 0.020 exit 4000 0; 0.020 start /usr/bin/node "
+             menu + "; 0.000 port check 18765; 0.000 start /usr/bin/node --version; 0.020 exit 4000 0; 0.020 start /usr/bin/node "
              "--experimental-strip-types; 0.020 enable 打开研究工作区; 0.020 open " + url + holding}), byName);
 
 INSTANTIATE_TEST_SUITE_P(End, Launch, testing::Values(

@@ -8,15 +8,12 @@
 #include <string_view>
 #include <system_error>
 
+#include "LanternmoorPro/platform/Text.hpp"
+
 extern char** environ;
 
 namespace lm::platform::posix {
 namespace {
-
-std::string withoutTrailingSlash(std::string path) {
-    while (path.size() > 1 && path.back() == '/') path.pop_back();
-    return path;
-}
 
 std::string passwordDatabaseHome() {
     const auto* entry = ::getpwuid(::getuid());
@@ -51,7 +48,7 @@ std::optional<std::string> PosixFolders::resourcesFolder() const {
 #else
     const auto relative = std::filesystem::path("..") / "share" / "lanternmoor-pro";
 #endif
-    return withoutTrailingSlash((std::filesystem::path(programFolder_) / relative).lexically_normal().string());
+    return withoutTrailingSlashes((std::filesystem::path(programFolder_) / relative).lexically_normal().string());
 }
 
 std::vector<std::string> PosixFolders::applicationSupportFolders() const {
@@ -60,7 +57,7 @@ std::vector<std::string> PosixFolders::applicationSupportFolders() const {
 #else
     // A relative XDG_DATA_HOME is invalid by the XDG rules and is ignored, as they ask.
     auto dataHome = environment_.variable("XDG_DATA_HOME");
-    if (dataHome && dataHome->starts_with('/')) return {withoutTrailingSlash(*dataHome)};
+    if (dataHome && dataHome->starts_with('/')) return {withoutTrailingSlashes(*dataHome)};
     auto home = homeFolder();
     return {(home == "/" ? std::string() : home) + "/.local/share"};
 #endif
@@ -68,8 +65,8 @@ std::vector<std::string> PosixFolders::applicationSupportFolders() const {
 
 std::string PosixFolders::homeFolder() const {
     auto home = environment_.variable("HOME");
-    if (home && !home->empty()) return withoutTrailingSlash(*home);
-    return withoutTrailingSlash(passwordDatabaseHome());
+    if (home && !home->empty()) return withoutTrailingSlashes(*home);
+    return withoutTrailingSlashes(passwordDatabaseHome());
 }
 
 }  // namespace lm::platform::posix

@@ -5,7 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "LanternmoorPro/platform/Platform.hpp"
+#include "LanternmoorPro/platform/Files.hpp"
+#include "LanternmoorPro/platform/Processes.hpp"
 
 namespace lm::platform::posix {
 

@@ -7,29 +7,15 @@
 #include <cerrno>
 #include <utility>
 
-#include "LanternmoorPro/platform/posix/System.hpp"
 
 namespace lm::platform::posix {
 
-PosixFileHandle::PosixFileHandle(int descriptor, std::string path) : descriptor_(descriptor), path_(std::move(path)) {}
-
-PosixFileHandle::~PosixFileHandle() { (void)close(); }
-
-Failure PosixFileHandle::write(std::string_view bytes) {
-    while (!bytes.empty()) {
-        auto written = retryingInterrupted([&] { return ::write(descriptor_, bytes.data(), bytes.size()); });
-        if (written < 0) return Error::fromSyscall("write", errno, path_);
-        bytes.remove_prefix(static_cast<std::size_t>(written));
-    }
-    return std::nullopt;
-}
+Failure PosixFileHandle::write(std::string_view bytes) { return writeAll(descriptor_.get(), bytes, path_); }
 
 Failure PosixFileHandle::close() {
-    if (descriptor_ < 0) return std::nullopt;
+    if (!descriptor_) return std::nullopt;
     // Linux releases the descriptor even when close reports EINTR, so it is never retried.
-    if (::close(std::exchange(descriptor_, -1)) != 0 && errno != EINTR) {
-        return Error::fromSyscall("close", errno, path_);
-    }
+    if (::close(descriptor_.release()) != 0 && errno != EINTR) return Error::fromSyscall("close", errno, path_);
     return std::nullopt;
 }
 
@@ -84,9 +70,9 @@ Failure PosixFileSystem::createFile(const std::string& path, unsigned mode) {
 
 Result<std::shared_ptr<FileHandle>> PosixFileSystem::openForWriting(const std::string& path) {
     // Appending: another launcher writing to the same log never lands on our bytes, nor we on its.
-    auto descriptor = ::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC);
-    if (descriptor < 0) return Error::fromSyscall("open", errno, path);
-    return std::shared_ptr<FileHandle>(std::make_shared<PosixFileHandle>(descriptor, path));
+    Descriptor descriptor(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+    if (!descriptor) return Error::fromSyscall("open", errno, path);
+    return std::shared_ptr<FileHandle>(std::make_shared<PosixFileHandle>(std::move(descriptor), path));
 }
 
 }  // namespace lm::platform::posix

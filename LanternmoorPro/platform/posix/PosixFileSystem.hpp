@@ -3,28 +3,23 @@
 
 #include <string>
 
-#include "LanternmoorPro/platform/Platform.hpp"
+#include "LanternmoorPro/platform/Files.hpp"
+#include "LanternmoorPro/platform/posix/System.hpp"
 
 namespace lm::platform::posix {
 
-// A file open for writing. Its descriptor is what a child process gets as an output stream,
-// so both streams given the same handle share one file position and land in write order.
+// A file open for appending.
 class PosixFileHandle final : public FileHandle {
 public:
-    PosixFileHandle(int descriptor, std::string path);
-    ~PosixFileHandle() override;
-    PosixFileHandle(const PosixFileHandle&) = delete;
-    PosixFileHandle& operator=(const PosixFileHandle&) = delete;
+    PosixFileHandle(Descriptor descriptor, std::string path)
+        : descriptor_(std::move(descriptor)), path_(std::move(path)) {}
 
     Failure write(std::string_view bytes) override;
     // Closes once; later calls do nothing and report nothing.
     Failure close() override;
 
-    // -1 once closed.
-    int descriptor() const { return descriptor_; }
-
 private:
-    int descriptor_;
+    Descriptor descriptor_;
     std::string path_;
 };
 

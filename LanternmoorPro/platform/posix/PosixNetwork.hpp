@@ -1,7 +1,7 @@
 // Real platform pieces on POSIX: they include nothing of the core but its platform interfaces.
 #pragma once
 
-#include "LanternmoorPro/platform/Platform.hpp"
+#include "LanternmoorPro/platform/Network.hpp"
 
 namespace lm::platform::posix {
 

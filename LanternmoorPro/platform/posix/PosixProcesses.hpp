@@ -3,32 +3,13 @@
 
 #include <memory>
 
-#include "LanternmoorPro/platform/Platform.hpp"
+#include "LanternmoorPro/platform/Processes.hpp"
+#include "LanternmoorPro/platform/posix/ExitWatch.hpp"
 
 namespace lm::platform::posix {
 
-namespace detail {
-struct Children;
-}
-
-// How the end of a child is noticed without polling.
-enum class ExitWatch {
-    // Through a pidfd where the system has them, else as `portable`.
-    automatic,
-    // A thread blocked in waitid() on that one child, which it does not reap.
-    portable,
-};
-
-// Children started with posix_spawn, each in a process group of its own, and watched by one
-// thread each: it reads a piped standard output while the child runs, reaps the child once it
-// ends and reports it. Until the watch has reaped a child, its identifier cannot be reused, so
-// signals go to it only before then. The watch outlives the process object, so a dropped child
-// is still reaped and reported.
-//
-// Output streams: inherited, the null device, a pipe (both output streams given a pipe share
-// one, read into capturedOutput) or a file handle of PosixFileSystem (both streams given the
-// same handle share its descriptor and so its file position). Nothing is ever written to a
-// child's input, so standard input given a pipe reads end of file like the null device.
+// Children started with posix_spawn (Spawn.hpp) and watched by a thread each (ExitWatch.hpp).
+// Signals reach a child only until its watch has reaped it, so a recycled identifier is never hit.
 class PosixProcesses final : public Processes {
 public:
     explicit PosixProcesses(ExitWatch watch = ExitWatch::automatic);
@@ -43,7 +24,7 @@ public:
     void stopAll();
 
 private:
-    std::shared_ptr<detail::Children> children_;
+    std::shared_ptr<Children> children_;
     ExitWatch watch_;
 };
 

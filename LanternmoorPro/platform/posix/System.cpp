@@ -20,8 +20,16 @@ Failure setNonBlocking(int descriptor) { return setFlag(descriptor, F_GETFL, F_S
 }  // namespace
 
 void Descriptor::reset() {
-    // Linux releases the descriptor even when close reports EINTR, so it is never retried.
     if (descriptor_ >= 0) ::close(std::exchange(descriptor_, -1));
+}
+
+Failure writeAll(int descriptor, std::string_view bytes, const std::string& subject) {
+    while (!bytes.empty()) {
+        const auto written = retryingInterrupted([&] { return ::write(descriptor, bytes.data(), bytes.size()); });
+        if (written < 0) return Error::fromSyscall("write", errno, subject);
+        bytes.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return std::nullopt;
 }
 
 Result<Pipe> makePipe(NonBlocking nonBlocking) {

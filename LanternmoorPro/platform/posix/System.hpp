@@ -3,6 +3,8 @@
 #pragma once
 
 #include <cerrno>
+#include <string>
+#include <string_view>
 #include <utility>
 
 #include "LanternmoorPro/platform/Error.hpp"
@@ -29,12 +31,15 @@ public:
     int get() const { return descriptor_; }
     explicit operator bool() const { return descriptor_ >= 0; }
     void reset();
+    // Hands the descriptor over, unclosed; this one holds none then.
+    int release() { return std::exchange(descriptor_, -1); }
 
 private:
     int descriptor_ = -1;
 };
 
-// Calls `call` again for as long as a signal interrupts it.
+// Calls `call` again for as long as a signal interrupts it. Every system call that can be
+// interrupted goes through here, but close: Linux releases the descriptor even then.
 template <typename Call>
 auto retryingInterrupted(Call call) {
     decltype(call()) result;
@@ -43,6 +48,9 @@ auto retryingInterrupted(Call call) {
     } while (result < 0 && errno == EINTR);
     return result;
 }
+
+// Writes all of `bytes`, however many writes that takes. `subject` names the file in the error.
+Failure writeAll(int descriptor, std::string_view bytes, const std::string& subject);
 
 struct Pipe {
     Descriptor readEnd;

@@ -13,17 +13,12 @@ namespace {
 constexpr int minimumWidth = 460;
 
 QMessageBox::Icon icon(AlertStyle style) {
-    switch (style) {
-    case AlertStyle::informational: return QMessageBox::Information;
-    case AlertStyle::critical: return QMessageBox::Critical;
-    case AlertStyle::warning: break;
-    }
-    return QMessageBox::Warning;
+    return style == AlertStyle::informational ? QMessageBox::Information : QMessageBox::Warning;
 }
 
 }  // namespace
 
-int QtAlerts::runModal(const Alert& alert) {
+std::size_t QtAlerts::runModal(const Alert& alert) {
     QMessageBox box;
     box.setIcon(icon(alert.style));
     box.setWindowTitle(QString::fromStdString(alert.title));
@@ -51,9 +46,8 @@ int QtAlerts::runModal(const Alert& alert) {
     box.exec();
     const auto clicked = std::find(buttons.begin(), buttons.end(), box.clickedButton());
     // Anything but a click on one of ours (the loop ended under it, say) is the last button.
-    const auto index = clicked != buttons.end() ? clicked - buttons.begin()
-                                                : std::max<std::ptrdiff_t>(std::ssize(buttons) - 1, 0);
-    return firstButton + static_cast<int>(index);
+    if (clicked != buttons.end()) return static_cast<std::size_t>(clicked - buttons.begin());
+    return buttons.empty() ? 0 : buttons.size() - 1;
 }
 
 }  // namespace lm::platform::qt

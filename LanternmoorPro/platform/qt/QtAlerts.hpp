@@ -1,7 +1,7 @@
 // Real platform pieces on Qt 6: they include nothing of the core but its platform interfaces.
 #pragma once
 
-#include "LanternmoorPro/platform/Platform.hpp"
+#include "LanternmoorPro/platform/UserInterface.hpp"
 
 namespace lm::platform::qt {
 
@@ -9,7 +9,7 @@ namespace lm::platform::qt {
 // informative text, and its buttons left to right in the order given.
 class QtAlerts final : public Alerts {
 public:
-    int runModal(const Alert& alert) override;
+    std::size_t runModal(const Alert& alert) override;
 };
 
 }  // namespace lm::platform::qt

@@ -23,10 +23,16 @@ void endAtExit() {
     if (current != nullptr) current->endAbruptly();
 }
 
+// Qt's Wayland client ends the process with _exit() right after it says so, which passes over
+// every exit handler; this warning is the last moment anything of ours can run.
+bool waylandConnectionLost(QtMsgType type, const QString& message) {
+    return type == QtWarningMsg && message.startsWith(QLatin1String("The Wayland connection "));
+}
+
 void handleMessage(QtMsgType type, const QMessageLogContext& context, const QString& message) {
     if (previousMessageHandler != nullptr) previousMessageHandler(type, context, message);
     // Qt aborts once this returns.
-    if (type == QtFatalMsg && current != nullptr) current->endAbruptly();
+    if ((type == QtFatalMsg || waylandConnectionLost(type, message)) && current != nullptr) current->endAbruptly();
 }
 
 }  // namespace
@@ -80,6 +86,11 @@ QtApplication::QtApplication(QtMainThread& mainThread, std::function<void()> las
       windowRaiser_(std::make_unique<NextWindowRaiser>()),
       quitRedirect_(std::make_unique<QuitRedirect>(*this)) {
     current = this;
+    // Closing the last window (the fallback window, an alert) must not end the loop behind the
+    // termination contract's back. A Mac's app bundle hides the Dock icon itself.
+    if (qobject_cast<QGuiApplication*>(QCoreApplication::instance()) != nullptr) {
+        QGuiApplication::setQuitOnLastWindowClosed(false);
+    }
     static const bool registered = std::atexit(endAtExit) == 0;
     (void)registered;
     previousMessageHandler = qInstallMessageHandler(handleMessage);
@@ -92,15 +103,6 @@ QtApplication::QtApplication(QtMainThread& mainThread, std::function<void()> las
 QtApplication::~QtApplication() {
     qInstallMessageHandler(previousMessageHandler);
     current = nullptr;
-}
-
-void QtApplication::setActivationPolicy(ActivationPolicy) {
-    // There is no Dock or application menu bar to hide on Linux (a Mac's app bundle hides them
-    // itself). What is left of every policy is that closing the last window must not end the
-    // loop behind the termination contract's back.
-    if (qobject_cast<QGuiApplication*>(QCoreApplication::instance()) != nullptr) {
-        QGuiApplication::setQuitOnLastWindowClosed(false);
-    }
 }
 
 int QtApplication::run() {
@@ -118,13 +120,26 @@ void QtApplication::endEventLoop() {
 }
 
 void QtApplication::endAbruptly() {
-    // Launcher code runs on the main thread only; from any other, the last resort is all there is.
     const auto* application = QCoreApplication::instance();
-    if (!hasEnded() && application != nullptr && QThread::currentThread() == application->thread()) {
+    if (application != nullptr && QThread::currentThread() != application->thread()) return endFromAnotherThread();
+    if (!hasEnded() && application != nullptr) {
         eventLoopGone_ = true;
         if (!isAwaitingReply()) terminate();
         mainThread_.serveWithoutEventLoop([this] { return hasEnded(); }, abruptEndLimit);
     }
+    if (lastResort_) lastResort_();
+    std::lock_guard lock(abruptEnd_);
+    abruptEndDone_ = true;
+    abruptEndSignal_.notify_all();
+}
+
+// Launcher code runs on the main thread only. The thread that reports the end (Qt's Wayland
+// reader, say) is held until the main thread has stopped what runs, since the process goes as
+// soon as that thread returns; should the main thread never get to it, the last resort remains.
+void QtApplication::endFromAnotherThread() {
+    mainThread_.post([this] { endAbruptly(); });
+    std::unique_lock lock(abruptEnd_);
+    if (abruptEndSignal_.wait_for(lock, abruptEndLimit + std::chrono::seconds(1), [this] { return abruptEndDone_; })) return;
     if (lastResort_) lastResort_();
 }
 

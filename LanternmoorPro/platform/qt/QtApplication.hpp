@@ -3,8 +3,10 @@
 
 #include <QObject>
 #include <QSocketNotifier>
+#include <condition_variable>
 #include <functional>
 #include <memory>
+#include <mutex>
 
 #include "LanternmoorPro/platform/ApplicationBase.hpp"
 #include "LanternmoorPro/platform/posix/TerminationSignals.hpp"
@@ -32,7 +34,6 @@ public:
     QtApplication(const QtApplication&) = delete;
     QtApplication& operator=(const QtApplication&) = delete;
 
-    void setActivationPolicy(ActivationPolicy policy) override;
     int run() override;
     void activateIgnoringOtherApps() override;
 
@@ -44,10 +45,15 @@ protected:
 
 private:
     void serveSignals();
+    void endFromAnotherThread();
 
     QtMainThread& mainThread_;
     std::function<void()> lastResort_;
     bool eventLoopGone_ = false;
+    // Set once endAbruptly() has done its work on the main thread; another thread may wait for it.
+    std::mutex abruptEnd_;
+    std::condition_variable abruptEndSignal_;
+    bool abruptEndDone_ = false;
     posix::TerminationSignals signals_;
     std::unique_ptr<QSocketNotifier> signalNotifier_;
     std::unique_ptr<NextWindowRaiser> windowRaiser_;

@@ -8,21 +8,17 @@
 #include <QSocketNotifier>
 #include <QTimer>
 
-#include <algorithm>
-#include <cctype>
 #include <charconv>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "LanternmoorPro/platform/http/ReplyReader.hpp"
 #include "LanternmoorPro/platform/posix/System.hpp"
 
 namespace lm::platform::qt {
 namespace {
-
-// A head this long is no health answer, whatever follows.
-constexpr std::size_t headLimit = 64 * 1024;
 
 #if defined(MSG_NOSIGNAL)
 constexpr int sendFlags = MSG_NOSIGNAL;
@@ -59,196 +55,18 @@ std::optional<Address> parseUrl(std::string_view url) {
     return address;
 }
 
-bool equalsIgnoringCase(std::string_view left, std::string_view right) {
-    return std::ranges::equal(left, right, [](unsigned char a, unsigned char b) { return std::tolower(a) == std::tolower(b); });
-}
-
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t' || text.back() == '\r')) text.remove_suffix(1);
-    return text;
-}
-
-// One HTTP/1.1 reply, read from its bytes as they come: the head, then a body framed by its
-// length, by chunks, or by the end of the connection. A body over the limit ends the reading
-// with the limit and one byte more, which is enough to tell it is too long.
-class ReplyReader {
-public:
-    explicit ReplyReader(std::size_t bodyLimit) : bodyLimit_(bodyLimit) {}
-
-    bool finished() const { return state_ == State::done || state_ == State::broken || state_ == State::notHttp; }
-
-    HttpResult result() const {
-        if (state_ == State::done) return HttpResult::reply(status_, body_);
-        if (state_ == State::notHttp) return HttpResult{HttpResult::Kind::notHttp, 0, {}};
-        return HttpResult::failed();
-    }
-
-    void feed(std::string_view bytes) {
-        pending_.append(bytes);
-        while (!finished() && step()) {
-        }
-    }
-
-    // The peer closed: only a body framed by the end of the connection is complete then.
-    void end() {
-        if (finished()) return;
-        state_ = state_ == State::body && !remaining_ ? State::done : State::broken;
-    }
-
-private:
-    enum class State { head, body, chunkSize, chunkData, chunkEnd, trailer, done, broken, notHttp };
-
-    // Takes one step with what is pending; false when more bytes are needed.
-    bool step() {
-        switch (state_) {
-        case State::head: return readHead();
-        case State::body: return readBody();
-        case State::chunkSize: return readChunkSize();
-        case State::chunkData: return readChunkData();
-        case State::chunkEnd: return readLine([this](std::string_view line) {
-            state_ = line.empty() ? State::chunkSize : State::broken;
-        });
-        case State::trailer: return readLine([this](std::string_view line) {
-            if (line.empty()) state_ = State::done;
-        });
-        default: return false;
-        }
-    }
-
-    // Calls `take` with the next whole line, without its line break.
-    template <typename Take>
-    bool readLine(Take take) {
-        const auto end = pending_.find('\n');
-        if (end == std::string::npos) {
-            if (pending_.size() > headLimit) state_ = State::broken;
-            return false;
-        }
-        const auto line = trimmed(std::string_view(pending_).substr(0, end));
-        take(line);
-        pending_.erase(0, end + 1);
-        return true;
-    }
-
-    bool readHead() {
-        constexpr std::string_view protocol = "HTTP/";
-        if (pending_.compare(0, protocol.size(), protocol, 0, std::min(protocol.size(), pending_.size())) != 0) {
-            state_ = State::notHttp;
-            return false;
-        }
-        const auto end = pending_.find("\r\n\r\n");
-        if (end == std::string::npos) {
-            if (pending_.size() > headLimit) state_ = State::broken;
-            return false;
-        }
-        const auto head = pending_.substr(0, end + 2);
-        pending_.erase(0, end + 4);
-        if (!parseHead(head)) {
-            state_ = State::broken;
-            return false;
-        }
-        // An interim answer (100 Continue, say) is followed by the real one.
-        if (status_ >= 100 && status_ < 200) return true;
-        if (status_ == 204 || status_ == 304 || (remaining_ && *remaining_ == 0)) {
-            state_ = State::done;
-        } else {
-            state_ = chunked_ ? State::chunkSize : State::body;
-        }
-        return true;
-    }
-
-    bool parseHead(std::string_view head) {
-        const auto lineEnd = head.find("\r\n");
-        const auto statusLine = head.substr(0, lineEnd);
-        // "HTTP/1.1 200 OK": the version, a blank, three digits, then a blank or nothing.
-        if (statusLine.size() < 12 || statusLine[8] != ' ' || (statusLine.size() > 12 && statusLine[12] != ' ')) return false;
-        auto [end, error] = std::from_chars(statusLine.data() + 9, statusLine.data() + 12, status_);
-        if (error != std::errc() || end != statusLine.data() + 12) return false;
-        chunked_ = false;
-        remaining_.reset();
-        for (auto rest = head.substr(lineEnd + 2); !rest.empty();) {
-            const auto next = rest.find("\r\n");
-            const auto line = rest.substr(0, next);
-            rest.remove_prefix(std::min(rest.size(), next + 2));
-            const auto colon = line.find(':');
-            if (colon == std::string_view::npos) return false;
-            const auto name = line.substr(0, colon);
-            const auto value = trimmed(line.substr(colon + 1));
-            if (equalsIgnoringCase(name, "Transfer-Encoding")) {
-                chunked_ = value.size() >= 7 && equalsIgnoringCase(value.substr(value.size() - 7), "chunked");
-            } else if (equalsIgnoringCase(name, "Content-Length")) {
-                std::size_t length = 0;
-                auto [at, failed] = std::from_chars(value.data(), value.data() + value.size(), length);
-                if (failed != std::errc() || at != value.data() + value.size()) return false;
-                if (remaining_ && *remaining_ != length) return false;
-                remaining_ = length;
-            }
-        }
-        if (chunked_) remaining_.reset();
-        return true;
-    }
-
-    bool readBody() {
-        const auto taken = takeBody(remaining_.value_or(pending_.size()));
-        if (taken == 0) return false;
-        if (remaining_ && (*remaining_ -= taken) == 0 && !finished()) state_ = State::done;
-        return !finished();
-    }
-
-    bool readChunkSize() {
-        return readLine([this](std::string_view line) {
-            const auto digits = line.substr(0, line.find(';'));
-            std::size_t size = 0;
-            auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), size, 16);
-            if (digits.empty() || error != std::errc() || trimmed({end, digits.data() + digits.size()}) != "") {
-                state_ = State::broken;
-                return;
-            }
-            chunkLeft_ = size;
-            state_ = size == 0 ? State::trailer : State::chunkData;
-        });
-    }
-
-    bool readChunkData() {
-        const auto taken = takeBody(chunkLeft_);
-        if (taken == 0) return false;
-        if ((chunkLeft_ -= taken) == 0 && !finished()) state_ = State::chunkEnd;
-        return !finished();
-    }
-
-    // Moves up to `most` pending bytes into the body; how many it moved.
-    std::size_t takeBody(std::size_t most) {
-        const auto take = std::min(pending_.size(), most);
-        keep(std::string_view(pending_).substr(0, take));
-        pending_.erase(0, take);
-        return take;
-    }
-
-    void keep(std::string_view bytes) {
-        body_.append(bytes.substr(0, std::min(bytes.size(), bodyLimit_ + 1 - body_.size())));
-        if (body_.size() > bodyLimit_) state_ = State::done;
-    }
-
-    std::size_t bodyLimit_;
-    State state_ = State::head;
-    std::string pending_;
-    int status_ = 0;
-    bool chunked_ = false;
-    std::optional<std::size_t> remaining_;  // of a body framed by its length
-    std::size_t chunkLeft_ = 0;
-    std::string body_;
-};
-
 // One GET from start to `done`. It deletes itself once it has answered; going with its parent
 // before that, it answers nothing.
 class Exchange final : public QObject {
 public:
     Exchange(QObject* parent, const HttpRequest& request, std::function<void(HttpResult)> done)
         : QObject(parent), reader_(request.bodyLimit), done_(std::move(done)) {
-        idle_.setSingleShot(true);
-        idle_.setTimerType(Qt::PreciseTimer);
-        connect(&idle_, &QTimer::timeout, this, [this] { answer(HttpResult::failed()); });
-        QTimer::singleShot(request.totalTimeout, Qt::PreciseTimer, this, [this] { answer(HttpResult::failed()); });
+        for (auto* limit : {&idle_, &total_}) {
+            limit->setSingleShot(true);
+            limit->setTimerType(Qt::PreciseTimer);
+            connect(limit, &QTimer::timeout, this, [this] { answer(HttpResult::failed()); });
+        }
+        total_.start(request.totalTimeout);
         idle_.start(request.idleTimeout);
         start(request);
     }
@@ -274,8 +92,8 @@ private:
         if (::getsockopt(socket_.get(), SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
             return answer(HttpResult::failed());
         }
-        auto sent = ::send(socket_.get(), request_.data(), request_.size(), sendFlags);
-        if (sent < 0 && (errno == EAGAIN || errno == EINTR)) return;
+        auto sent = posix::retryingInterrupted([&] { return ::send(socket_.get(), request_.data(), request_.size(), sendFlags); });
+        if (sent < 0 && errno == EAGAIN) return;
         if (sent < 0) return answer(HttpResult::failed());
         request_.erase(0, static_cast<std::size_t>(sent));
         if (!request_.empty()) return;
@@ -310,17 +128,19 @@ private:
         readable_.reset();
         socket_.reset();
         idle_.stop();
+        total_.stop();
         deleteLater();
         done(std::move(result));
     }
 
-    ReplyReader reader_;
+    http::ReplyReader reader_;
     std::function<void(HttpResult)> done_;
     posix::Descriptor socket_;
     std::string request_;
     std::unique_ptr<QSocketNotifier> writable_;
     std::unique_ptr<QSocketNotifier> readable_;
     QTimer idle_;
+    QTimer total_;
 };
 
 }  // namespace

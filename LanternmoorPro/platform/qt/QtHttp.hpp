@@ -3,7 +3,7 @@
 
 #include <QObject>
 
-#include "LanternmoorPro/platform/Platform.hpp"
+#include "LanternmoorPro/platform/Network.hpp"
 
 namespace lm::platform::qt {
 

@@ -8,6 +8,8 @@
 
 #include <cmath>
 
+#include "LanternmoorPro/platform/qt/Utf8.hpp"
+
 namespace lm::platform::qt {
 namespace {
 
@@ -23,7 +25,7 @@ QJsonValue member(std::string_view text, std::string_view key) {
 std::optional<std::string> QtJson::stringMemberOfObject(std::string_view text, std::string_view key) const {
     auto value = member(text, key);
     if (!value.isString()) return std::nullopt;
-    return value.toString().toStdString();
+    return utf8(value.toString());
 }
 
 std::optional<std::int64_t> QtJson::integerMemberOfObject(std::string_view text, std::string_view key) const {

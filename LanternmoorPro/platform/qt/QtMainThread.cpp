@@ -27,13 +27,24 @@ void QtMainThread::post(std::function<void()> task) {
     wake();
 }
 
-void QtMainThread::postAfter(std::chrono::nanoseconds delay, std::function<void()> task) {
+MainThread::TimerId QtMainThread::postAfter(std::chrono::nanoseconds delay, std::function<void()> task) {
+    TimerId id = 0;
     {
         std::lock_guard lock(mutex_);
-        timers_.emplace(Clock::now() + delay, std::move(task));
+        id = ++lastTimer_;
+        timers_.emplace(Clock::now() + delay, Timer{id, std::move(task)});
     }
     // The timer that waits for it is armed on the main thread, whoever asked.
     wake();
+    return id;
+}
+
+void QtMainThread::cancel(TimerId timer) {
+    {
+        std::lock_guard lock(mutex_);
+        std::erase_if(timers_, [timer](const auto& entry) { return entry.second.id == timer; });
+    }
+    armTimer();
 }
 
 std::chrono::system_clock::time_point QtMainThread::now() const { return std::chrono::system_clock::now(); }
@@ -56,7 +67,7 @@ std::function<void()> QtMainThread::takeDue(std::optional<Clock::time_point>& ne
         nextTimer = timers_.begin()->first;
         return nullptr;
     }
-    auto task = std::move(timers_.begin()->second);
+    auto task = std::move(timers_.begin()->second.task);
     timers_.erase(timers_.begin());
     return task;
 }
@@ -67,8 +78,17 @@ void QtMainThread::serve() {
     drainWakeUps();
     std::optional<Clock::time_point> nextTimer;
     while (auto task = takeDue(nextTimer)) task();
-    if (!nextTimer) return timer_.stop();
-    auto wait = std::chrono::ceil<std::chrono::milliseconds>(*nextTimer - Clock::now());
+    armTimer();
+}
+
+void QtMainThread::armTimer() {
+    std::optional<Clock::time_point> next;
+    {
+        std::lock_guard lock(mutex_);
+        if (!timers_.empty()) next = timers_.begin()->first;
+    }
+    if (!next) return timer_.stop();
+    auto wait = std::chrono::ceil<std::chrono::milliseconds>(*next - Clock::now());
     timer_.start(std::max(wait, std::chrono::milliseconds(0)));
 }
 
@@ -91,7 +111,7 @@ void QtMainThread::serveWithoutEventLoop(const std::function<bool()>& done, std:
 // The queue itself says what is due; the bytes only woke us.
 void QtMainThread::drainWakeUps() {
     char bytes[256];
-    while (::read(wakeUp_.readEnd.get(), bytes, sizeof bytes) > 0) {
+    while (posix::retryingInterrupted([&] { return ::read(wakeUp_.readEnd.get(), bytes, sizeof bytes); }) > 0) {
     }
 }
 

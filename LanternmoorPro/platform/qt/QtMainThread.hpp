@@ -11,7 +11,7 @@
 #include <memory>
 #include <mutex>
 
-#include "LanternmoorPro/platform/Platform.hpp"
+#include "LanternmoorPro/platform/MainThread.hpp"
 #include "LanternmoorPro/platform/posix/System.hpp"
 
 namespace lm::platform::qt {
@@ -25,7 +25,8 @@ class QtMainThread final : public MainThread {
 public:
     QtMainThread();
     void post(std::function<void()> task) override;
-    void postAfter(std::chrono::nanoseconds delay, std::function<void()> task) override;
+    TimerId postAfter(std::chrono::nanoseconds delay, std::function<void()> task) override;
+    void cancel(TimerId timer) override;
     std::chrono::system_clock::time_point now() const override;
 
     // Runs tasks and timers as they come due until `done` holds or `limit` has passed.
@@ -34,15 +35,23 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
 
+    struct Timer {
+        TimerId id;
+        std::function<void()> task;
+    };
+
     void wake();
     void drainWakeUps();
     void serve();
+    // Sets Qt's one timer for the earliest task, or stops it when none is left.
+    void armTimer();
     // The next task to run now, if any; the time of the next timer otherwise.
     std::function<void()> takeDue(std::optional<Clock::time_point>& nextTimer);
 
     std::mutex mutex_;
     std::deque<std::function<void()>> ready_;
-    std::multimap<Clock::time_point, std::function<void()>> timers_;
+    std::multimap<Clock::time_point, Timer> timers_;
+    TimerId lastTimer_ = 0;
     posix::Pipe wakeUp_;
     std::unique_ptr<QSocketNotifier> notifier_;
     QTimer timer_;

@@ -1,7 +1,7 @@
 // Real platform pieces on Qt 6: they include nothing of the core but its platform interfaces.
 #pragma once
 
-#include "LanternmoorPro/platform/Platform.hpp"
+#include "LanternmoorPro/platform/UserInterface.hpp"
 
 namespace lm::platform::qt {
 

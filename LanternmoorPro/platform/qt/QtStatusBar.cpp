@@ -1,13 +1,11 @@
 #include "LanternmoorPro/platform/qt/QtStatusBar.hpp"
 
-#include <QCloseEvent>
 #include <QCursor>
-#include <QFrame>
 #include <QKeyEvent>
 #include <QKeySequence>
 #include <QTimer>
-#include <QToolButton>
-#include <QVBoxLayout>
+
+#include "LanternmoorPro/platform/qt/FallbackWindow.hpp"
 
 namespace lm::platform::qt {
 namespace {
@@ -47,16 +45,11 @@ void ShortcutMenu::keyPressEvent(QKeyEvent* event) {
     QMenu::keyPressEvent(event);
 }
 
-std::shared_ptr<MenuItem> QtMenu::makeItem(std::string title, std::optional<MenuAction> action,
-                                           std::string keyEquivalent) {
-    return std::make_shared<QtMenuItem>(title, action, keyEquivalent);
-}
-
-void QtMenu::addItem(std::shared_ptr<MenuItem> item) {
-    auto ours = std::dynamic_pointer_cast<QtMenuItem>(item);
-    if (!ours) return;
-    menu_.addAction(&ours->action());
-    entries_.push_back(std::move(ours));
+std::shared_ptr<MenuItem> QtMenu::addItem(std::string title, std::optional<MenuAction> action, std::string keyEquivalent) {
+    auto item = std::make_shared<QtMenuItem>(title, action, keyEquivalent);
+    menu_.addAction(&item->action());
+    entries_.push_back(item);
+    return item;
 }
 
 void QtMenu::addSeparator() {
@@ -64,57 +57,16 @@ void QtMenu::addSeparator() {
     entries_.push_back(nullptr);
 }
 
-FallbackWindow::FallbackWindow(QtMenu& menu, const QString& title) : menu_(menu) {
-    setWindowTitle(title);
-    setWindowIcon(applicationIcon());
-    setAccessibleName(title);
-    auto* layout = new QVBoxLayout(this);
-    status_.setParent(this);
-    for (const auto& entry : menu.entries()) {
-        if (!entry) {
-            auto* line = new QFrame(this);
-            line->setFrameShape(QFrame::HLine);
-            layout->addWidget(line);
-        } else if (!entry->performs()) {
-            // A label in the menu; here it heads the status line and the buttons.
-            auto* heading = new QLabel(entry->action().text(), this);
-            heading->setStyleSheet(QStringLiteral("font-weight: bold;"));
-            layout->addWidget(heading);
-            layout->addWidget(&status_);
-        } else {
-            auto* button = new QToolButton(this);
-            button->setDefaultAction(&entry->action());
-            button->setToolButtonStyle(Qt::ToolButtonTextOnly);
-            button->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
-            layout->addWidget(button);
-            // Their key equivalents work while this window has the keyboard.
-            addAction(&entry->action());
-        }
-    }
-    if (layout->indexOf(&status_) < 0) layout->insertWidget(0, &status_);
-}
-
-void FallbackWindow::closeEvent(QCloseEvent* event) {
-    // The window goes with the launcher, which the quit ends; until then it stays.
-    event->ignore();
-    for (const auto& entry : menu_.entries()) {
-        if (entry && entry->performs() == MenuAction::quitFromMenu) entry->action().trigger();
-    }
-}
-
 QtStatusItem::QtStatusItem() {
+    icon_.setContextMenu(&menu_.widget());
     // Trays differ on which click opens a context menu, so a plain click opens it as well.
     QObject::connect(&icon_, &QSystemTrayIcon::activated, &icon_, [this](QSystemTrayIcon::ActivationReason reason) {
-        if (reason == QSystemTrayIcon::Trigger && menu_) menu_->widget().popup(QCursor::pos());
+        if (reason == QSystemTrayIcon::Trigger) menu_.widget().popup(QCursor::pos());
     });
     QTimer::singleShot(0, &icon_, [this] { present(); });
 }
 
-void QtStatusItem::setMenu(std::shared_ptr<Menu> menu) {
-    menu_ = std::dynamic_pointer_cast<QtMenu>(menu);
-    icon_.setContextMenu(menu_ ? &menu_->widget() : nullptr);
-    setAccessibilityLabel(accessibilityLabel_.toStdString());
-}
+QtStatusItem::~QtStatusItem() = default;
 
 void QtStatusItem::setToolTip(std::string toolTip) {
     toolTip_ = QString::fromStdString(toolTip);
@@ -124,19 +76,17 @@ void QtStatusItem::setToolTip(std::string toolTip) {
 
 void QtStatusItem::setAccessibilityLabel(std::string label) {
     accessibilityLabel_ = QString::fromStdString(label);
-    if (menu_) menu_->widget().setAccessibleName(accessibilityLabel_);
+    menu_.widget().setAccessibleName(accessibilityLabel_);
 }
 
 void QtStatusItem::present() {
     icon_.setIcon(applicationIcon());
     // Shown even without a tray: Qt embeds it once a tray appears.
     icon_.show();
-    if (QSystemTrayIcon::isSystemTrayAvailable() || !menu_) return;
-    window_ = std::make_unique<FallbackWindow>(*menu_, accessibilityLabel_);
+    if (QSystemTrayIcon::isSystemTrayAvailable()) return;
+    window_ = std::make_unique<FallbackWindow>(menu_, accessibilityLabel_);
     window_->setStatus(toolTip_);
     window_->show();
 }
-
-std::shared_ptr<StatusItem> QtStatusBar::statusItem(double) { return std::make_shared<QtStatusItem>(); }
 
 }  // namespace lm::platform::qt

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <charconv>
 
+#include "LanternmoorPro/platform/Text.hpp"
+
 namespace lm::platform::terminal {
 namespace {
 
@@ -11,7 +13,7 @@ constexpr std::string_view prompt = "请输入按钮编号后按回车（直接�
 
 // The index of the button an answer picks, if it picks one.
 std::optional<std::size_t> chosenButton(std::string_view answer, std::size_t buttonCount) {
-    answer = trimmed(answer);
+    answer = platform::trimmed(answer);
     if (answer.empty()) return 0;
     std::size_t number = 0;
     const auto [end, error] = std::from_chars(answer.data(), answer.data() + answer.size(), number);
@@ -31,17 +33,17 @@ std::string buttonLine(const std::vector<std::string>& buttons) {
     return line;
 }
 
-int TerminalAlerts::runModal(const Alert& alert) {
+std::size_t TerminalAlerts::runModal(const Alert& alert) {
     output_.writeLine(alert.title);
     if (!alert.message.empty()) output_.writeLine(alert.message);
     output_.writeLine(buttonLine(alert.buttons));
 
     const auto buttonCount = std::max<std::size_t>(alert.buttons.size(), 1);
     while (auto answer = input_.awaitLine()) {
-        if (auto index = chosenButton(*answer, buttonCount)) return firstButton + static_cast<int>(*index);
+        if (auto index = chosenButton(*answer, buttonCount)) return *index;
         output_.writeLine(prompt);
     }
-    return firstButton + static_cast<int>(buttonCount - 1);
+    return buttonCount - 1;
 }
 
 }  // namespace lm::platform::terminal

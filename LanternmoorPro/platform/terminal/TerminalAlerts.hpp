@@ -2,7 +2,7 @@
 // a tray and dialogs. Qt's event loop and POSIX only; nothing of the core but its interfaces.
 #pragma once
 
-#include "LanternmoorPro/platform/Platform.hpp"
+#include "LanternmoorPro/platform/UserInterface.hpp"
 #include "LanternmoorPro/platform/terminal/TerminalStreams.hpp"
 
 namespace lm::platform::terminal {
@@ -13,7 +13,7 @@ namespace lm::platform::terminal {
 class TerminalAlerts final : public Alerts {
 public:
     TerminalAlerts(TerminalInput& input, TerminalOutput& output) : input_(input), output_(output) {}
-    int runModal(const Alert& alert) override;
+    std::size_t runModal(const Alert& alert) override;
 
 private:
     TerminalInput& input_;

@@ -36,12 +36,19 @@ bool substitute(std::string& word, const std::string& url) {
 
 }  // namespace
 
-std::vector<std::vector<std::string>> browserCommands(std::string_view setting, const std::string& url) {
+std::vector<std::vector<std::string>> browserCommands(std::string_view setting, const std::string& url,
+                                                      const std::function<bool(const std::string&)>& isExecutableFile) {
     std::vector<std::vector<std::string>> commands;
     for (std::size_t start = 0; start <= setting.size();) {
         const auto end = std::min(setting.find(':', start), setting.size());
-        auto command = words(setting.substr(start, end - start));
+        const std::string entry(setting.substr(start, end - start));
         start = end + 1;
+        // Only a path: a bare name is a command to look up on PATH, as a shell would.
+        if (entry.find('/') != std::string::npos && isExecutableFile(entry)) {
+            commands.push_back({entry, url});
+            continue;
+        }
+        auto command = words(entry);
         if (command.empty()) continue;
         bool named = false;
         for (auto& word : command) named = substitute(word, url) || named;
@@ -51,15 +58,17 @@ std::vector<std::vector<std::string>> browserCommands(std::string_view setting, 
     return commands;
 }
 
-TerminalOpener::TerminalOpener(TerminalOutput& output, Processes& processes, std::optional<std::string> browser)
-    : output_(output), processes_(processes), browser_(std::move(browser)) {
+TerminalOpener::TerminalOpener(TerminalOutput& output, Processes& processes, const FileSystem& files,
+                               std::optional<std::string> browser)
+    : output_(output), processes_(processes), files_(files), browser_(std::move(browser)) {
     if (browser_ && browser_->empty()) browser_.reset();
 }
 
 bool TerminalOpener::open(const std::string& url) {
     output_.writeLine("→ " + url);
     if (!browser_) return true;
-    for (auto& command : browserCommands(*browser_, url)) {
+    const auto isExecutableFile = [this](const std::string& path) { return files_.isExecutableFile(path); };
+    for (auto& command : browserCommands(*browser_, url, isExecutableFile)) {
         ProcessConfiguration configuration;
         configuration.executable = command.front();
         configuration.searchPath = true;

@@ -1,5 +1,7 @@
 #include "LanternmoorPro/platform/terminal/TerminalStatusBar.hpp"
 
+#include "LanternmoorPro/platform/Text.hpp"
+
 namespace lm::platform::terminal {
 
 void TerminalMenuItem::choose() {
@@ -7,13 +9,10 @@ void TerminalMenuItem::choose() {
     if (auto target = target_.lock()) target->perform(*action_);
 }
 
-std::shared_ptr<MenuItem> TerminalMenu::makeItem(std::string, std::optional<MenuAction> action,
-                                                 std::string keyEquivalent) {
-    return std::make_shared<TerminalMenuItem>(action, std::move(keyEquivalent));
-}
-
-void TerminalMenu::addItem(std::shared_ptr<MenuItem> item) {
-    if (auto ours = std::dynamic_pointer_cast<TerminalMenuItem>(item)) entries_.push_back(std::move(ours));
+std::shared_ptr<MenuItem> TerminalMenu::addItem(std::string, std::optional<MenuAction> action, std::string keyEquivalent) {
+    auto item = std::make_shared<TerminalMenuItem>(action, std::move(keyEquivalent));
+    entries_.push_back(item);
+    return item;
 }
 
 void TerminalMenu::choose(std::string_view typed) {
@@ -29,16 +28,17 @@ void TerminalMenu::choose(std::string_view typed) {
     }
 }
 
-void TerminalStatusItem::setMenu(std::shared_ptr<Menu> menu) {
-    menu_ = std::dynamic_pointer_cast<TerminalMenu>(menu);
-    if (menuInput_ != MenuInput::typed || !menu_) return;
-    // The input outlives the item, so it holds the menu only weakly.
-    input_.setLineHandler([weakMenu = std::weak_ptr<TerminalMenu>(menu_)](const std::string& line) {
+TerminalStatusItem::TerminalStatusItem(TerminalInput& input, TerminalOutput& output, MenuInput menuInput)
+    : output_(output) {
+    if (menuInput != MenuInput::typed) return;
+    input.setLineHandler([weakMenu = std::weak_ptr<TerminalMenu>(menu_)](const std::string& line) {
         if (auto menu = weakMenu.lock()) menu->choose(line);
     });
 }
 
-std::shared_ptr<StatusItem> TerminalStatusBar::statusItem(double) {
+TerminalStatusItem::~TerminalStatusItem() = default;
+
+std::shared_ptr<StatusItem> TerminalStatusBar::statusItem() {
     return std::make_shared<TerminalStatusItem>(input_, output_, menuInput_);
 }
 

@@ -5,7 +5,7 @@
 #include <memory>
 #include <vector>
 
-#include "LanternmoorPro/platform/Platform.hpp"
+#include "LanternmoorPro/platform/UserInterface.hpp"
 #include "LanternmoorPro/platform/terminal/TerminalStreams.hpp"
 
 namespace lm::platform::terminal {
@@ -16,7 +16,6 @@ public:
         : action_(action), keyEquivalent_(std::move(keyEquivalent)) {}
     void setTarget(std::weak_ptr<MenuTarget> target) override { target_ = std::move(target); }
     void setEnabled(bool enabled) override { enabled_ = enabled; }
-    bool isEnabled() const override { return enabled_; }
 
     const std::string& keyEquivalent() const { return keyEquivalent_; }
     // What picking it in a menu does: nothing when it is a label, disabled, or its target gone.
@@ -33,12 +32,9 @@ private:
 // from 1 with separators included, so the numbers stay those of the menu as it would be drawn.
 class TerminalMenu final : public Menu {
 public:
-    std::shared_ptr<MenuItem> makeItem(std::string title, std::optional<MenuAction> action,
-                                       std::string keyEquivalent) override;
-    void addItem(std::shared_ptr<MenuItem> item) override;
+    std::shared_ptr<MenuItem> addItem(std::string title, std::optional<MenuAction> action,
+                                      std::string keyEquivalent) override;
     void addSeparator() override { entries_.push_back(nullptr); }
-    // Nothing is ever enabled but by the launcher, which is what switching this off asks for.
-    void setAutoenablesItems(bool) override {}
 
     void choose(std::string_view typed);
 
@@ -48,34 +44,31 @@ private:
 
 enum class MenuInput { typed, none };
 
-// Prints "<title>  <tooltip>" for every tooltip it is given; the title, font and label are
-// only kept. With typed menu input, lines typed while no alert waits pick menu entries.
+// Prints "<title>  <tooltip>" for every tooltip it is given; the label is not shown. With typed
+// menu input, lines typed while no alert waits pick menu entries.
 class TerminalStatusItem final : public StatusItem, public StatusButton {
 public:
-    TerminalStatusItem(TerminalInput& input, TerminalOutput& output, MenuInput menuInput)
-        : input_(input), output_(output), menuInput_(menuInput) {}
+    TerminalStatusItem(TerminalInput& input, TerminalOutput& output, MenuInput menuInput);
+    ~TerminalStatusItem() override;
     StatusButton* button() override { return this; }
-    void setMenu(std::shared_ptr<Menu> menu) override;
+    Menu& menu() override { return *menu_; }
 
     void setTitle(std::string title) override { title_ = std::move(title); }
-    void setFont(Font) override {}
     void setToolTip(std::string toolTip) override { output_.writeLine(title_ + "  " + toolTip); }
     void setAccessibilityLabel(std::string) override {}
 
 private:
-    TerminalInput& input_;
     TerminalOutput& output_;
-    MenuInput menuInput_;
     std::string title_;
-    std::shared_ptr<TerminalMenu> menu_;
+    // Shared with the input's line handler, which holds it weakly: the input outlives the item.
+    std::shared_ptr<TerminalMenu> menu_ = std::make_shared<TerminalMenu>();
 };
 
 class TerminalStatusBar final : public StatusBar {
 public:
     TerminalStatusBar(TerminalInput& input, TerminalOutput& output, MenuInput menuInput)
         : input_(input), output_(output), menuInput_(menuInput) {}
-    std::shared_ptr<StatusItem> statusItem(double) override;
-    std::shared_ptr<Menu> makeMenu() override { return std::make_shared<TerminalMenu>(); }
+    std::shared_ptr<StatusItem> statusItem() override;
 
 private:
     TerminalInput& input_;

@@ -6,6 +6,8 @@
 #include <unistd.h>
 #include <utility>
 
+#include "LanternmoorPro/platform/posix/System.hpp"
+
 namespace lm::platform::terminal {
 namespace {
 
@@ -15,23 +17,11 @@ constexpr int inputArrived = 1;
 
 }  // namespace
 
-std::string_view trimmed(std::string_view text) {
-    constexpr std::string_view blanks = " \t\r";
-    const auto first = text.find_first_not_of(blanks);
-    if (first == std::string_view::npos) return {};
-    return text.substr(first, text.find_last_not_of(blanks) - first + 1);
-}
-
 void TerminalOutput::writeLine(std::string_view text) {
     std::string line(text);
     line += '\n';
-    std::string_view rest = line;
-    while (!rest.empty()) {
-        const ssize_t written = ::write(descriptor_, rest.data(), rest.size());
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return;
-        rest.remove_prefix(static_cast<std::size_t>(written));
-    }
+    // A reader that went away takes the rest of the line with it; nobody is left to tell.
+    (void)posix::writeAll(descriptor_, line, "standard output");
 }
 
 TerminalInput::TerminalInput(int descriptor) : descriptor_(descriptor) {
@@ -74,14 +64,14 @@ void TerminalInput::onReadable() {
 
 void TerminalInput::readAvailable() {
     char chunk[4096];
-    const ssize_t got = ::read(descriptor_, chunk, sizeof chunk);
+    const ssize_t got = posix::retryingInterrupted([&] { return ::read(descriptor_, chunk, sizeof chunk); });
     if (got > 0) {
         accept({chunk, static_cast<std::size_t>(got)});
         return;
     }
     // A read that fails for good (a terminal that hung up, a launcher in the background of
     // its shell) ends the input as its end would.
-    if (got == 0 || (errno != EINTR && errno != EAGAIN)) closed_ = true;
+    if (got == 0 || errno != EAGAIN) closed_ = true;
 }
 
 void TerminalInput::accept(std::string_view bytes) {

@@ -61,7 +61,4 @@ private:
     QEventLoop* waiting_ = nullptr;
 };
 
-// What a typed answer or command looks like without the blanks around it.
-std::string_view trimmed(std::string_view text);
-
 }  // namespace lm::platform::terminal

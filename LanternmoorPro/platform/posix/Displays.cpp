@@ -1,4 +1,4 @@
-#include "LanternmoorPro/platform/qt/QtDisplay.hpp"
+#include "LanternmoorPro/platform/posix/Displays.hpp"
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -13,7 +13,7 @@
 
 #include "LanternmoorPro/platform/posix/System.hpp"
 
-namespace lm::platform::qt {
+namespace lm::platform::posix {
 namespace {
 
 bool isSet(const char* name) {
@@ -43,7 +43,7 @@ bool waylandDisplayOpens() {
     address.sun_family = AF_UNIX;
     if (path.size() >= sizeof address.sun_path) return false;
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    posix::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM, 0));
+    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM, 0));
     return socket && ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 #endif
@@ -65,4 +65,4 @@ Displays usableDisplays() {
 #endif
 }
 
-}  // namespace lm::platform::qt
+}  // namespace lm::platform::posix

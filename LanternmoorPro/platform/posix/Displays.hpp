@@ -1,7 +1,7 @@
-// Real platform pieces on Qt 6: they include nothing of the core but its platform interfaces.
+// Real platform pieces on POSIX: they include nothing of the core but its platform interfaces.
 #pragma once
 
-namespace lm::platform::qt {
+namespace lm::platform::posix {
 
 // Which displays the environment names and this process can open: DISPLAY's X server,
 // WAYLAND_DISPLAY's compositor. Asked before Qt's GUI starts, which aborts when the display it
@@ -18,4 +18,4 @@ struct Displays {
 
 Displays usableDisplays();
 
-}  // namespace lm::platform::qt
+}  // namespace lm::platform::posix
