@@ -6,6 +6,7 @@ import { spawn } from 'node:child_process';
 import { readFileSync } from 'node:fs';
 import { createInterface } from 'node:readline';
 import { once } from 'node:events';
+import { constants } from 'node:os';
 import { endThreadCommands, killSurvivors, parseStat, treeOf, MARKER } from '../../../resources/app/workspace/codex/commands.ts';
 import { systemClock } from '../../../resources/app/workspace/clock.ts';
 import { NODE, until } from '../support/service.ts';
@@ -17,6 +18,11 @@ function alive(pid: number): boolean {
   } catch {
     return false;
   }
+}
+
+function catches(pid: number, signal: 'SIGTERM'): boolean {
+  const mask = /^SigCgt:\s*([0-9a-f]+)$/m.exec(readFileSync(`/proc/${pid}/status`, 'utf8'))?.[1] ?? '0';
+  return (BigInt(`0x${mask}`) >> BigInt(constants.signals[signal] - 1)) % 2n === 1n;
 }
 
 // Stands in for the app-server: starts commands as Codex does (each in a session of its own,
@@ -45,6 +51,8 @@ test('a thread\'s commands end, the shell\'s children and a SIGTERM-proof one in
   const [line] = (await once(createInterface({ input: root.stdout! }), 'line')) as [string];
   const pids = JSON.parse(line) as Record<string, number>;
   const sleeping = await until('the shell to start its sleep', async () => (await treeOf(pids.shell!))[0]?.pid);
+  // Only once it catches SIGTERM does the stubborn one need the SIGKILL that follows.
+  await until('the stubborn one to catch SIGTERM', () => catches(pids.stubborn!, 'SIGTERM'));
 
   const ended = await endThreadCommands(root.pid!, 't1', systemClock);
 
