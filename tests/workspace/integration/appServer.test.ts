@@ -1,6 +1,8 @@
 // The app-server's life on a virtual clock: a start that never answers, and a stop it resists.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
+import { readFileSync } from 'node:fs';
+import { join } from 'node:path';
 import { CodexAppServer } from '../../../resources/app/workspace/codex/appServer.ts';
 import { texts } from '../../../resources/app/workspace/texts.ts';
 import type { CodexState } from '../../../resources/app/workspace/model.ts';
@@ -55,3 +57,16 @@ for (const [kind, endsAt] of [['deaf', 1000], ['stubborn', 1500]] as const) {
     assert.equal(server.state.state, 'ready', 'a stop asked for is not reported as a failure');
   });
 }
+
+test('what is asked while Codex starts waits for its handshake, and is refused with it', async () => {
+  const log = join(temporaryFolder('lm-fake-'), 'methods');
+  for (const [version, outcome] of [['0.169.0', 'answered'], ['0.100.0', 'refused']] as const) {
+    const { server } = appServer({ FAKE_CODEX_LOG: log, FAKE_CODEX_VERSION: version });
+    const first = server.connect();
+    const asked = server.request('thread/start', {}).then(() => 'answered', () => 'refused');
+    assert.equal(await asked, outcome, version);
+    await first.catch(() => {});
+    await server.stop();
+  }
+  assert.deepEqual(readFileSync(log, 'utf8').trim().split('\n'), ['initialize', 'initialized', 'thread/start', 'initialize']);
+});

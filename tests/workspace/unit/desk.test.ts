@@ -34,8 +34,8 @@ class ScriptedCodex {
   }
 }
 
-function deskFixture(options: { commit?: (original: () => void) => void } = {}) {
-  const dataFolder = temporaryFolder('lm-desk-');
+function deskFixture(options: { commit?: (original: () => void) => void; dataFolder?: string } = {}) {
+  const dataFolder = options.dataFolder ?? temporaryFolder('lm-desk-');
   const realStore = ThreadStore.open(join(dataFolder, 'workspace.db'));
   const store = options.commit
     ? new Proxy(realStore, {
@@ -180,4 +180,28 @@ test('threads run at once, each turn getting only its own Codex thread\'s items'
   const texts = (id: string) => desk.thread(id)!.turns[0]!.items.map((item) => item.kind === 'answer' && item.text);
   assert.deepEqual([texts(one.thread.id), texts(two.thread.id)], [['for one'], ['for two']]);
   assert.deepEqual([desk.thread(one.thread.id)!.running, desk.thread(two.thread.id)!.running], [true, false]);
+});
+
+test('a follow-up after a restart is not thrown by what Codex re-sends of the thread\'s earlier turns', async () => {
+  const before = deskFixture();
+  const { thread } = before.desk.create('one');
+  await settle();
+  before.notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
+  before.store.close();
+  // The service starts again: a new desk on the same store, a new app-server.
+  const { desk, codex, notify } = deskFixture({ dataFolder: before.dataFolder });
+  const usage = { totalTokens: 15, inputTokens: 10, cachedInputTokens: 0, outputTokens: 5, reasoningOutputTokens: 0 };
+  codex.handlers['turn/start'] = () => {
+    // Between our turn/start and its answer: the earlier turn's usage again, and the new turn's start.
+    notify('thread/tokenUsage/updated', { tokenUsage: { total: usage, last: usage } }, 'codex-1', 'turn-1');
+    notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } }, 'codex-1', 'turn-2');
+    return { turn: { id: 'turn-2' } };
+  };
+  desk.ask(thread.id, 'two');
+  await settle();
+  notify('item/agentMessage/delta', { itemId: 'a', delta: 'the answer' }, 'codex-1', 'turn-2');
+  notify('turn/completed', { turn: { id: 'turn-2', status: 'completed', error: null } }, 'codex-1', 'turn-2');
+  assert.deepEqual(codex.methods(), ['thread/resume', 'turn/start']);
+  const second = desk.thread(thread.id)!.turns[1]!;
+  assert.deepEqual([second.status, second.usage, second.items.map((item) => item.kind === 'answer' && item.text)], ['completed', null, ['the answer']]);
 });

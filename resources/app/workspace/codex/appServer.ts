@@ -6,8 +6,11 @@ import { texts } from '../texts.ts';
 import type { Clock } from '../clock.ts';
 import type { CodexState } from '../model.ts';
 
-/** The oldest Codex whose app-server speaks every method and notification this service uses. */
-export const MINIMUM_CODEX_VERSION = '0.169.0';
+/**
+ * The oldest Codex measured to do everything this service asks of it. Older ones (0.132 to 0.145)
+ * sometimes report a command's end after the end of its turn, losing its exit code.
+ */
+export const MINIMUM_CODEX_VERSION = '0.146.0';
 
 const INITIALIZE_TIMEOUT_MS = 20_000;
 const TERM_AFTER_MS = 1_000;
@@ -72,7 +75,8 @@ export class CodexAppServer {
 
   connect(): Promise<RpcConnection> {
     if (this.#stopping) return Promise.reject(new RpcClosed(texts.stopping));
-    if (this.#connection && !this.#connection.closed) return Promise.resolve(this.#connection);
+    // Only once the handshake is done (and the version accepted) does anything else go to it.
+    if (this.#state.state === 'ready' && this.#connection && !this.#connection.closed) return Promise.resolve(this.#connection);
     this.#starting ??= this.#start().finally(() => {
       this.#starting = null;
     });

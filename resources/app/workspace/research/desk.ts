@@ -17,6 +17,8 @@ import type { PageEvent, Thread, ThreadSummary, TurnHead } from '../model.ts';
 
 export const QUESTION_LIMIT_BYTES = 1 << 20;
 export const STOP_DEADLINE_MS = 900;
+// Codex answers turn/start within milliseconds; this only bounds what one that never does costs.
+const EARLY_LIMIT = 10_000;
 const TITLE_LENGTH = 60;
 
 export interface CodexPort {
@@ -190,12 +192,31 @@ export class ResearchDesk {
     const threadId = this.#byCodexThread.get(notification.params.threadId);
     const live = threadId === undefined ? undefined : this.#live.get(threadId);
     if (!live) return;
+    if (live.codexTurnId === null) {
+      // Which turn is this question's is known only from Codex's answer to turn/start: a resumed
+      // thread re-sends what belongs to its earlier turns (their token usage, for one).
+      if (live.turnRequested && live.early.length < EARLY_LIMIT) live.early.push(notification);
+      return;
+    }
+    this.#apply(live, notification);
+  }
+
+  #apply(live: LiveTurn, notification: TurnNotification): void {
     const turnId = 'turnId' in notification.params ? notification.params.turnId : notification.params.turn.id;
-    if (this.#endedCodexTurns.has(turnId)) return;
-    live.codexTurnId ??= turnId;
-    if (turnId !== live.codexTurnId) return;
+    if (turnId !== live.codexTurnId || this.#endedCodexTurns.has(turnId)) return;
     live.apply(notification);
     if (live.finished) this.#settle(live);
+  }
+
+  /** Codex has said which turn it started: what came meanwhile for that turn is applied. */
+  #adoptTurn(live: LiveTurn, codexTurnId: string): void {
+    live.codexTurnId = codexTurnId;
+    const early = live.early.splice(0);
+    if (live.finished) {
+      this.#endedCodexTurns.add(codexTurnId);
+      return;
+    }
+    for (const notification of early) this.#apply(live, notification);
   }
 
   /** The app-server has ended: whatever ran through it is over, and it remembers no thread. */
@@ -243,11 +264,13 @@ export class ResearchDesk {
         return;
       }
       const text = context ? `${context}${live.head.question}` : live.head.question;
+      live.turnRequested = true;
       const started = await this.#options.codex.request<{ turn: { id: string } }>('turn/start', {
         threadId: codexThreadId, input: [{ type: 'text', text, text_elements: [] }],
       });
-      live.codexTurnId ??= started.turn.id;
-      if (live.stopRequested && !live.finished) await this.#interrupt(live);
+      this.#adoptTurn(live, started.turn.id);
+      // A stop asked for meanwhile (and perhaps already given up on) still reaches Codex.
+      if (live.stopRequested) await this.#interrupt(live);
     } catch (error) {
       this.#end(live, 'failed', error instanceof Error ? error.message : String(error));
     }

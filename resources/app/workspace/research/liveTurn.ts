@@ -19,7 +19,12 @@ export class LiveTurn {
   readonly #sink: TurnSink;
   readonly #byCodexId = new Map<string, number>();
   codexThreadId: string | null = null;
+  /** Codex's id for this turn, known from its answer to our turn/start. */
   codexTurnId: string | null = null;
+  /** turn/start has been sent: what comes for this Codex thread may now be this turn's. */
+  turnRequested = false;
+  /** What came between the turn/start and Codex's answer to it, to be sorted once it is known. */
+  readonly early: TurnNotification[] = [];
   stopRequested = false;
   #usageBase: CodexTokenBreakdown | null = null;
   #retryNoted = false;
