@@ -98,16 +98,18 @@ export interface Running {
   exited: Promise<[number | null, NodeJS.Signals | null]>;
 }
 
-export async function startService(options: { codexPath: string; dataFolder?: string; env?: NodeJS.ProcessEnv }): Promise<Running> {
+/** app: another copy of the app folder to run instead of the shipped one (benchmarks compare them). */
+export async function startService(options: { codexPath: string; dataFolder?: string; env?: NodeJS.ProcessEnv; app?: string }): Promise<Running> {
   const port = await freePort();
   const dataFolder = options.dataFolder ?? temporaryFolder('lm-data-');
+  const app = options.app ?? APP;
   let output = '';
-  const child = spawn(NODE, ['--experimental-strip-types', join(APP, 'server.mjs')], {
-    cwd: APP,
+  const child = spawn(NODE, ['--experimental-strip-types', join(app, 'server.mjs')], {
+    cwd: app,
     stdio: ['ignore', 'pipe', 'pipe'],
     env: {
       ...process.env, ...options.env,
-      LANTERNMOOR_APP_DIR: APP, LANTERNMOOR_DATA_DIR: dataFolder, LANTERNMOOR_PORT: String(port),
+      LANTERNMOOR_APP_DIR: app, LANTERNMOOR_DATA_DIR: dataFolder, LANTERNMOOR_PORT: String(port),
       LANTERNMOOR_CODEX_PATH: options.codexPath, PATH: `${join(NODE, '..')}:${process.env.PATH}`,
     },
   });
