@@ -5,8 +5,10 @@
 // runs from the shipped resources as they are.
 //
 // This entry listens at once and answers the health check itself: the workspace behind it is
-// TypeScript, whose first load costs Node.js tens of milliseconds the launcher would otherwise
-// wait for. Requests that come before the workspace is loaded wait for it.
+// TypeScript, whose first load holds Node.js's event loop for a quarter of a second or more. It is
+// loaded once the first health answer is on its way (the launcher is waiting for that one), when
+// a page asks for something first, or a second after the start, whichever comes first; requests
+// that come before it is loaded wait for it.
 
 import { createServer } from 'node:http';
 
@@ -16,6 +18,7 @@ const HOST = '127.0.0.1';
 const DEFAULT_PORT = 18765;
 // The launcher waits 3 s after SIGTERM; everything is stopped well before that.
 const STOP_LIMIT_MS = 1500;
+const LOAD_AT_LATEST_MS = 1000;
 
 const stamp = () => new Date().toISOString().replace(/\.\d{3}Z$/, 'Z');
 const say = (line) => process.stdout.write(`[${stamp()}] ${line}\n`);
@@ -77,6 +80,17 @@ function send(req, res, status, body, extra = {}) {
 let workspace = null;
 let loading = null;
 
+function load() {
+  if (!loading) {
+    loading = import('./workspace/main.ts').then((module) => {
+      workspace = module.startWorkspace({ port, startedAt, env: process.env, version: VERSION, say, complain });
+      return workspace;
+    });
+    loading.catch((error) => complain(`the workspace could not be loaded: ${error?.stack ?? error}`));
+  }
+  return loading;
+}
+
 function handle(req, res) {
   if (!hostAllowed(req.headers.host)) {
     send(req, res, 421, JSON.stringify({ error: '只接受通过 127.0.0.1 或 localhost 访问工作区。' }));
@@ -85,13 +99,14 @@ function handle(req, res) {
   if ((req.url ?? '').split('?')[0] === '/api/health') {
     if (req.method === 'GET' || req.method === 'HEAD') send(req, res, 200, healthBody());
     else send(req, res, 405, JSON.stringify({ error: '不支持这种请求方式。' }), { Allow: 'GET, HEAD' });
+    res.once('finish', () => setImmediate(load));
     return;
   }
   if (workspace) {
     void workspace.handle(req, res);
     return;
   }
-  loading.then(
+  load().then(
     (loaded) => loaded.handle(req, res),
     () => send(req, res, 503, JSON.stringify({ error: '工作区没能加载，详情见数据文件夹中的运行日志。' })),
   );
@@ -107,11 +122,7 @@ server.on('error', (error) => {
 
 server.listen(port, HOST, () => {
   say(`workspace service listening on http://${HOST}:${port}/`);
-  loading = import('./workspace/main.ts').then((module) => {
-    workspace = module.startWorkspace({ port, startedAt, env: process.env, version: VERSION, say, complain });
-    return workspace;
-  });
-  loading.catch((error) => complain(`the workspace could not be loaded: ${error?.stack ?? error}`));
+  setTimeout(load, LOAD_AT_LATEST_MS).unref();
 });
 
 let stopping = false;
@@ -125,6 +136,7 @@ async function stop(signal) {
   setTimeout(finish, STOP_LIMIT_MS).unref();
   server.close();
   try {
+    // Not loaded yet: there is nothing of it to stop, and no reason to load it now.
     await (await loading?.catch(() => null))?.stop();
   } catch (error) {
     complain(`stopping the workspace failed: ${error?.stack ?? error}`);

@@ -12,9 +12,6 @@ import { ItemView, element } from './items.js';
 /** @typedef {import('../workspace/model.ts').TurnHead} TurnHead */
 /** @typedef {import('../workspace/model.ts').Item} Item */
 
-/** The newest items drawn at once when a thread opens; older ones as the reader scrolls up. */
-const FIRST_ITEMS = 60;
-
 const md = createMarkdown();
 
 /** @param {string} id */
@@ -131,8 +128,9 @@ function setConnected(/** @type {boolean} */ connected) {
 const turnViews = new Map();
 /** @type {Map<string, ItemView>} */
 const itemViews = new Map();
-/** Turns of the open thread not drawn yet, oldest first; drawn as the reader scrolls up. @type {Turn[]} */
-let undrawn = [];
+/** Where the earliest drawn turn of the open thread is; null when no earlier turn is left to fetch. */
+let earliest = /** @type {number | null} */ (null);
+let fetchingEarlier = false;
 const topSentinel = element('div', 'sentinel');
 
 /** @param {ThreadSummary} thread */
@@ -204,46 +202,52 @@ function showThread(thread) {
   ui.head.hidden = thread === null;
   ui.stop.hidden = true;
   ui.send.disabled = false;
+  earliest = null;
   if (!thread) return;
   drawHead(thread);
   ui.meta.textContent = `文件夹：${thread.folder}`;
-  // The newest turns first, so the end of a long thread is on screen at once.
-  let budget = FIRST_ITEMS;
-  let first = thread.turns.length;
-  while (first > 0 && budget > 0) {
-    first -= 1;
-    budget -= thread.turns[first].items.length + 1;
-  }
-  undrawn = thread.turns.slice(0, first);
   const fragment = document.createDocumentFragment();
-  for (const turn of thread.turns.slice(first)) fragment.append(drawTurn(turn));
+  for (const turn of thread.turns) fragment.append(drawTurn(turn));
   ui.conversation.append(fragment);
-  if (undrawn.length > 0) ui.conversation.prepend(topSentinel);
+  if (thread.earlier && thread.turns.length > 0) {
+    earliest = thread.turns[0].position;
+    ui.conversation.prepend(topSentinel);
+  }
   ui.scroller.scrollTop = ui.scroller.scrollHeight;
 }
 
-/** Draws the next older turns above, keeping what the reader sees where it is. */
-function drawOlder() {
-  if (undrawn.length === 0) return;
-  let budget = FIRST_ITEMS;
-  let first = undrawn.length;
-  while (first > 0 && budget > 0) {
-    first -= 1;
-    budget -= undrawn[first].items.length + 1;
+/** Fetches and draws the turns before the earliest drawn, keeping what the reader sees where it is. */
+async function drawEarlier() {
+  const thread = state.open;
+  if (earliest === null || fetchingEarlier || !thread) return;
+  fetchingEarlier = true;
+  try {
+    const answer = await fetch(`/api/threads/${encodeURIComponent(thread)}/turns?before=${earliest}`);
+    if (!answer.ok || state.open !== thread) return;
+    /** @type {{ turns: Turn[], earlier: boolean }} */
+    const { turns, earlier } = await answer.json();
+    const fromBottom = ui.scroller.scrollHeight - ui.scroller.scrollTop;
+    const fragment = document.createDocumentFragment();
+    for (const turn of turns) fragment.append(drawTurn(turn));
+    topSentinel.after(fragment);
+    earliest = earlier && turns.length > 0 ? turns[0].position : null;
+    if (earliest === null) topSentinel.remove();
+    ui.scroller.scrollTop = ui.scroller.scrollHeight - fromBottom;
+  } finally {
+    fetchingEarlier = false;
   }
-  const batch = undrawn.slice(first);
-  undrawn = undrawn.slice(0, first);
-  const fromBottom = ui.scroller.scrollHeight - ui.scroller.scrollTop;
-  const fragment = document.createDocumentFragment();
-  for (const turn of batch) fragment.append(drawTurn(turn));
-  topSentinel.after(fragment);
-  if (undrawn.length === 0) topSentinel.remove();
-  ui.scroller.scrollTop = ui.scroller.scrollHeight - fromBottom;
 }
 
-new IntersectionObserver((entries) => {
-  if (entries.some((entry) => entry.isIntersecting)) drawOlder();
-}, { root: ui.scroller, rootMargin: '600px 0px 0px 0px' }).observe(topSentinel);
+// Fetching again while the sentinel stays in view: a short page may not push it out.
+const earlierObserver = new IntersectionObserver((entries) => {
+  if (entries.some((entry) => entry.isIntersecting)) void drawEarlier().then(() => {
+    if (earliest !== null && topSentinel.isConnected) {
+      earlierObserver.unobserve(topSentinel);
+      earlierObserver.observe(topSentinel);
+    }
+  });
+}, { root: ui.scroller, rootMargin: '600px 0px 0px 0px' });
+earlierObserver.observe(topSentinel);
 
 // Following the answer: the view stays at the end while the reader is there, and stays put
 // when they have scrolled up to read.

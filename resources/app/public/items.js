@@ -20,14 +20,22 @@ export function element(tag, className, text) {
   return node;
 }
 
-/** Markdown in a container, appended to as it streams, checked once more when it is final. */
+// Drawing the growing rest again costs a parse and a sanitising pass: text that arrives in a
+// burst (many deltas in one network read) is drawn once a frame, not once a delta.
+const FRAME_MS = 16;
+
+/** Markdown in a container, drawn as it streams, checked once more when it is final. */
 class MarkdownBlock {
   /** @param {Markdown} md @param {HTMLElement} container */
   constructor(md, container) {
     this.md = md;
     this.container = container;
     this.stream = new StreamingMarkdown(md);
-    /** The nodes of the growing rest, replaced on every append. @type {ChildNode[]} */
+    /** Received but not drawn yet. */
+    this.pending = '';
+    this.frame = 0;
+    this.drawnAt = -Infinity;
+    /** The nodes of the growing rest, replaced on every draw. @type {ChildNode[]} */
     this.rest = [];
     /** What is drawn: the settled chunks' HTML, and the rest's. */
     this.settledHtml = '';
@@ -36,13 +44,26 @@ class MarkdownBlock {
   }
 
   get text() {
-    return this.stream.text;
+    return this.stream.text + this.pending;
   }
 
   /** @param {string} more */
   append(more) {
     if (more === '' || this.final) return;
-    const { settledHtml, restHtml } = this.stream.append(more);
+    this.pending += more;
+    if (this.frame !== 0) return;
+    // After a quiet moment the new words show at once; while they keep coming, once a frame.
+    if (performance.now() - this.drawnAt >= FRAME_MS) this.draw();
+    else this.frame = requestAnimationFrame(() => {
+      this.frame = 0;
+      this.draw();
+    });
+  }
+
+  draw() {
+    if (this.pending === '') return;
+    const { settledHtml, restHtml } = this.stream.append(this.pending);
+    this.pending = '';
     for (const node of this.rest) node.remove();
     if (settledHtml) this.container.append(safeFragment(settledHtml));
     const fragment = safeFragment(restHtml);
@@ -50,12 +71,16 @@ class MarkdownBlock {
     this.container.append(fragment);
     this.settledHtml += settledHtml;
     this.restHtml = restHtml;
+    this.drawnAt = performance.now();
   }
 
   /** Starts over with this text, still growing. @param {string} text */
   reset(text) {
+    cancelAnimationFrame(this.frame);
+    this.frame = 0;
     this.container.replaceChildren();
     this.stream = new StreamingMarkdown(this.md);
+    this.pending = '';
     this.rest = [];
     this.settledHtml = '';
     this.restHtml = '';
@@ -64,20 +89,21 @@ class MarkdownBlock {
   }
 
   /**
-   * The text is final. Streaming draws each block on its own, which the whole can draw otherwise
-   * (a reference defined further down): then it is drawn again, whole, once.
+   * The text is final: drawn whole, once, unless streaming drew exactly that already. (Streaming
+   * draws each block on its own, which the whole can draw otherwise: a reference defined later.)
    * @param {string} text
    */
   settle(text) {
     if (this.final && text === this.text) return;
-    if (!this.final && text.startsWith(this.text)) this.append(text.slice(this.text.length));
+    cancelAnimationFrame(this.frame);
+    this.frame = 0;
     const whole = this.md.render(text);
-    if (text !== this.text || this.settledHtml + this.restHtml !== whole) {
-      this.container.replaceChildren(safeFragment(whole));
-      this.stream = new StreamingMarkdown(this.md);
-      this.stream.text = text;
-      this.stream.settled = text.length;
-    }
+    const drawn = this.pending === '' && text === this.stream.text && this.settledHtml + this.restHtml === whole;
+    if (!drawn) this.container.replaceChildren(safeFragment(whole));
+    this.stream = new StreamingMarkdown(this.md);
+    this.stream.text = text;
+    this.stream.settled = text.length;
+    this.pending = '';
     this.settledHtml = whole;
     this.restHtml = '';
     this.rest = [];

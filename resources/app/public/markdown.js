@@ -5,12 +5,27 @@
 import markdownit from './vendor/markdown-it/markdown-it.esm.min.mjs';
 
 /** @typedef {ReturnType<typeof markdownit>} Markdown */
-/** @typedef {{ attrGet(name: string): string | null, content: string }} Token */
+/**
+ * @typedef {{
+ *   type: string, content: string, attrs: [string, string][] | null,
+ *   attrGet(name: string): string | null, attrJoin(name: string, value: string): void,
+ * }} Token
+ */
 
 /** The page's Markdown: no raw HTML from answers, links made clickable, images shown as links. */
 export function createMarkdown() {
   const md = markdownit({ html: false, linkify: true, breaks: false });
   // The page loads nothing from elsewhere; an image in an answer becomes a link to it.
+  // Column alignment as a class: a style attribute is refused by the page's policy.
+  md.core.ruler.push('alignment_classes', (/** @type {{ tokens: Token[] }} */ state) => {
+    for (const token of state.tokens) {
+      if (token.type !== 'th_open' && token.type !== 'td_open') continue;
+      const align = /^text-align:(left|center|right)$/.exec(token.attrGet('style') ?? '')?.[1];
+      if (!align) continue;
+      token.attrs = (token.attrs ?? []).filter(([name]) => name !== 'style');
+      token.attrJoin('class', `align-${align}`);
+    }
+  });
   md.renderer.rules.image = (/** @type {Token[]} */ tokens, /** @type {number} */ index) => {
     const token = tokens[index];
     const source = md.utils.escapeHtml(token?.attrGet('src') ?? '');

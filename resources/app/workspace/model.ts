@@ -70,7 +70,10 @@ export interface ThreadSummary {
 export interface Thread extends ThreadSummary {
   /** The thread's own folder, Codex's working folder for it. */
   folder: string;
+  /** Its newest turns; the page asks for earlier ones as the reader scrolls up to them. */
   turns: Turn[];
+  /** Whether there are turns before the first of these. */
+  earlier: boolean;
 }
 
 export type CodexState =

@@ -34,6 +34,7 @@ export const texts = {
   foreignOrigin: '只接受来自工作区页面本身的请求。',
   foreignUser: '这个工作区属于这台电脑上的另一个用户账户。',
   notFound: '没有这个地址。',
+  badPosition: '要读取的位置不对。',
   methodNotAllowed: '不支持这种请求方式。',
   storeUnavailable: (reason: string) => `现在无法保存新的问题：${reason}`,
   stopping: '工作区服务正在停止。',

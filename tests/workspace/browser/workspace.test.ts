@@ -3,7 +3,7 @@
 // in, follow up, run a command, stop, reload, quit, start again.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { readFileSync } from 'node:fs';
+import { mkdirSync, readFileSync } from 'node:fs';
 import { spawnSync } from 'node:child_process';
 import { join } from 'node:path';
 import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type ResponsesRequest } from '../support/standin.ts';
@@ -11,9 +11,12 @@ import { Launcher, Sandbox, WORKSPACE } from '../support/launcher.ts';
 import { launchBrowser, openPage, type Page } from '../support/browser.ts';
 import { until } from '../support/service.ts';
 import { texts } from '../../../resources/app/workspace/texts.ts';
+import { ThreadStore } from '../../../resources/app/workspace/store/store.ts';
+import type { TurnHead } from '../../../resources/app/workspace/model.ts';
 
 const FIRST_ANSWER = [
   '## SQLite 是什么\n\n', 'SQLite 是一个**嵌入式**数据库。', '\n\n- 无需服务器\n', '- 单个文件\n\n', '```sql\nSELECT ', "'hello';\n```\n",
+  '\n| 项 | 大小 |\n|:--|--:|\n| 页 | 4096 |\n',
 ];
 const HOSTILE = 'Careful: <img src=x onerror="window.pwned=1"> <script>window.pwned=2</script> [link](javascript:window.pwned=3)';
 
@@ -193,5 +196,42 @@ test('a Codex that is not signed in: the page says so and how to sign in', async
   await page.locator('#about summary').click();
   await page.locator('#about-list').getByText('API 密钥').waitFor();
   assert.equal(await page.locator('.banner').count(), 0);
+  await launcher.quit();
+});
+
+test('a long thread opens at its end, and its earlier turns come as the reader scrolls up, each once, in order', async (t) => {
+  const standIn = await startStandIn(() => reply.answer('never asked'));
+  const sandbox = new Sandbox((folder) => codexHome(standIn, { folder }));
+  mkdirSync(sandbox.dataFolder, { recursive: true, mode: 0o700 });
+  const store = ThreadStore.open(join(sandbox.dataFolder, 'workspace.db'));
+  const head = (position: number): TurnHead => ({
+    id: `turn-${position}`, threadId: 'long', position, question: `问题 ${position}`, status: 'completed', error: null, usage: null,
+    startedAt: position, endedAt: position,
+  });
+  store.createThread({ id: 'long', title: '很长的线程', folder: 'threads/long', createdAt: 0 }, head(0));
+  for (let position = 1; position < 60; position += 1) store.addTurn(head(position));
+  store.commit({
+    turns: [],
+    items: Array.from({ length: 60 }, (_, position) => [0, 1, 2].map((i) => ({
+      turnId: `turn-${position}`, item: { kind: 'answer' as const, position: i, status: 'completed' as const, text: `第 ${position} 轮的第 ${i} 段。\n\n${'内容 '.repeat(40)}` },
+    }))).flat(),
+  });
+  store.close();
+  const browser = await launchBrowser();
+  t.after(async () => {
+    await browser.close();
+    await standIn.close();
+    for (const pid of sandbox.leftovers()) process.kill(pid, 'SIGKILL');
+  });
+  const launcher = await Launcher.ready(sandbox);
+  const { page, problems } = await openPage(browser, `${WORKSPACE}#long`);
+  await page.locator('.turn .question').getByText('问题 59', { exact: true }).waitFor();
+  assert.ok(await page.locator('.turn').count() < 60, 'a page opens with its newest turns only');
+  for (let scrolls = 0; (await page.locator('.turn').count()) < 60 && scrolls < 40; scrolls += 1) {
+    await page.locator('#scroller').evaluate((scroller) => { scroller.scrollTop = 0; });
+    await page.waitForTimeout(100);
+  }
+  assert.deepEqual(await page.locator('.turn .question').allTextContents(), Array.from({ length: 60 }, (_, i) => `问题 ${i}`));
+  assert.deepEqual(problems, []);
   await launcher.quit();
 });

@@ -61,7 +61,9 @@ for (const [name, text] of Object.entries(ANSWERS)) {
   });
 }
 
-test('answers keep no raw HTML, and images become links, since the page loads nothing from elsewhere', () => {
+test('answers keep no raw HTML or style, and images become links, since the page loads nothing from elsewhere', () => {
+  assert.match(md.render('| a | b |\n|:--|--:|\n| 1 | 2 |\n'), /<th class="align-left">a<\/th>\n<th class="align-right">b<\/th>/);
+  assert.doesNotMatch(md.render(ANSWERS.table!), /style=/);
   const html = md.render(ANSWERS.hostile!);
   assert.doesNotMatch(html, /<script|<img|href="javascript:/);
   assert.match(html, /&lt;script&gt;/);

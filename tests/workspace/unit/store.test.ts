@@ -85,3 +85,27 @@ test('a full disk fails the whole batch, keeps what was kept, and the same batch
   assert.deepEqual(roomy.readThread('t1')!.turns.map((turn) => [turn.status, turn.items.length]), [['completed', 2]]);
   roomy.close();
 });
+
+test('a page of turns is the newest that fill the budget, at least one, and says whether earlier ones remain', () => {
+  const { store } = storeWithThread();
+  // Turn 0 has 1 item, 1 has 5, 2 has 0, 3 has 2: costs (items + the question) 2, 6, 1, 3.
+  const sizes = [1, 5, 0, 2];
+  sizes.forEach((size, position) => {
+    if (position > 0) store.addTurn(head(`u${position}`, position));
+    store.commit({ turns: [], items: Array.from({ length: size }, (_, i) => ({ turnId: `u${position}`, item: answer(i, `${position}.${i}`) })) });
+  });
+  const rows: [number | null, number, number[], boolean][] = [
+    [null, 4, [2, 3], true],
+    [null, 3, [3], true],
+    [null, 1, [3], true],
+    [null, 12, [0, 1, 2, 3], false],
+    [2, 6, [1], true],
+    [2, 8, [0, 1], false],
+    [0, 10, [], false],
+  ];
+  for (const [before, budget, positions, earlier] of rows) {
+    const page = store.readTurns('t1', before, budget);
+    assert.deepEqual([page.turns.map((turn) => turn.position), page.earlier], [positions, earlier], `before ${before}, budget ${budget}`);
+    for (const turn of page.turns) assert.equal(turn.items.length, sizes[turn.position]);
+  }
+});

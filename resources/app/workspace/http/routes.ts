@@ -57,6 +57,11 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
       if (!thread) throw new Refusal(404, texts.noSuchThread);
       return sendJson(response, 200, { thread });
     }
+    if (action === 'turns' && method === 'GET') {
+      const before = Number(url.searchParams.get('before'));
+      if (!Number.isSafeInteger(before) || before < 0) throw new Refusal(400, texts.badPosition);
+      return sendJson(response, 200, desk.earlierTurns(id, before));
+    }
     if (method !== 'POST') throw new Refusal(405, texts.methodNotAllowed);
     if (action === 'turns') return sendJson(response, 201, desk.ask(id, questionOf(await readJson(request))));
     if (action === 'stop') {

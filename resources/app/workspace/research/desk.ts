@@ -13,10 +13,12 @@ import { APPROVAL_POLICY, isTurnNotification, SANDBOX, type TurnNotification } f
 import { MARKER } from '../codex/commands.ts';
 import { StoreError, type ThreadStore } from '../store/store.ts';
 import type { Clock, Timer } from '../clock.ts';
-import type { PageEvent, Thread, ThreadSummary, TurnHead } from '../model.ts';
+import type { PageEvent, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
 
 export const QUESTION_LIMIT_BYTES = 1 << 20;
 export const STOP_DEADLINE_MS = 900;
+/** About how many items a page gets at a time: a screen or two, drawn in one go. */
+export const PAGE_ITEMS = 40;
 // Codex answers turn/start within milliseconds; this only bounds what one that never does costs.
 const EARLY_LIMIT = 10_000;
 const TITLE_LENGTH = 60;
@@ -119,14 +121,26 @@ export class ResearchDesk {
     return this.#options.store.listThreads().map((thread) => ({ ...thread, running: this.#live.has(thread.id) }));
   }
 
-  thread(id: string): Thread | null {
-    const kept = this.#options.store.readThread(id);
+  /** The thread as a page opens it: its newest turns, as they are now. */
+  thread(id: string, itemBudget = PAGE_ITEMS): Thread | null {
+    const kept = this.#options.store.readThread(id, itemBudget);
     if (!kept) return null;
     const { codexThreadId: _, folder, ...rest } = kept;
+    return { ...rest, folder: join(this.#options.dataFolder, folder), turns: this.#fresh(id, kept.turns), running: this.#live.has(id) };
+  }
+
+  /** Turns before this position, for a page the reader scrolls up in. */
+  earlierTurns(id: string, before: number): { turns: Turn[]; earlier: boolean } {
+    if (!this.#options.store.summary(id)) throw new Refusal(404, texts.noSuchThread);
+    const { turns, earlier } = this.#options.store.readTurns(id, before, PAGE_ITEMS);
+    return { turns: this.#fresh(id, turns), earlier };
+  }
+
+  /** The running turn, and ended ones the store has not taken yet, as they are in memory. */
+  #fresh(id: string, turns: Turn[]): Turn[] {
     const fresh = [this.#live.get(id), ...this.#unsaved.values()]
       .filter((turn): turn is LiveTurn => turn?.head.threadId === id);
-    const turns = kept.turns.map((turn) => fresh.find((live) => live.head.id === turn.id)?.turn ?? turn);
-    return { ...rest, folder: join(this.#options.dataFolder, folder), turns, running: this.#live.has(id) };
+    return turns.map((turn) => fresh.find((live) => live.head.id === turn.id)?.turn ?? turn);
   }
 
   /** A new thread, its folder and its first turn; the answer streams in afterwards. */
@@ -311,7 +325,7 @@ export class ResearchDesk {
   }
 
   #transcript(threadId: string): string | null {
-    const turns = this.#options.store.readThread(threadId)?.turns.filter((turn) => turn.status !== 'running') ?? [];
+    const turns = this.#options.store.readTurns(threadId, null, Infinity).turns.filter((turn) => turn.status !== 'running');
     if (turns.length === 0) return null;
     const lines = turns.map((turn) => {
       const answer = turn.items.filter((item) => item.kind === 'answer').map((item) => item.text).join('\n\n');

@@ -140,21 +140,40 @@ export class ThreadStore {
     return rows.map((row) => ({ id: row.id, title: row.title, createdAt: row.created_at, updatedAt: row.updated_at }));
   }
 
-  readThread(id: string): (Omit<Thread, 'running'> & { codexThreadId: string | null }) | null {
+  /** The thread with its newest turns, as many as fill about this many items; earlier: more before them. */
+  readThread(id: string, itemBudget = Infinity): (Omit<Thread, 'running'> & { codexThreadId: string | null }) | null {
     const row = this.#statement('SELECT * FROM threads WHERE id = ?').get(id) as
       (ThreadRow & { codex_thread_id: string | null }) | undefined;
     if (!row) return null;
-    const turns = (this.#statement('SELECT * FROM turns WHERE thread_id = ? ORDER BY position').all(id) as unknown as TurnRow[])
-      .map((turn): Turn => ({ ...headOf(turn), items: [] }));
-    const byId = new Map(turns.map((turn) => [turn.id, turn]));
-    const items = this.#statement(
-      'SELECT items.turn_id, items.body FROM items JOIN turns ON turns.id = items.turn_id WHERE turns.thread_id = ? ORDER BY turns.position, items.position',
-    ).all(id) as unknown as { turn_id: string; body: string }[];
-    for (const item of items) byId.get(item.turn_id)?.items.push(JSON.parse(item.body) as Item);
+    const { turns, earlier } = this.readTurns(id, null, itemBudget);
     return {
       id: row.id, title: row.title, folder: row.folder, codexThreadId: row.codex_thread_id,
-      createdAt: row.created_at, updatedAt: row.updated_at, turns,
+      createdAt: row.created_at, updatedAt: row.updated_at, turns, earlier,
     };
+  }
+
+  /**
+   * The turns before this position (or the newest), oldest first: as many as fill the budget of
+   * items (a turn's question counts as one), at least one; earlier: whether more come before them.
+   */
+  readTurns(threadId: string, before: number | null, itemBudget: number): { turns: Turn[]; earlier: boolean } {
+    // Every turn costs at least one of the budget, so this many rows always suffice.
+    const limit = Number.isFinite(itemBudget) ? Math.max(1, Math.ceil(itemBudget)) + 1 : -1;
+    const rows = this.#statement(`SELECT turns.*, (SELECT count(*) FROM items WHERE items.turn_id = turns.id) AS item_count
+      FROM turns WHERE thread_id = ? AND position < ? ORDER BY position DESC LIMIT ?`)
+      .all(threadId, before ?? Number.MAX_SAFE_INTEGER, limit) as unknown as (TurnRow & { item_count: number })[];
+    let spent = 0;
+    let taken = 0;
+    while (taken < rows.length && (taken === 0 || spent + rows[taken]!.item_count + 1 <= itemBudget)) {
+      spent += rows[taken]!.item_count + 1;
+      taken += 1;
+    }
+    const items = this.#statement('SELECT body FROM items WHERE turn_id = ? ORDER BY position');
+    const turns = rows.slice(0, taken).reverse().map((turn): Turn => ({
+      ...headOf(turn),
+      items: (items.all(turn.id) as { body: string }[]).map((item) => JSON.parse(item.body) as Item),
+    }));
+    return { turns, earlier: taken < rows.length };
   }
 
   summary(id: string): Omit<ThreadSummary, 'running'> | null {
