@@ -1,12 +1,12 @@
 // The workspace as a user meets it: the real launcher starts the service, the real Codex answers
 // through the stand-in model, and Debian's Chromium shows it. Start, ask, watch the answer stream
 // in, follow up, run a command, stop, reload, quit, start again.
-import { test } from 'node:test';
+import { test, type TestContext } from 'node:test';
 import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync } from 'node:fs';
 import { spawnSync } from 'node:child_process';
 import { join } from 'node:path';
-import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type ResponsesRequest } from '../support/standin.ts';
+import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type ResponsesRequest, type Script } from '../support/standin.ts';
 import { Launcher, Sandbox, WORKSPACE } from '../support/launcher.ts';
 import { launchBrowser, openPage, type Page } from '../support/browser.ts';
 import { until } from '../support/service.ts';
@@ -42,6 +42,19 @@ function script(request: ResponsesRequest) {
   return reply.answer('好的。');
 }
 
+/** The stand-in model with this script, a sandbox whose Codex uses it, and a browser; all gone after the test. */
+async function world(t: TestContext, answer: Script, options: { signedOut?: boolean } = {}) {
+  const standIn = await startStandIn(answer);
+  const sandbox = new Sandbox((folder) => codexHome(standIn, { folder, ...options }));
+  const browser = await launchBrowser();
+  t.after(async () => {
+    await browser.close();
+    await standIn.close();
+    for (const pid of sandbox.leftovers()) process.kill(pid, 'SIGKILL');
+  });
+  return { sandbox, browser };
+}
+
 async function ask(page: Page, question: string) {
   const turns = await page.locator('.turn').count();
   await page.fill('#question', question);
@@ -59,14 +72,7 @@ async function newThread(page: Page) {
 const foot = (turn: ReturnType<Page['locator']>) => turn.locator('.turn-foot');
 
 test('start, ask, stream, follow up, run a command, stop, reload, quit, start again: nothing lost, nothing left running', async (t) => {
-  const standIn = await startStandIn(script);
-  const sandbox = new Sandbox((folder) => codexHome(standIn, { folder }));
-  const browser = await launchBrowser();
-  t.after(async () => {
-    await browser.close();
-    await standIn.close();
-    for (const pid of sandbox.leftovers()) process.kill(pid, 'SIGKILL');
-  });
+  const { sandbox, browser } = await world(t, script);
 
   const launcher = await Launcher.ready(sandbox);
   assert.deepEqual(sandbox.opened(), [WORKSPACE]);
@@ -174,14 +180,7 @@ test('start, ask, stream, follow up, run a command, stop, reload, quit, start ag
 });
 
 test('a Codex that is not signed in: the page says so and how to sign in', async (t) => {
-  const standIn = await startStandIn(() => reply.answer('never asked'));
-  const sandbox = new Sandbox((folder) => codexHome(standIn, { folder, signedOut: true }));
-  const browser = await launchBrowser();
-  t.after(async () => {
-    await browser.close();
-    await standIn.close();
-    for (const pid of sandbox.leftovers()) process.kill(pid, 'SIGKILL');
-  });
+  const { sandbox, browser } = await world(t, () => reply.answer('never asked'), { signedOut: true });
   const launcher = await Launcher.ready(sandbox);
   const { page } = await openPage(browser, WORKSPACE);
   await page.locator('.banner').getByText('Codex 还没有登录').waitFor();
@@ -200,8 +199,7 @@ test('a Codex that is not signed in: the page says so and how to sign in', async
 });
 
 test('a long thread opens at its end, and its earlier turns come as the reader scrolls up, each once, in order', async (t) => {
-  const standIn = await startStandIn(() => reply.answer('never asked'));
-  const sandbox = new Sandbox((folder) => codexHome(standIn, { folder }));
+  const { sandbox, browser } = await world(t, () => reply.answer('never asked'));
   mkdirSync(sandbox.dataFolder, { recursive: true, mode: 0o700 });
   const store = ThreadStore.open(join(sandbox.dataFolder, 'workspace.db'));
   const head = (position: number): TurnHead => ({
@@ -217,12 +215,6 @@ test('a long thread opens at its end, and its earlier turns come as the reader s
     }))).flat(),
   });
   store.close();
-  const browser = await launchBrowser();
-  t.after(async () => {
-    await browser.close();
-    await standIn.close();
-    for (const pid of sandbox.leftovers()) process.kill(pid, 'SIGKILL');
-  });
   const launcher = await Launcher.ready(sandbox);
   const { page, problems } = await openPage(browser, `${WORKSPACE}#long`);
   await page.locator('.turn .question').getByText('问题 59', { exact: true }).waitFor();

@@ -9,16 +9,7 @@ import { once } from 'node:events';
 import { constants } from 'node:os';
 import { endThreadCommands, killSurvivors, parseStat, treeOf, MARKER } from '../../../resources/app/workspace/codex/commands.ts';
 import { systemClock } from '../../../resources/app/workspace/clock.ts';
-import { NODE, until } from '../support/service.ts';
-
-function alive(pid: number): boolean {
-  try {
-    const stat = readFileSync(`/proc/${pid}/stat`, 'utf8');
-    return stat.slice(stat.lastIndexOf(')') + 2)[0] !== 'Z';
-  } catch {
-    return false;
-  }
-}
+import { isRunning, NODE, until } from '../support/service.ts';
 
 function catches(pid: number, signal: 'SIGTERM'): boolean {
   const mask = /^SigCgt:\s*([0-9a-f]+)$/m.exec(readFileSync(`/proc/${pid}/status`, 'utf8'))?.[1] ?? '0';
@@ -57,8 +48,8 @@ test('a thread\'s commands end, the shell\'s children and a SIGTERM-proof one in
   const ended = await endThreadCommands(root.pid!, 't1', systemClock);
 
   assert.equal(ended, 3, 'the shell, its sleep and the stubborn one were signalled');
-  await until('the thread\'s commands to end', () => [pids.shell!, sleeping, pids.stubborn!].every((pid) => !alive(pid)), 5000);
-  assert.deepEqual([pids.otherThread!, pids.unmarked!, outside.pid!, root.pid!].map(alive), [true, true, true, true]);
+  await until('the thread\'s commands to end', () => [pids.shell!, sleeping, pids.stubborn!].every((pid) => !isRunning(pid)), 5000);
+  assert.deepEqual([pids.otherThread!, pids.unmarked!, outside.pid!, root.pid!].map(isRunning), [true, true, true, true]);
   for (const pid of [pids.otherThread!, pids.unmarked!]) process.kill(pid, 'SIGKILL');
 });
 
@@ -70,7 +61,7 @@ test('what outlived the app-server is ended, but not a process that has since ta
   // The same id, started at another time: another process.
   const reused = { pid: survivor.pid!, ppid: process.pid, started: `${table[0]!.started}0` };
   assert.equal(await killSurvivors([reused]), 0);
-  assert.equal(alive(survivor.pid!), true);
+  assert.equal(isRunning(survivor.pid!), true);
   assert.equal(await killSurvivors(table), 1);
   await once(survivor, 'exit');
 });

@@ -9,7 +9,7 @@ import { join } from 'node:path';
 import { DatabaseSync } from 'node:sqlite';
 import { texts } from '../../../resources/app/workspace/texts.ts';
 import { MINIMUM_CODEX_VERSION } from '../../../resources/app/workspace/codex/appServer.ts';
-import { fakeCodex, NODE, startService, temporaryFolder, until, type Running } from '../support/service.ts';
+import { fakeCodex, isRunning, NODE, startService, temporaryFolder, until, type Running } from '../support/service.ts';
 
 async function withService(env: NodeJS.ProcessEnv, work: (service: Running, log: string) => Promise<void>, codexPath?: string) {
   const folder = temporaryFolder('lm-fake-');
@@ -229,14 +229,5 @@ function childrenOf(pid: number): number[] {
     return readFileSync(`/proc/${pid}/task/${pid}/children`, 'utf8').trim().split(/\s+/).filter(Boolean).map(Number);
   } catch {
     return [];
-  }
-}
-
-function isRunning(pid: number): boolean {
-  try {
-    const stat = readFileSync(`/proc/${pid}/stat`, 'utf8');
-    return stat.slice(stat.lastIndexOf(')') + 2)[0] !== 'Z';
-  } catch {
-    return false;
   }
 }

@@ -6,7 +6,7 @@ import { spawn, type ChildProcess } from 'node:child_process';
 import { mkdirSync, readdirSync, readFileSync, symlinkSync, writeFileSync, chmodSync } from 'node:fs';
 import { once } from 'node:events';
 import { join } from 'node:path';
-import { CODEX, NODE, SOURCE, temporaryFolder, until } from './service.ts';
+import { CODEX, isRunning, NODE, SOURCE, temporaryFolder, until } from './service.ts';
 
 export const WORKSPACE = 'http://127.0.0.1:18765/';
 const BUILD = process.env.LM_BUILD_DIR ?? join(SOURCE, 'build');
@@ -43,9 +43,7 @@ export class Sandbox {
     return readdirSync('/proc').filter((name) => /^\d+$/.test(name)).map(Number).filter((pid) => {
       if (pid === process.pid) return false;
       try {
-        const stat = readFileSync(`/proc/${pid}/stat`, 'utf8');
-        if (stat.slice(stat.lastIndexOf(')') + 2)[0] === 'Z') return false;
-        return ['environ', 'cmdline'].some((name) => readFileSync(`/proc/${pid}/${name}`).includes(mark));
+        return isRunning(pid) && ['environ', 'cmdline'].some((name) => readFileSync(`/proc/${pid}/${name}`).includes(mark));
       } catch {
         return false;
       }

@@ -1,7 +1,7 @@
 // The workspace service as the launcher runs it: a child Node.js on server.mjs, with the
 // launcher's environment, on a free loopback port; and a page's view of it (its event stream).
 import { spawn, type ChildProcess } from 'node:child_process';
-import { chmodSync, mkdtempSync, writeFileSync } from 'node:fs';
+import { chmodSync, mkdtempSync, readFileSync, writeFileSync } from 'node:fs';
 import { createServer } from 'node:net';
 import { once } from 'node:events';
 import { request as httpRequest } from 'node:http';
@@ -26,6 +26,16 @@ export async function freePort(): Promise<number> {
   server.close();
   await once(server, 'close');
   return port;
+}
+
+/** Whether the process runs: it exists and has not ended (a zombie has). */
+export function isRunning(pid: number): boolean {
+  try {
+    const stat = readFileSync(`/proc/${pid}/stat`, 'utf8');
+    return stat.slice(stat.lastIndexOf(')') + 2)[0] !== 'Z';
+  } catch {
+    return false;
+  }
 }
 
 /** An executable that runs the fake app-server under this test's Node.js. */
