@@ -8,7 +8,8 @@ import { LiveTurn, type TurnSink } from './liveTurn.ts';
 import { Journal } from './journal.ts';
 import { Refusal } from '../refusal.ts';
 import { texts } from '../texts.ts';
-import { RpcError } from '../codex/rpc.ts';
+import { RpcClosed, RpcError } from '../codex/rpc.ts';
+import { CodexUnavailable } from '../codex/appServer.ts';
 import { APPROVAL_POLICY, isTurnNotification, SANDBOX, type TurnNotification } from '../codex/protocol.ts';
 import { MARKER } from '../codex/commands.ts';
 import { StoreError, type ThreadStore } from '../store/store.ts';
@@ -52,7 +53,7 @@ function checkQuestion(question: unknown): string {
   return question;
 }
 
-function describeStorage(error: StoreError): string {
+export function describeStorage(error: StoreError): string {
   if (error.reason === 'full') return texts.storageFull;
   if (error.reason === 'unwritable') return texts.storageUnwritable;
   if (error.reason === 'corrupt') return texts.storageCorrupt;
@@ -66,7 +67,14 @@ function storageRefusal(error: unknown): Refusal {
   return new Refusal(503, texts.storeUnavailable(reason));
 }
 
-export { describeStorage };
+/** Why a turn could not start, in one sentence: Codex's own refusals are in English. */
+function failureOf(error: unknown): string {
+  if (error instanceof CodexUnavailable) return error.message;
+  if (error instanceof RpcClosed) return texts.turnCutByCodexExit;
+  if (error instanceof RpcError) return texts.codexError(error.message);
+  if (error instanceof StoreError) return describeStorage(error);
+  return texts.internal(error instanceof Error ? error.message : String(error));
+}
 
 /** Thread ids name folders: the day first, so a file manager lists them in order. */
 function newThreadId(now: number): string {
@@ -286,7 +294,7 @@ export class ResearchDesk {
       // A stop asked for meanwhile (and perhaps already given up on) still reaches Codex.
       if (live.stopRequested) await this.#interrupt(live);
     } catch (error) {
-      this.#end(live, 'failed', error instanceof Error ? error.message : String(error));
+      this.#end(live, 'failed', failureOf(error));
     }
   }
 
