@@ -25,7 +25,7 @@ for bundled in entities linkify-it mdurl uc.micro punycode.js; do
   licence=$(find "$modules/$bundled" -maxdepth 1 -iname 'licen[cs]e*' | head -n 1)
   cp "$licence" "$vendor/markdown-it/LICENSE.$bundled.txt"
 done
-cp "$modules/dompurify/dist/purify.es.mjs" "$vendor/dompurify/"
+cp "$modules/dompurify/dist/purify.min.js" "$vendor/dompurify/"
 cp "$modules/dompurify/LICENSE" "$vendor/dompurify/LICENSE.txt"
 
 {

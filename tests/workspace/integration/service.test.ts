@@ -92,7 +92,7 @@ test('the page comes with a policy that allows no inline or outside script, and 
     assert.match(policy, /script-src 'self'(;|$)/);
     assert.match(policy, /default-src 'none'/);
     assert.doesNotMatch(page.body, /<script(?![^>]*\bsrc=)/, 'no inline script');
-    for (const asset of ['/app.js', '/vendor/markdown-it/markdown-it.esm.min.mjs', '/vendor/dompurify/purify.es.mjs']) {
+    for (const asset of ['/app.js', '/vendor/markdown-it/markdown-it.esm.min.mjs', '/vendor/dompurify/purify.min.js']) {
       const answer = await service.request('GET', asset);
       assert.deepEqual([answer.status, answer.headers.get('content-type')], [200, 'text/javascript; charset=utf-8'], asset);
     }
