@@ -199,9 +199,9 @@ export class ItemView {
       case 'command': {
         const output = /** @type {HTMLElement} */ (this.output);
         if (output.textContent !== item.output) output.textContent = item.output;
-        if (item.dropped > 0) output.append(element('span', 'dropped', `\n……（另有 ${item.dropped} 个字符未保留）`));
         const exit = item.exitCode === null ? '' : `退出码 ${item.exitCode}`;
-        const parts = item.status === 'running' ? [STATUS_TEXT.running] : [exit || STATUS_TEXT[item.status], duration(item.durationMs)];
+        const dropped = item.dropped > 0 ? `另有 ${item.dropped} 个字符的输出未保留` : '';
+        const parts = item.status === 'running' ? [STATUS_TEXT.running, dropped] : [exit || STATUS_TEXT[item.status], duration(item.durationMs), dropped];
         /** @type {HTMLElement} */ (this.state).textContent = parts.filter(Boolean).join(' · ');
         this.node.classList.toggle('nonzero', item.exitCode !== null && item.exitCode !== 0);
         break;

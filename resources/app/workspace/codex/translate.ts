@@ -77,12 +77,12 @@ export function toItem(codex: CodexItem, position: number): Item | null {
 export function completeItem(current: Item, codex: CodexItem): Item {
   const final = toItem(codex, current.position);
   if (!final || final.kind !== current.kind) return { ...current, status: 'completed' } as Item;
-  if (final.kind === 'command' && final.status === 'running') return { ...final, status: 'completed' };
-  if (final.kind === 'command' && current.kind === 'command' && final.output === '' && current.output !== '') {
-    // Codex leaves the aggregate out when the command's output was streamed in full.
-    return { ...final, output: current.output, dropped: current.dropped };
+  const done = (final.status === 'running' ? { ...final, status: 'completed' } : final) as Item;
+  // Codex leaves the aggregate out when the command's output was streamed in full.
+  if (done.kind === 'command' && current.kind === 'command' && done.output === '') {
+    return { ...done, output: current.output, dropped: current.dropped };
   }
-  return final.status === 'running' ? { ...final, status: 'completed' } as Item : final;
+  return done;
 }
 
 export function usageOf(total: CodexTokenBreakdown, base: CodexTokenBreakdown | null): Usage {

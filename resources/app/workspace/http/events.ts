@@ -47,12 +47,12 @@ export class EventHub {
   }
 
   publish(event: PageEvent): void {
-    if (this.#subscribers.size === 0) return;
     const thread = threadOf(event);
+    const readers = [...this.#subscribers].filter((subscriber) => thread === null || subscriber.threadId === thread);
+    // Every delta comes here: one nobody has open is not even serialised.
+    if (readers.length === 0) return;
     const text = frame(event);
-    for (const subscriber of this.#subscribers) {
-      if (thread === null || subscriber.threadId === thread) this.#write(subscriber, text);
-    }
+    for (const subscriber of readers) this.#write(subscriber, text);
   }
 
   closeAll(): void {

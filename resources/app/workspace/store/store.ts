@@ -137,7 +137,7 @@ export class ThreadStore {
   listThreads(): Omit<ThreadSummary, 'running'>[] {
     const rows = this.#statement('SELECT id, title, created_at, updated_at FROM threads ORDER BY updated_at DESC, id')
       .all() as unknown as ThreadRow[];
-    return rows.map((row) => ({ id: row.id, title: row.title, createdAt: row.created_at, updatedAt: row.updated_at }));
+    return rows.map(summaryOf);
   }
 
   /** The thread with its newest turns, as many as fill about this many items; earlier: more before them. */
@@ -179,7 +179,7 @@ export class ThreadStore {
   summary(id: string): Omit<ThreadSummary, 'running'> | null {
     const row = this.#statement('SELECT id, title, created_at, updated_at FROM threads WHERE id = ?').get(id) as
       ThreadRow | undefined;
-    return row ? { id: row.id, title: row.title, createdAt: row.created_at, updatedAt: row.updated_at } : null;
+    return row ? summaryOf(row) : null;
   }
 
   /** What Codex needs to carry on with a thread: its folder and Codex's own id for it. */
@@ -258,6 +258,10 @@ export class ThreadStore {
     this.#open = false;
     this.#db.close();
   }
+}
+
+function summaryOf(row: ThreadRow): Omit<ThreadSummary, 'running'> {
+  return { id: row.id, title: row.title, createdAt: row.created_at, updatedAt: row.updated_at };
 }
 
 function headOf(row: TurnRow): TurnHead {
