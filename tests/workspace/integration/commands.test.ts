@@ -7,7 +7,7 @@ import { readFileSync } from 'node:fs';
 import { createInterface } from 'node:readline';
 import { once } from 'node:events';
 import { constants } from 'node:os';
-import { endThreadCommands, killSurvivors, parseStat, treeOf, MARKER } from '../../../resources/app/workspace/codex/commands.ts';
+import { endThreadCommands, killSurvivors, treeOf, MARKER } from '../../../resources/app/workspace/codex/commands.ts';
 import { systemClock } from '../../../resources/app/workspace/clock.ts';
 import { isRunning, NODE, until } from '../support/service.ts';
 
@@ -64,9 +64,4 @@ test('what outlived the app-server is ended, but not a process that has since ta
   assert.equal(isRunning(survivor.pid!), true);
   assert.equal(await killSurvivors(table), 1);
   await once(survivor, 'exit');
-});
-
-test('a process name with spaces and parentheses does not shift the fields after it', () => {
-  const stat = '4711 (we(ird) na)me) S 42 4711 4711 0 -1 4194560 1 0 0 0 0 0 0 0 20 0 1 0 987654 1000 100';
-  assert.deepEqual(parseStat(4711, stat), { pid: 4711, ppid: 42, started: '987654' });
 });

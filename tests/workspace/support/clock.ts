@@ -21,11 +21,6 @@ export class VirtualClock implements Clock {
     return { cancel: () => { pending.cancelled = true; } };
   }
 
-  /** Timers that have not fired and were not cancelled. */
-  get waiting(): number {
-    return this.#pending.filter((pending) => !pending.cancelled).length;
-  }
-
   /** Moves time on, firing what falls due in order; lets promises settle after each. */
   async advance(ms: number): Promise<void> {
     const end = this.#now + ms;

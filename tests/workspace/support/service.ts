@@ -102,7 +102,6 @@ export interface Running {
   port: number;
   child: ChildProcess;
   dataFolder: string;
-  output: () => string;
   request(method: string, path: string, body?: unknown, headers?: Record<string, string>): Promise<{ status: number; body: any; headers: Headers }>;
   page(threadId?: string | null): Page;
   exited: Promise<[number | null, NodeJS.Signals | null]>;
@@ -128,10 +127,8 @@ export async function startService(options: { codexPath: string; dataFolder?: st
   const exited = once(child, 'exit') as Promise<[number | null, NodeJS.Signals | null]>;
   const url = `http://127.0.0.1:${port}/`;
   await until('the service to listen', () => output.includes('listening on'));
-  const pages: Page[] = [];
   return {
     url, port, child, dataFolder, exited,
-    output: () => output,
     request(method, path, body, headers = {}) {
       // node:http, not fetch: a test must be able to send any Host and Origin, or none.
       const payload = body === undefined ? undefined : Buffer.from(typeof body === 'string' ? body : JSON.stringify(body));
@@ -160,7 +157,6 @@ export async function startService(options: { codexPath: string; dataFolder?: st
     },
     page(threadId = null) {
       const page = new Page(url, threadId);
-      pages.push(page);
       child.once('exit', () => page.close());
       return page;
     },

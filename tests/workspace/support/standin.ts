@@ -21,8 +21,7 @@ export type Reply =
 export type Step =
   | { text: string[]; gapMs?: number; holdAfter?: { index: number; until: Promise<void> } }
   | { reasoning: string }
-  | { command: string }
-  | { pauseMs: number };
+  | { command: string };
 
 export type Script = (request: ResponsesRequest, index: number) => Reply;
 
@@ -73,9 +72,7 @@ export async function startStandIn(script: Script): Promise<StandIn> {
     for (const step of reply.steps) {
       if (response.destroyed) return;
       const id = `${index}_${output}`;
-      if ('pauseMs' in step) {
-        await new Promise((resolve) => setTimeout(resolve, step.pauseMs));
-      } else if ('text' in step) {
+      if ('text' in step) {
         send('response.output_item.added', { output_index: output, item: { type: 'message', id: `msg_${id}`, role: 'assistant', content: [] } });
         for (const [index, delta] of step.text.entries()) {
           standIn.sentAt.set(delta, performance.timeOrigin + performance.now());

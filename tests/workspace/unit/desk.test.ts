@@ -7,20 +7,18 @@ import { join } from 'node:path';
 import { ResearchDesk, STOP_DEADLINE_MS } from '../../../resources/app/workspace/research/desk.ts';
 import { ThreadStore, StoreError } from '../../../resources/app/workspace/store/store.ts';
 import { RpcError } from '../../../resources/app/workspace/codex/rpc.ts';
-import type { PageEvent } from '../../../resources/app/workspace/model.ts';
 import { VirtualClock, settle } from '../support/clock.ts';
 import { temporaryFolder } from '../support/service.ts';
-
-type Handler = (params: any) => unknown;
 
 /** Codex as the test scripts it: each method answers, fails, or waits for the test. */
 class ScriptedCodex {
   calls: [string, any][] = [];
-  pid: number | null = 4242;
-  handlers: Record<string, Handler> = {
-    'thread/start': () => ({ thread: { id: `codex-${this.calls.filter(([m]) => m === 'thread/start').length}` } }),
+  pid = 4242;
+  #count = (method: string) => this.calls.filter(([m]) => m === method).length;
+  handlers: Record<string, (params: any) => unknown> = {
+    'thread/start': () => ({ thread: { id: `codex-${this.#count('thread/start')}` } }),
     'thread/resume': () => ({}),
-    'turn/start': () => ({ turn: { id: `turn-${this.calls.filter(([m]) => m === 'turn/start').length}` } }),
+    'turn/start': () => ({ turn: { id: `turn-${this.#count('turn/start')}` } }),
     'turn/interrupt': () => ({}),
   };
 
@@ -29,38 +27,30 @@ class ScriptedCodex {
     return (await this.handlers[method]!(params)) as T;
   }
 
-  methods(): string[] {
-    return this.calls.map(([method]) => method);
-  }
+  methods = () => this.calls.map(([method]) => method);
 }
 
-function deskFixture(options: { commit?: (original: () => void) => void; dataFolder?: string } = {}) {
+/** A desk on a real store; commit, when given, stands between the desk and the store's writes. */
+function deskFixture(options: { commit?: (write: () => void) => void; dataFolder?: string } = {}) {
   const dataFolder = options.dataFolder ?? temporaryFolder('lm-desk-');
   const realStore = ThreadStore.open(join(dataFolder, 'workspace.db'));
-  const store = options.commit
-    ? new Proxy(realStore, {
-      get(target, key) {
-        const value = Reflect.get(target, key, target);
-        if (key !== 'commit') return typeof value === 'function' ? value.bind(target) : value;
-        return (batch: unknown) => options.commit!(() => target.commit(batch as never));
-      },
-    })
-    : realStore;
+  const store = new Proxy(realStore, {
+    get: (target, key) => (key === 'commit' && options.commit
+      ? (batch: never) => options.commit!(() => target.commit(batch))
+      : (Reflect.get(target, key, target) as () => unknown).bind(target)),
+  });
   const codex = new ScriptedCodex();
   const clock = new VirtualClock();
-  const events: PageEvent[] = [];
-  const ended: [number, string][] = [];
   const storage: (string | null)[] = [];
   const desk = new ResearchDesk({
-    store, codex, dataFolder, clock,
-    publish: (event) => events.push(structuredClone(event)),
-    endCommands: async (pid, thread) => { ended.push([pid, thread]); },
+    store, codex, dataFolder, clock, publish: () => {}, endCommands: async () => {},
     reportStorage: (error) => storage.push(error ? error.reason : null),
   });
   /** Codex's notification for the turn it is running in this Codex thread. */
   const notify = (method: string, params: object, codexThread = 'codex-1', turn = 'turn-1') =>
     desk.onNotification(method, { threadId: codexThread, turnId: turn, ...params });
-  return { desk, store: realStore, codex, clock, events, ended, storage, dataFolder, notify };
+  const answers = (id: string) => desk.thread(id)!.turns.map((turn) => turn.items.map((item) => item.kind === 'answer' && item.text));
+  return { desk, store: realStore, codex, clock, storage, dataFolder, notify, answers };
 }
 
 test('a new thread: an owner-only folder, and a Codex thread working there that may write only there, asks nothing, searches live', async () => {
@@ -96,26 +86,6 @@ test('a thread Codex no longer has is started afresh, with the thread so far bef
   assert.equal(codex.calls.at(-1)![1].threadId, 'codex-2');
 });
 
-test('a stop interrupts Codex\'s turn, then ends the thread\'s commands, and keeps what was shown', async () => {
-  const { desk, codex, ended, notify } = deskFixture();
-  const { thread } = desk.create('long one');
-  await settle();
-  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } });
-  notify('item/agentMessage/delta', { itemId: 'a', delta: 'so far' });
-  let answerInterrupt!: () => void;
-  codex.handlers['turn/interrupt'] = () => new Promise<void>((resolve) => { answerInterrupt = resolve; });
-  const stopping = desk.stop(thread.id);
-  await settle();
-  assert.deepEqual(codex.calls.at(-1), ['turn/interrupt', { threadId: 'codex-1', turnId: 'turn-1' }]);
-  assert.deepEqual(ended, [], 'commands are ended only once Codex has taken the interrupt');
-  notify('turn/completed', { turn: { id: 'turn-1', status: 'interrupted', error: null } });
-  answerInterrupt();
-  await stopping;
-  assert.deepEqual(ended, [[4242, thread.id]]);
-  const [turn] = desk.thread(thread.id)!.turns;
-  assert.deepEqual([turn!.status, turn!.items], ['stopped', [{ kind: 'answer', position: 0, status: 'stopped', text: 'so far' }]]);
-});
-
 test('a stop before Codex started the turn: the turn never starts', async () => {
   const { desk, codex } = deskFixture();
   let startThread!: (value: unknown) => void;
@@ -130,7 +100,7 @@ test('a stop before Codex started the turn: the turn never starts', async () => 
 });
 
 test('a Codex that does not confirm a stop: the turn is stopped at the deadline, and what it sends later goes nowhere', async () => {
-  const { desk, codex, clock, notify } = deskFixture();
+  const { desk, codex, clock, notify, answers } = deskFixture();
   const { thread } = desk.create('hung');
   await settle();
   codex.handlers['turn/interrupt'] = () => new Promise(() => {});
@@ -143,14 +113,14 @@ test('a Codex that does not confirm a stop: the turn is stopped at the deadline,
   await settle();
   notify('item/started', { item: { type: 'agentMessage', id: 'late', text: 'from the old turn' } }, 'codex-1', 'turn-1');
   notify('item/started', { item: { type: 'agentMessage', id: 'new', text: 'from the new turn' } }, 'codex-1', 'turn-2');
-  const turns = desk.thread(thread.id)!.turns;
-  assert.deepEqual(turns.map((turn) => turn.items.map((item) => item.kind === 'answer' && item.text)), [[], ['from the new turn']]);
+  assert.deepEqual(answers(thread.id), [[], ['from the new turn']]);
 });
 
 test('while the disk is full the page still has the whole turn, and it is written once there is room', async () => {
   let full = false;
-  const fixture = deskFixture({ commit: (write) => { if (full) throw new StoreError('full', 'database or disk is full'); write(); } });
-  const { desk, store, storage, clock, notify } = fixture;
+  const { desk, store, storage, clock, notify, answers } = deskFixture({
+    commit: (write) => { if (full) throw new StoreError('full', 'database or disk is full'); write(); },
+  });
   const { thread } = desk.create('q');
   await settle();
   full = true;
@@ -158,28 +128,12 @@ test('while the disk is full the page still has the whole turn, and it is writte
   notify('item/completed', { item: { type: 'agentMessage', id: 'a', text: 'the answer' } });
   notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
   assert.deepEqual(storage, ['full']);
-  assert.deepEqual(desk.thread(thread.id)!.turns[0]!.items.map((item) => item.kind === 'answer' && item.text), ['the answer']);
+  assert.deepEqual(answers(thread.id), [['the answer']]);
   assert.deepEqual(store.readThread(thread.id)!.turns[0]!.items, []);
   full = false;
   await clock.advance(2000);
   assert.deepEqual(storage, ['full', null]);
   assert.deepEqual(store.readThread(thread.id)!.turns.map((turn) => [turn.status, turn.items.length]), [['completed', 1]]);
-});
-
-test('threads run at once, each turn getting only its own Codex thread\'s items', async () => {
-  const { desk, notify } = deskFixture();
-  const one = desk.create('one');
-  await settle();
-  const two = desk.create('two');
-  await settle();
-  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } }, 'codex-2', 'turn-2');
-  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } }, 'codex-1', 'turn-1');
-  notify('item/agentMessage/delta', { itemId: 'a', delta: 'for two' }, 'codex-2', 'turn-2');
-  notify('item/agentMessage/delta', { itemId: 'a', delta: 'for one' }, 'codex-1', 'turn-1');
-  notify('turn/completed', { turn: { id: 'turn-2', status: 'completed', error: null } }, 'codex-2', 'turn-2');
-  const texts = (id: string) => desk.thread(id)!.turns[0]!.items.map((item) => item.kind === 'answer' && item.text);
-  assert.deepEqual([texts(one.thread.id), texts(two.thread.id)], [['for one'], ['for two']]);
-  assert.deepEqual([desk.thread(one.thread.id)!.running, desk.thread(two.thread.id)!.running], [true, false]);
 });
 
 test('a follow-up after a restart is not thrown by what Codex re-sends of the thread\'s earlier turns', async () => {

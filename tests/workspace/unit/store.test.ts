@@ -43,32 +43,6 @@ test('a database made by a newer version is refused and left byte for byte as it
   assert.deepEqual(readFileSync(path), before);
 });
 
-test('a migration that fails leaves the database at the version before it', () => {
-  const path = join(temporaryFolder('lm-store-'), 'workspace.db');
-  ThreadStore.open(path).close();
-  const broken = [...migrations, (db: DatabaseSync) => db.exec('CREATE TABLE half (x); SELECT no_such_function()')];
-  assert.throws(() => ThreadStore.open(path, broken));
-  const db = new DatabaseSync(path);
-  assert.equal((db.prepare('PRAGMA user_version').get() as { user_version: number }).user_version, migrations.length);
-  assert.equal(db.prepare("SELECT count(*) AS n FROM sqlite_master WHERE name = 'half'").get()!.n, 0);
-  db.close();
-});
-
-test('turns a killed run left running are marked interrupted, their items stopped, finished ones untouched', () => {
-  const { store } = storeWithThread();
-  store.commit({ turns: [{ ...head('u0', 0), status: 'completed', endedAt: 2000 }], items: [{ turnId: 'u0', item: answer(0, 'done', 'completed') }] });
-  store.addTurn(head('u1', 1));
-  store.commit({ turns: [], items: [{ turnId: 'u1', item: answer(0, 'half an ans') }, { turnId: 'u1', item: answer(1, 'kept', 'completed') }] });
-  assert.equal(store.recover('cut short', 5000), 1);
-  const [first, second] = store.readThread('t1')!.turns;
-  assert.deepEqual([first!.status, first!.items], ['completed', [answer(0, 'done', 'completed')]]);
-  assert.deepEqual(
-    [second!.status, second!.error, second!.endedAt, second!.items],
-    ['interrupted', 'cut short', 5000, [answer(0, 'half an ans', 'stopped'), answer(1, 'kept', 'completed')]],
-  );
-  assert.equal(store.recover('again', 6000), 0);
-});
-
 test('a full disk fails the whole batch, keeps what was kept, and the same batch goes in once there is room', () => {
   const { store, path } = storeWithThread();
   store.commit({ turns: [], items: [{ turnId: 'u0', item: answer(0, 'kept before') }] });
