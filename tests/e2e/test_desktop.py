@@ -1,6 +1,6 @@
 # The desktop surface as users meet it, on an Xvfb of its own, with the trayer tray host and without.
 import re, signal, subprocess
-from harness import URL, OnXDisplay, alive, health_pid, read, wait_until
+from harness import URL, OnXDisplay, read, wait_until
 
 
 def luminance(*channels):  # relative luminance, as contrast ratios use it
@@ -9,23 +9,28 @@ def luminance(*channels):  # relative luminance, as contrast ratios use it
 
 
 class Desktop(OnXDisplay):
-    def test_without_a_tray_a_window_carries_the_menu_and_closing_it_quits(self):
-        self.start_display()
-        box = self.sandbox()
-        launcher, pid = self.start_ready(box, DISPLAY=self.screen)
-        window = self.window("^Lanternmoor Pro$", 2)
-        self.xdotool("windowfocus", "--sync", window, "key", "ctrl+o")
-        self.assertTrue(wait_until(lambda: box.opened() == [URL, URL], 5), box.opened())
-        self.close(window)
-        self.assert_ended(launcher, box)
-        self.assertTrue(read(box.log).endswith("stopped (SIGTERM)\n"))
+    def test_without_a_tray_a_window_carries_the_menu_and_closing_it_or_losing_the_display_stops_the_service_first(self):
+        for lose_display in (False, True):
+            with self.row(lose_display=lose_display):
+                server = self.start_display()
+                box = self.sandbox()
+                launcher = self.start_ready(box, DISPLAY=self.screen)
+                window = self.window("^Lanternmoor Pro$", 2)
+                if lose_display:
+                    server.send_signal(signal.SIGTERM)
+                else:
+                    self.xdotool("windowfocus", "--sync", window, "key", "ctrl+o")
+                    self.assertTrue(wait_until(lambda: box.opened() == [URL, URL], 5), box.opened())
+                    self.close(window)
+                self.assert_ended(launcher, box, status=int(lose_display))  # 1: Qt's own for a broken display connection
+                self.assertTrue(read(box.log).endswith("stopped (SIGTERM)\n"))
 
     def test_the_tray_menu_takes_its_keys_and_the_icon_stands_out_on_any_panel(self):
         for panel in ("222222", "eeeeee"):
             with self.row(panel=panel):
                 self.start_display(tray=panel)
                 box = self.sandbox()
-                launcher, pid = self.start_ready(box, DISPLAY=self.screen)
+                launcher = self.start_ready(box, DISPLAY=self.screen)
                 self.assertTrue(wait_until(lambda: self.geometry(self.panel)["WIDTH"] > 8, 5), "the icon never docked")
                 x = self.geometry(self.panel)["X"]
                 picture = subprocess.run(["import", "-display", self.screen, "-window", "root", "-crop", f"32x32+{x}+0", "txt:-"],
@@ -53,12 +58,3 @@ class Desktop(OnXDisplay):
                 self.xdotool("windowfocus", "--sync", alert, "key", key) if key else self.close(alert)
                 self.assert_ended(launcher, box)
                 self.assertEqual([url.endswith(".html") for url in box.opened()], [True] if guide else [])
-
-    def test_losing_the_display_stops_the_service_first(self):
-        server = self.start_display()
-        box = self.sandbox()
-        launcher, pid = self.start_ready(box, DISPLAY=self.screen)
-        server.send_signal(signal.SIGTERM)
-        self.assert_ended(launcher, box, status=1)  # Qt's own status for a broken display connection
-        self.assertFalse(alive(pid) or health_pid())
-        self.assertTrue(read(box.log).endswith("stopped (SIGTERM)\n"))
