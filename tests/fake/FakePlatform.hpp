@@ -26,7 +26,7 @@ struct World {
     std::multimap<Time, std::pair<MainThread::TimerId, std::function<void()>>> timers;
     MainThread::TimerId lastTimer = 0;
     bool onMainThread = false;
-    std::map<std::string, std::pair<unsigned, std::string>> files;  // path: mode and content
+    std::map<std::string, unsigned> files;  // path: mode
 
     void note(const std::string& what) {
         const auto ms = (clock - start) / 1ms;
@@ -117,7 +117,7 @@ struct Item final : MenuItem {
 
 struct Handle final : FileHandle {
     Handle(World& world, std::string path) : world(world), path(std::move(path)) {}
-    Failure write(std::string_view bytes) override { return world.files[path].second += bytes, std::nullopt; }
+    Failure write(std::string_view) override { return std::nullopt; }
     Failure close() override {
         if (std::exchange(open, false)) world.note("close " + path.substr(path.rfind('/') + 1));
         return std::nullopt;
@@ -159,14 +159,14 @@ struct Fake : World, MainThread, ApplicationBase, Processes, FileSystem, Http, J
     // ---- files: creating the log fails with `logFailure` when it is set ----
     std::optional<Error> logFailure;
     bool fileExists(const std::string& path) const override { return files.contains(path); }
-    bool isExecutableFile(const std::string& path) const override { return files.contains(path) && (files.at(path).first & 0111); }
+    bool isExecutableFile(const std::string& path) const override { return files.contains(path) && (files.at(path) & 0111); }
     Failure createDirectories(const std::string& path, unsigned mode) override {
-        for (auto folder = path; !folder.empty(); folder = folder.substr(0, folder.rfind('/'))) files.try_emplace(folder, mode, "");
+        for (auto folder = path; !folder.empty(); folder = folder.substr(0, folder.rfind('/'))) files.try_emplace(folder, mode);
         return std::nullopt;
     }
-    Failure setMode(const std::string& path, unsigned mode) override { return files.at(path).first = mode, std::nullopt; }
+    Failure setMode(const std::string& path, unsigned mode) override { return files.at(path) = mode, std::nullopt; }
     Failure createFile(const std::string& path, unsigned mode) override {
-        return logFailure ? Failure(*logFailure) : (files.try_emplace(path, mode, ""), Failure());
+        return logFailure ? Failure(*logFailure) : (files.try_emplace(path, mode), Failure());
     }
     Result<std::shared_ptr<FileHandle>> openForWriting(const std::string& path) override {
         return std::shared_ptr<FileHandle>(std::make_shared<Handle>(*this, path));
@@ -203,7 +203,7 @@ struct Fake : World, MainThread, ApplicationBase, Processes, FileSystem, Http, J
     }
 
     // ---- the user's surface ----
-    bool opens = true, hasButton = true;
+    bool opens = true;
     std::size_t answer = 0;  // the button pressed, from 0
     std::vector<Alert> shown;
     std::function<void()> whileShown;  // runs while the alert is up, as events would
@@ -214,7 +214,7 @@ struct Fake : World, MainThread, ApplicationBase, Processes, FileSystem, Http, J
         return answer;
     }
     std::shared_ptr<StatusItem> statusItem() override { return {std::shared_ptr<void>(), this}; }
-    StatusButton* button() override { return hasButton ? this : nullptr; }
+    StatusButton* button() override { return this; }
     Menu& menu() override { return note("menu"), *this; }
     std::shared_ptr<MenuItem> addItem(std::string title, std::optional<MenuAction>, std::string) override {
         return std::make_shared<Item>(*this, std::move(title));

@@ -44,13 +44,10 @@ const std::string padded = ours + std::string(4096 - ours.size(), ' ');
 INSTANTIATE_TEST_SUITE_P(Replies, HealthProbe, ::testing::Values(
     Reply{"Ours", answer("200 OK", ours), Health::ours, 12}, Reply{"OursNamingNoProcess", answer("200 OK", R"({"appId":"lanternmoor-local-pro"})"), Health::ours},
     Reply{"Exactly4096Bytes", answer("200 OK", padded), Health::ours, 12}, Reply{"Over4096Bytes", answer("200 OK", padded + " "), Health::foreign},
-    Reply{"Chunked", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n9\r\n" + ours.substr(0, 9) + "\r\n21\r\n" + ours.substr(9) +
-                         "\r\n0\r\n\r\n", Health::ours, 12},
     Reply{.name = "EndedByClosing", .bytes = "HTTP/1.1 200 OK\r\n\r\n" + ours, .expected = Health::ours, .pid = 12, .closes = true},
-    Reply{"Status201", answer("201 Created", ours), Health::foreign}, Reply{"Status404", answer("404 Not Found", ours), Health::foreign},
+    Reply{"Status201", answer("201 Created", ours), Health::foreign},
     Reply{"AnotherIdentifier", answer("200 OK", R"({"appId":"lanternmoor-local-pro-2"})"), Health::foreign},
     Reply{"NotHttp", "SSH-2.0-OpenSSH_9.2\r\n", Health::foreign}, Reply{"HangsUpWithoutAnswer", "", Health::noResponse},
-    Reply{"BodyShorterThanAnnounced", "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\n" + ours, Health::noResponse, {}, 0ms, 0ms, true},
     Reply{"HeaderLineNeverEnds", "HTTP/1.1 200 OK\r\nX: " + std::string(1 << 20, 'x'), Health::noResponse},
     Reply{.name = "GoesQuiet", .bytes = "HTTP/1.1 200 OK\r\n", .expected = Health::noResponse, .atLeast = 750ms},
     // Never quiet long enough for the idle limit: only the limit on the whole exchange ends it.

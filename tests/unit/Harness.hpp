@@ -17,7 +17,7 @@ inline const std::string node = "/usr/bin/node", codex = "/home/ada/.local/bin/c
 struct Harness {
     Harness() {
         fake.setDelegate(launcher);
-        for (const auto& file : {*fake.resources + "/app/server.mjs", node, codex}) fake.files.try_emplace(file, 0755u, "");
+        for (const auto& file : {*fake.resources + "/app/server.mjs", node, codex}) fake.files.try_emplace(file, 0755u);
         fake.set("PATH", "/usr/bin");
         fake.scripts[node + " --version"] = {.output = "v22.13.0\n", .exitAfter = 20ms};
         service() = {.exitAfter = std::nullopt};

@@ -25,7 +25,7 @@ TEST(NodeSearch, TriesTheFixedCandidatesThenTheSearchPathOnceEachAndTakesTheFirs
         Harness h;
         h.fake.files.clear();
         h.fake.scripts = {{"/good/node", {.output = "v24.0.0"}}};  // every other candidate fails to start
-        for (const auto& candidate : tried) h.fake.files.try_emplace(candidate, 0755u, "");
+        for (const auto& candidate : tried) h.fake.files.try_emplace(candidate, 0755u);
         h.fake.set("PATH", path);
         EXPECT_EQ(h.await(h.launcher->findNode()), found);
         Strings started;
@@ -37,7 +37,7 @@ TEST(NodeSearch, TriesTheFixedCandidatesThenTheSearchPathOnceEachAndTakesTheFirs
 TEST(NodeSearch, RejectsWhatIsNoExecutableFailsHangsOrSaysTooMuch) {
     Harness h;
     h.fake.set("PATH", "/plain:/failed:/hung:/chatty:/good");
-    h.fake.files = {{"/plain/node", {0644, ""}}, {"/failed/node", {0755, ""}}, {"/hung/node", {0755, ""}}, {"/chatty/node", {0755, ""}}, {"/good/node", {0755, ""}}};
+    h.fake.files = {{"/plain/node", 0644}, {"/failed/node", 0755}, {"/hung/node", 0755}, {"/chatty/node", 0755}, {"/good/node", 0755}};
     h.fake.scripts = {{"/failed/node", {.output = "v22.13.0", .status = 1}},
                       {"/hung/node", {.output = "v22.13.0", .exitAfter = std::nullopt}},
                       {"/chatty/node", {.output = "v22.13.0" + std::string(64 * 1024, ' ') + "!"}},
@@ -48,15 +48,6 @@ TEST(NodeSearch, RejectsWhatIsNoExecutableFailsHangsOrSaysTooMuch) {
                            "5.000 exit 4003 0");
 }
 
-// The version probe's time limit goes with the probe: an idle launcher is never woken for it.
-TEST(NodeSearch, LeavesNoTimerBehindOnceTheStartHasSettled) {
-    Harness h;
-    h.serviceAnswersAfter(0);
-    h.launch();
-    EXPECT_TRUE(h.launcher->ready);
-    EXPECT_EQ(h.fake.clock - h.fake.start, 20ms) << "the clock had to run on to a timer left behind";
-}
-
 TEST(CodexSearch, TakesTheFirstExecutableInItsFixedOrderThenTheSearchPathAsBuilt) {
     const std::string chatgpt = "/Applications/ChatGPT.app/Contents/Resources/codex-cli/CodexCLI.app/Contents/MacOS/codex";
     const std::string desktop = "/Applications/Codex.app/Contents/Resources/codex";
@@ -65,8 +56,8 @@ TEST(CodexSearch, TakesTheFirstExecutableInItsFixedOrderThenTheSearchPathAsBuilt
              {{"/usr/bin/codex"}, std::nullopt, "/usr/bin/codex"}, {{codex, "/usr/bin/codex"}, "/usr/bin", codex},
              {{"/opt/tools//codex"}, "/opt/tools/", "/opt/tools//codex"}, {{}, "/usr/bin", std::nullopt}}) {
         Harness h;
-        h.fake.files = {{"/usr/local/bin/codex", {0644, ""}}};  // not executable: passed over
-        for (const auto& file : present) h.fake.files.try_emplace(file, 0755u, "");
+        h.fake.files = {{"/usr/local/bin/codex", 0644}};  // not executable: passed over
+        for (const auto& file : present) h.fake.files.try_emplace(file, 0755u);
         h.fake.set("PATH", path);
         EXPECT_EQ(h.launcher->findCodex(), found);
     }
@@ -75,33 +66,31 @@ TEST(CodexSearch, TakesTheFirstExecutableInItsFixedOrderThenTheSearchPathAsBuilt
 TEST(ServiceLaunch, StartsNodeOnTheShippedScriptWithItsWholeContract) {
     Harness h;
     h.fake.variables = {{"LANTERNMOOR_PORT", "1"}, {"LANG", "C.UTF-8"}, {"PATH", "/usr/bin:/bin"}};  // PATH is not de-duplicated
-    h.fake.files.try_emplace("/opt/homebrew/bin/node", 0755u, "");  // found where PATH does not reach
+    h.fake.files.try_emplace("/opt/homebrew/bin/node", 0755u);  // found where PATH does not reach
     h.fake.scripts["/opt/homebrew/bin/node --version"] = {.output = "v24.1.0"};
     h.fake.scripts["/opt/homebrew/bin/node"] = {.exitAfter = std::nullopt};
     h.serviceAnswersAfter(0);
     h.launch();
+    // The version probe's time limit goes with the probe: an idle launcher is never woken for it.
+    EXPECT_EQ(h.fake.clock, h.fake.start) << "the clock had to run on to a timer left behind";
     const auto& service = h.fake.children.at(1)->configuration;
-    EXPECT_EQ(service.executable, "/opt/homebrew/bin/node");
-    EXPECT_EQ(service.arguments, (Strings{"--experimental-strip-types", "/opt/lm/share/lanternmoor-pro/app/server.mjs"}));
-    EXPECT_EQ(service.workingDirectory, "/opt/lm/share/lanternmoor-pro/app");
-    EXPECT_EQ(service.standardInput.kind, platform::Stream::Kind::nullDevice);
-    EXPECT_EQ(std::tuple(service.standardOutput.kind, service.standardOutput.path, service.standardError.kind, service.outlivesLauncher),
-              std::tuple(platform::Stream::Kind::appendToFile, "/home/ada/.local/share/Lanternmoor Pro/server.log",
-                         platform::Stream::Kind::sameAsOutput, false));
+    EXPECT_EQ(std::tuple(service.executable, service.arguments, service.workingDirectory, service.outlivesLauncher),
+              std::tuple("/opt/homebrew/bin/node", Strings{"--experimental-strip-types", "/opt/lm/share/lanternmoor-pro/app/server.mjs"},
+                         "/opt/lm/share/lanternmoor-pro/app", false));
+    EXPECT_EQ(std::tuple(service.standardInput.kind, service.standardOutput.kind, service.standardOutput.path, service.standardError.kind),
+              std::tuple(platform::Stream::Kind::nullDevice, platform::Stream::Kind::appendToFile,
+                         "/home/ada/.local/share/Lanternmoor Pro/server.log", platform::Stream::Kind::sameAsOutput));
     EXPECT_EQ(std::map(service.environment->begin(), service.environment->end()),
               (std::map<std::string, std::string>{{"LANG", "C.UTF-8"}, {"LANTERNMOOR_APP_DIR", "/opt/lm/share/lanternmoor-pro/app"},
                                                   {"LANTERNMOOR_DATA_DIR", "/home/ada/.local/share/Lanternmoor Pro"}, {"LANTERNMOOR_PORT", "18765"},
                                                   {"LANTERNMOOR_CODEX_PATH", codex}, {"PATH", "/opt/homebrew/bin:/home/ada/.local/bin:/usr/bin:/bin"}}));
 }
 
-TEST(RunLog, IsStampedInUtcToTheSecondAndFailsToBeCreatedAsTheLaunchersOwnErrorKeepingItsCause) {
+TEST(RunLog, IsStampedInUtcToTheSecondWhateverTheZone) {
     using namespace std::chrono;
     ::setenv("TZ", "Asia/Shanghai", 1);  // UTC whatever the zone; nothing else here reads it
     EXPECT_EQ(logStamp(sys_days{2024y / February / 29} + 86399999ms), "\n[2024-02-29T23:59:59Z] Lanternmoor Pro launcher started\n");
     EXPECT_EQ(logStamp(sys_days{1970y / January / 1} - 500ms), "\n[1969-12-31T23:59:59Z] Lanternmoor Pro launcher started\n");
-    Harness h;
-    h.fake.logFailure = platform::Error{"POSIX", 13, "", "open", 13};
-    EXPECT_EQ(h.launcher->prepareLog({"/data", true}).error(), (platform::Error{"Lanternmoor", 1, "无法创建本机运行日志。", "open", 13}));
 }
 
 TEST(Runtime, ResumesEveryStepOnTheMainThreadAndEndsTasksLeftSuspendedWithTheirScope) {

@@ -12,7 +12,8 @@ const std::string menu = "0.000 menu; 0.000 disable Lanternmoor Pro · 本机工
 const std::string begun = "0.000 tooltip Lanternmoor Pro · 正在启动; " + menu;
 const std::string checked = begun + "; 0.000 port check 18765";
 // Node.js answers in 20 ms, then the service (pid 4001) is launched.
-const std::string launched = checked + "; 0.000 start /usr/bin/node --version; 0.020 exit 4000 0; 0.020 start /usr/bin/node --experimental-strip-types";
+const std::string searched = checked + "; 0.000 start /usr/bin/node --version; 0.020 exit 4000 0";
+const std::string launched = searched + "; 0.020 start /usr/bin/node --experimental-strip-types";
 const std::string ready = launched + "; 0.020 enable 打开研究工作区; 0.020 tooltip Lanternmoor Pro · 正在本机运行; 0.020 open " + url;
 const std::string holding = " | owns the service | holds the log";  // kept once the service was ready
 std::string refused(const std::string& at, const std::string& title) { return at + " alert " + title + "; " + at + " terminate; " + at + " ended"; }
@@ -47,17 +48,15 @@ INSTANTIATE_TEST_SUITE_P(Start, Launch, testing::Values(
     Scenario{"NoServiceScript", [](Harness& h) { h.fake.files.erase(*h.fake.resources + "/app/server.mjs"); },
              checked + "; " + refused("0.000", "应用文件不完整")},
     Scenario{"NodeTooOld", [](Harness& h) { h.fake.scripts[node + " --version"].output = "v22.12.1"; },
-             checked + "; 0.000 start /usr/bin/node --version; 0.020 exit 4000 0; 0.020 alert 请先安装 Node.js; 0.020 open " + guide +
-                 "; 0.020 terminate; 0.020 ended"},
+             searched + "; 0.020 alert 请先安装 Node.js; 0.020 open " + guide + "; 0.020 terminate; 0.020 ended"},
     Scenario{"NodeAndCodexMissing", [](Harness& h) { h.fake.files.erase(node), h.fake.files.erase(codex), h.fake.answer = 1; },
              checked + "; " + refused("0.000", "请先安装 Node.js")},
     Scenario{"CodexMissing", [](Harness& h) { h.fake.files.erase(codex), h.fake.answer = 1; },
-             checked + "; 0.000 start /usr/bin/node --version; 0.020 exit 4000 0; " + refused("0.020", "请先安装并登录 Codex")},
-    Scenario{"LogCannotBeCreated", [](Harness& h) { h.fake.logFailure = platform::Error{}; },
-             checked + "; 0.000 start /usr/bin/node --version; 0.020 exit 4000 0; " + refused("0.020", "无法启动 Lanternmoor Pro")},
+             searched + "; " + refused("0.020", "请先安装并登录 Codex")},
+    Scenario{"LogCannotBeCreated", [](Harness& h) { h.fake.logFailure = platform::Error{}; }, searched + "; " + refused("0.020", "无法启动 Lanternmoor Pro")},
     // Owned before it starts, so a failed start is cleaned up: the log closes, nothing is signalled.
     Scenario{"ServiceCannotStart", [](Harness& h) { h.service().startError = platform::Error{}; },
-             checked + "; 0.000 start /usr/bin/node --version; 0.020 exit 4000 0; 0.020 close server.log; " + refused("0.020", "无法启动 Lanternmoor Pro")},
+             searched + "; 0.020 close server.log; " + refused("0.020", "无法启动 Lanternmoor Pro")},
     // Eighteen seconds after the launch it is stopped, one 100 ms pause later the notice.
     Scenario{"NeverAnswers", [](Harness&) {},
              launched + "; 18.020 SIGTERM 4001; 18.020 exit 4001 143; 18.120 close server.log; " + refused("18.120", "工作区启动超时")},
@@ -77,8 +76,6 @@ INSTANTIATE_TEST_SUITE_P(Start, Launch, testing::Values(
              launched + "; 0.070 exit 4001 0; 0.200 port check 18765; 0.200 port check 18765; 0.200 alert 本机地址已被其他程序占用; 0.200 terminate; 0.200 close server.log; 0.200 ended | holds the log"},
     Scenario{"SomeoneElseAnswersDuringTheWait", [](Harness& h) { h.fake.answers = {{}, {}, {HttpResult::reply(404, "")}}; },
              launched + "; 0.200 SIGTERM 4001; 0.200 exit 4001 143; 0.300 close server.log; " + refused("0.300", "本机地址已被其他程序占用")},
-    Scenario{"AnswersAsOursAfterTwoPauses", [](Harness& h) { h.serviceAnswersAfter(2); },
-             launched + "; 0.380 enable 打开研究工作区; 0.380 tooltip Lanternmoor Pro · 正在本机运行; 0.380 open " + url + holding},
     // A version manager's shim runs the real node as its child, inside the launched group.
     Scenario{"AnswerNamesAProcessOfOurGroup", [](Harness& h) { h.service().group = {5000}, h.serviceAnswersAfter(0, R"(,"pid":5000)"); }, ready + holding},
     // Two launchers started together: ours lost the port and still runs while the winner's service
@@ -92,10 +89,7 @@ INSTANTIATE_TEST_SUITE_P(Start, Launch, testing::Values(
                  h.service().exitAfter = 10ms, h.at(50ms, [](Harness& h) { h.fake.accepting = true; });
                  h.fake.answers = {{}, {HttpResult::failed(), 100ms}, {Fake::ours(), 100ms}};
              },
-             launched + "; 0.030 exit 4001 0; 0.120 port check 18765; 0.220 open " + url + "; 0.220 terminate; 0.220 close server.log; 0.220 ended | holds the log"},
-    Scenario{"AStatusItemWithoutAButton", [](Harness& h) { h.fake.hasButton = false, h.serviceAnswersAfter(0); },
-             menu + "; 0.000 port check 18765; 0.000 start /usr/bin/node --version; 0.020 exit 4000 0; 0.020 start /usr/bin/node "
-             "--experimental-strip-types; 0.020 enable 打开研究工作区; 0.020 open " + url + holding}), byName);
+             launched + "; 0.030 exit 4001 0; 0.120 port check 18765; 0.220 open " + url + "; 0.220 terminate; 0.220 close server.log; 0.220 ended | holds the log"}), byName);
 
 INSTANTIATE_TEST_SUITE_P(End, Launch, testing::Values(
     Scenario{"QuitWithAServiceThatObeys", [](Harness& h) { h.serviceAnswersAfter(0), h.at(1s, quit); },
@@ -120,39 +114,21 @@ void openWith(Harness& h, std::initializer_list<Fake::Answer> answers) {
     for (std::size_t i = 0; i < answers.size(); ++i) h.launcher->openFromMenu();
 }
 
-INSTANTIATE_TEST_SUITE_P(Notices, Launch, testing::ValuesIn(fromTheMenu({
-    Scenario{"TwoFailuresShowOnlyTheFirst", [](Harness& h) { h.launcher->showFailure("一", "1"), h.launcher->showFailure("二", "2"); },
-             "; " + refused("0.000", "一")},
+INSTANTIATE_TEST_SUITE_P(FromTheMenu, Launch, testing::ValuesIn(fromTheMenu({
     Scenario{"ARequestWhileAnAlertIsUpIsDropped",
              [](Harness& h) { h.fake.whileShown = [&h] { h.launcher->showOccupiedPort(); }, h.launcher->showFailure("一", "1"); },
              "; " + refused("0.000", "一")},
     Scenario{"NothingIsShownOrProbedOnceTerminationBegan",
              [](Harness& h) { h.launcher->shuttingDown = true, h.launcher->showPrerequisite("一", "1"), h.launcher->openFromMenu(); }, ""},
-    Scenario{"ThePrerequisiteAlertOpensTheGuideBeforeQuitting", [](Harness& h) { h.launcher->showPrerequisite("一", "1"); },
-             "; 0.000 alert 一; 0.000 open " + guide + "; 0.000 terminate; 0.000 ended"},
-    Scenario{"ThePrerequisiteAlertAnsweredWithQuit", [](Harness& h) { h.fake.answer = 1, h.launcher->showPrerequisite("一", "1"); },
-             "; " + refused("0.000", "一")},
-    Scenario{"TheBrowserWillNotOpen", [](Harness& h) { h.fake.opens = false, h.launcher->openBrowser(); },
-             "; 0.000 open " + url + "; " + refused("0.000", "没有打开浏览器")}})), byName);
-
-INSTANTIATE_TEST_SUITE_P(Opening, Launch, testing::ValuesIn(fromTheMenu({
-    Scenario{"WhileOursAnswers", [](Harness& h) { openWith(h, {{Fake::ours(), 500ms}}); }, "; 0.000" + probe + "; 0.500 open " + url},
-    Scenario{"WhileSomeoneElseAnswers", [](Harness& h) { openWith(h, {{HttpResult::reply(200, "{}"), 500ms}}); },
+    Scenario{"OpenWhileOursAnswers", [](Harness& h) { openWith(h, {{Fake::ours(), 500ms}}); }, "; 0.000" + probe + "; 0.500 open " + url},
+    Scenario{"OpenWhileSomeoneElseAnswers", [](Harness& h) { openWith(h, {{HttpResult::reply(200, "{}"), 500ms}}); },
              "; 0.000" + probe + "; " + refused("0.500", "本机地址已被其他程序占用")},
-    Scenario{"WhileNothingAnswers", [](Harness& h) { openWith(h, {{HttpResult::failed(), 500ms}}); },
+    Scenario{"OpenWhileNothingAnswers", [](Harness& h) { openWith(h, {{HttpResult::failed(), 500ms}}); },
              "; 0.000" + probe + "; " + refused("0.500", "工作区暂时不可用")},
     // Once a probe is out, an answer of ours still opens the page; any other shows nothing.
     Scenario{"QuitWhileTheProbesAreOut",
              [](Harness& h) { openWith(h, {{Fake::ours(), 500ms}, {HttpResult::failed(), 500ms}}), h.at(100ms, quit); },
-             "; 0.000" + probe + "; 0.000" + probe + "; 0.100 terminate; 0.100 ended; 0.500 open " + url},
-    Scenario{"ReopenWhileStartingDoesNothingAndWhileReadyOpens",
-             [](Harness& h) {  // the answer is false either way
-                 h.fake.fallback = {Fake::ours()};
-                 EXPECT_FALSE(h.launcher->applicationShouldHandleReopen(true));
-                 h.launcher->ready = true;
-                 EXPECT_FALSE(h.launcher->applicationShouldHandleReopen(false));
-             },
-             "; 0.000" + probe + "; 0.000 open " + url}})), byName);
+             "; 0.000" + probe + "; 0.000" + probe + "; 0.100 terminate; 0.100 ended; 0.500 open " + url}})), byName);
 
 // Termination requested while the sequence is suspended: it ends at its next check, and nothing
 // is shown or opened, not even when the probe under way answers as ours.
