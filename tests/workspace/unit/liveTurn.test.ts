@@ -29,7 +29,6 @@ interface Row {
 
 const output = (text: string) => n('item/commandExecution/outputDelta', { itemId: 'c', delta: text });
 const command = (fields: object) => ({ type: 'commandExecution', id: 'c', command: "/bin/bash -lc 'ls -l'", commandActions: [{ command: 'ls -l' }], ...fields });
-const answer = { type: 'agentMessage', id: 'a', text: '' };
 
 const rows: Row[] = [
   {
@@ -45,11 +44,6 @@ const rows: Row[] = [
     play: [started(command({ status: 'inProgress', aggregatedOutput: null, exitCode: null, durationMs: null })), output('y'.repeat(OUTPUT_LIMIT - 1)), output('yyyy'), output('yy')],
     stop: true,
     want: { status: 'stopped', items: [{ kind: 'command', position: 0, status: 'stopped', command: 'ls -l', output: 'y'.repeat(OUTPUT_LIMIT), dropped: 5, exitCode: null, durationMs: null }] },
-  },
-  {
-    name: 'an interruption nobody asked for is not a stop',
-    play: [started(answer), turnEnd('interrupted')],
-    want: { status: 'interrupted', items: [{ kind: 'answer', position: 0, status: 'stopped', text: '' }] },
   },
   {
     name: 'retries are noted once; the failure that ends the turn is said in Chinese',

@@ -3,7 +3,7 @@
 // otherwise the page would show one thing while streaming and another once the answer is final.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { createMarkdown, settledLength, StreamingMarkdown } from '../../../resources/app/public/markdown.js';
+import { createMarkdown, StreamingMarkdown } from '../../../resources/app/public/markdown.js';
 
 const md = createMarkdown();
 
@@ -68,16 +68,4 @@ test('answers keep no raw HTML or style, and images become links, since the page
   assert.doesNotMatch(html, /<script|<img|href="javascript:/);
   assert.match(html, /&lt;script&gt;/);
   assert.match(html, /<a href="https:\/\/example.com\/a.png">pic<\/a>/);
-});
-
-test('only whole blocks settle, and never the last one, which may still grow', () => {
-  const cases: [string, number][] = [
-    ['one paragraph', 0],
-    ['first\n\nsecond, still grow', 0],
-    ['first\n\nsecond, a whole line\n', 'first\n\n'.length],
-    ['first\n\n```\ncode that is\n\nnot closed yet', 'first\n\n'.length],
-    ['para\n- item interrupts it\n', 'para\n'.length],
-    ['1. a\n\n1', 0],
-  ];
-  for (const [text, settled] of cases) assert.equal(settledLength(md, text), settled, JSON.stringify(text));
 });
