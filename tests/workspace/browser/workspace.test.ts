@@ -1,14 +1,15 @@
 // The workspace as a user meets it: the real launcher starts the service, the real Codex answers
 // through the stand-in model, and Debian's Chromium shows it. Start, ask, watch the answer stream
 // in, follow up, run a command, stop, reload, quit, start again.
-import { test, type TestContext } from 'node:test';
+import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync } from 'node:fs';
 import { spawnSync } from 'node:child_process';
 import { join } from 'node:path';
-import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type ResponsesRequest, type Script } from '../support/standin.ts';
-import { Launcher, Sandbox, WORKSPACE } from '../support/launcher.ts';
-import { launchBrowser, openPage, type Page } from '../support/browser.ts';
+import { commandOutput, lastQuestion, reply, type ResponsesRequest } from '../support/standin.ts';
+import { Launcher, WORKSPACE } from '../support/launcher.ts';
+import { ask, newThread, world } from '../support/world.ts';
+import { openPage, type Page } from '../support/browser.ts';
 import { until } from '../support/service.ts';
 import { texts } from '../../../resources/app/workspace/texts.ts';
 import { ThreadStore } from '../../../resources/app/workspace/store/store.ts';
@@ -39,33 +40,6 @@ function script(request: ResponsesRequest) {
   if (question.includes('401')) return reply.unauthorized();
   if (question.includes('模型')) return reply.missingModel();
   return reply.answer('好的。');
-}
-
-/** The stand-in model with this script, a sandbox whose Codex uses it, and a browser; all gone after the test. */
-async function world(t: TestContext, answer: Script, options: { signedOut?: boolean } = {}) {
-  const standIn = await startStandIn(answer);
-  const sandbox = new Sandbox((folder) => codexHome(standIn, { folder, ...options }));
-  const browser = await launchBrowser();
-  t.after(async () => {
-    await browser.close();
-    await standIn.close();
-    for (const pid of sandbox.leftovers()) process.kill(pid, 'SIGKILL');
-  });
-  return { sandbox, browser };
-}
-
-async function ask(page: Page, question: string) {
-  const turns = await page.locator('.turn').count();
-  await page.fill('#question', question);
-  await page.press('#question', 'Enter');
-  await page.locator('.turn').nth(turns).waitFor();
-  return page.locator('.turn').nth(turns);
-}
-
-async function newThread(page: Page) {
-  await page.click('#new-thread');
-  await page.locator('#welcome').waitFor();
-  await page.locator('.turn').first().waitFor({ state: 'detached' });
 }
 
 const foot = (turn: ReturnType<Page['locator']>) => turn.locator('.turn-foot');

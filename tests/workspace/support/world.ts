@@ -1,0 +1,34 @@
+// What every browser test stands on: the stand-in model answering a script, a sandbox whose Codex
+// uses it, a headless Chromium, and the few page gestures every test repeats.
+import type { TestContext } from 'node:test';
+import { codexHome, startStandIn, type Script } from './standin.ts';
+import { Sandbox } from './launcher.ts';
+import { launchBrowser, type Page } from './browser.ts';
+
+/** The stand-in model with this script, a sandbox whose Codex uses it, and a browser; all gone after the test. */
+export async function world(t: TestContext, answer: Script, options: { signedOut?: boolean } = {}) {
+  const standIn = await startStandIn(answer);
+  const sandbox = new Sandbox((folder) => codexHome(standIn, { folder, ...options }));
+  const browser = await launchBrowser();
+  t.after(async () => {
+    await browser.close();
+    await standIn.close();
+    for (const pid of sandbox.leftovers()) process.kill(pid, 'SIGKILL');
+  });
+  return { sandbox, browser };
+}
+
+export async function ask(page: Page, question: string) {
+  const turns = await page.locator('.turn').count();
+  await page.fill('#question', question);
+  await page.press('#question', 'Enter');
+  await page.locator('.turn').nth(turns).waitFor();
+  return page.locator('.turn').nth(turns);
+}
+
+export async function newThread(page: Page) {
+  await page.click('#new-thread');
+  await page.locator('#welcome').waitFor();
+  await page.locator('.turn').first().waitFor({ state: 'detached' });
+}
+
