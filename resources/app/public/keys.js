@@ -54,6 +54,12 @@ function focusSearch() {
   return true;
 }
 
+/** @param {EventTarget | null} target */
+function ownsEscape(target) {
+  if (!(target instanceof HTMLElement) || target.id === 'question') return false;
+  return target.isContentEditable || target instanceof HTMLInputElement || target instanceof HTMLTextAreaElement || target instanceof HTMLSelectElement;
+}
+
 /** @param {KeyboardEvent} event */
 function onKey(event) {
   if (event.defaultPrevented || event.isComposing) return;
@@ -69,6 +75,8 @@ function onKey(event) {
     move(event.key === 'ArrowUp' ? -1 : 1);
     handled = true;
   } else if (event.key === 'Escape' && !event.ctrlKey && !event.metaKey && !event.altKey) {
+    // Esc in another box (the search, a title being renamed) is that box's: clearing, cancelling.
+    if (ownsEscape(event.target)) return;
     if (listShown()) {
       showList(false);
       handled = true;

@@ -48,7 +48,7 @@ test('an answer reads well, the shortcuts do what they say, and a narrow window 
   // Only the web address is a link, and it opens in a tab of its own; the rest are their words.
   assert.deepEqual(await answer.locator('a').evaluateAll((links) => links.map((link) => [link.getAttribute('href'), link.getAttribute('target'), link.getAttribute('rel')])),
     [['https://example.com/doc', '_blank', 'noopener noreferrer']]);
-  assert.match(await answer.textContent() ?? '', /脚本 邮件 本页/);
+  assert.match(await answer.textContent() ?? '', /文档 \[脚本\]\(javascript:alert\(1\)\) 邮件 本页/);
 
   // The thread's usage is its turns' together, and follows each turn that ends.
   const second = await ask(page, '再来一个');
