@@ -78,12 +78,14 @@ try {
   await page.fill('#question', '推导圆的面积公式，并给出计算它的代码');
   await page.press('#question', 'Enter');
   await page.locator('.turn-foot').getByText('本轮用量').waitFor();
+  await page.locator('#keys summary').click();
   await page.locator('#question').blur();
   await page.screenshot({ path: join(shots, 'workspace-reading-light.png') });
   await page.emulateMedia({ colorScheme: 'dark' });
   await page.screenshot({ path: join(shots, 'workspace-reading-dark.png') });
   await page.emulateMedia({ colorScheme: 'light' });
   await page.setViewportSize({ width: 420, height: 860 });
+  await page.waitForTimeout(300);
   await page.screenshot({ path: join(shots, 'workspace-narrow.png') });
   await page.click('#menu');
   await page.waitForTimeout(300);
