@@ -29,7 +29,29 @@ PRAGMA synchronous = FULL;
 \`\`\`
 `;
 
+const MATH_ANSWER = String.raw`## 圆的面积
+
+把圆切成 $n$ 个扇形，拼成近似的平行四边形：底约为 $\pi r$，高为 $r$，所以
+
+$$
+A = \lim_{n\to\infty} \pi r \cdot r = \pi r^2
+$$
+
+用积分也得到同样的结果：\( A = \int_{-r}^{r} 2\sqrt{r^2 - x^2}\,dx = \pi r^2 \)。
+
+${'```'}python
+import math
+
+def circle_area(r: float) -> float:
+    """圆的面积：πr²"""
+    return math.pi * r ** 2
+
+print(circle_area(2.0))  # 12.566...
+${'```'}
+`;
+
 function script(request: ResponsesRequest) {
+  if (lastQuestion(request).includes('面积')) return reply.answer(MATH_ANSWER.match(/[^\n]*\n?/g)!.filter(Boolean), 20);
   if (commandOutput(request) !== null) return { steps: [{ text: ANSWER.match(/[^\n]*\n?/g)!.filter(Boolean), gapMs: 20 }] };
   if (lastQuestion(request).includes('WAL')) {
     return reply.command("python3 -c \"import sqlite3; print('SQLite', sqlite3.sqlite_version)\"", '**查看本机的 SQLite 版本**，再比较两种日志模式。');
@@ -49,6 +71,25 @@ try {
   await page.locator('.command summary').click();
   await page.locator('#question').blur();
   await page.screenshot({ path: join(shots, 'workspace-thread.png') });
+
+  // Mathematics and code, in the light and the dark look; then a window as narrow as a phone's.
+  await page.click('#new-thread');
+  await page.locator('#welcome').waitFor();
+  await page.fill('#question', '推导圆的面积公式，并给出计算它的代码');
+  await page.press('#question', 'Enter');
+  await page.locator('.turn-foot').getByText('本轮用量').waitFor();
+  await page.locator('#keys summary').click();
+  await page.locator('#question').blur();
+  await page.screenshot({ path: join(shots, 'workspace-reading-light.png') });
+  await page.emulateMedia({ colorScheme: 'dark' });
+  await page.screenshot({ path: join(shots, 'workspace-reading-dark.png') });
+  await page.emulateMedia({ colorScheme: 'light' });
+  await page.setViewportSize({ width: 420, height: 860 });
+  await page.waitForTimeout(300);
+  await page.screenshot({ path: join(shots, 'workspace-narrow.png') });
+  await page.click('#menu');
+  await page.waitForTimeout(300);
+  await page.screenshot({ path: join(shots, 'workspace-narrow-list.png') });
   await launcher.quit();
 
   const signedOut = new Sandbox((folder) => codexHome(standIn, { folder, signedOut: true }));
@@ -62,4 +103,4 @@ try {
   await browser.close();
   await standIn.close();
 }
-console.log(`saved ${join(shots, 'workspace-thread.png')} and ${join(shots, 'workspace-signed-out.png')}`);
+console.log(`saved workspace-thread, -reading-light, -reading-dark, -narrow, -narrow-list and -signed-out in ${shots}`);

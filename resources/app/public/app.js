@@ -3,6 +3,8 @@
 // stream that keeps all of it current.
 import { createMarkdown } from './markdown.js';
 import { ItemView, element } from './items.js';
+import { installKeys } from './keys.js';
+import { installNarrowList } from './narrow.js';
 
 /** @typedef {import('../workspace/model.ts').PageEvent} PageEvent */
 /** @typedef {import('../workspace/model.ts').ServiceState} ServiceState */
@@ -11,6 +13,7 @@ import { ItemView, element } from './items.js';
 /** @typedef {import('../workspace/model.ts').Turn} Turn */
 /** @typedef {import('../workspace/model.ts').TurnHead} TurnHead */
 /** @typedef {import('../workspace/model.ts').Item} Item */
+/** @typedef {import('../workspace/model.ts').Usage} Usage */
 
 const md = createMarkdown();
 
@@ -26,6 +29,7 @@ const ui = {
   head: byId('thread-head'),
   title: byId('thread-title'),
   meta: byId('thread-meta'),
+  usage: byId('thread-usage'),
   scroller: byId('scroller'),
   welcome: byId('welcome'),
   conversation: byId('conversation'),
@@ -151,6 +155,11 @@ function turnFootText(head) {
   return `本轮用量：输入 ${number.format(head.usage.input)} · 输出 ${number.format(head.usage.output)} 个 token`;
 }
 
+/** @param {Usage | null} usage */
+function drawThreadUsage(usage) {
+  ui.usage.textContent = usage ? `全部用量：输入 ${number.format(usage.input)} · 输出 ${number.format(usage.output)} 个 token` : '';
+}
+
 /** @param {string} turnId @param {number} position */
 const itemKey = (turnId, position) => `${turnId}/${position}`;
 
@@ -206,6 +215,7 @@ function showThread(thread) {
   if (!thread) return;
   drawHead(thread);
   ui.meta.textContent = `文件夹：${thread.folder}`;
+  drawThreadUsage(thread.usage);
   const fragment = document.createDocumentFragment();
   for (const turn of thread.turns) fragment.append(drawTurn(turn));
   ui.conversation.append(fragment);
@@ -287,6 +297,9 @@ function receive(event) {
       return;
     case 'threadSummary':
       updateListEntry(event.thread);
+      return;
+    case 'threadUsage':
+      if (event.threadId === state.open) drawThreadUsage(event.usage);
       return;
     case 'turn': {
       if (event.turn.threadId !== state.open) return;
@@ -402,4 +415,6 @@ ui.newThread.addEventListener('click', () => {
   else openFromAddress();
 });
 
+installKeys();
+installNarrowList();
 openFromAddress();

@@ -2,6 +2,7 @@
 // How each kind of item looks, and how it takes what streams into it.
 import { StreamingMarkdown } from './markdown.js';
 import { safeFragment } from './sanitize.js';
+import { decorateCode } from './code.js';
 
 /** @typedef {import('../workspace/model.ts').Item} Item */
 /** @typedef {import('./markdown.js').Markdown} Markdown */
@@ -65,7 +66,11 @@ class MarkdownBlock {
     const { settledHtml, restHtml } = this.stream.append(this.pending);
     this.pending = '';
     for (const node of this.rest) node.remove();
-    if (settledHtml) this.container.append(safeFragment(settledHtml));
+    if (settledHtml) {
+      const settled = safeFragment(settledHtml);
+      decorateCode(settled);
+      this.container.append(settled);
+    }
     const fragment = safeFragment(restHtml);
     this.rest = [...fragment.childNodes];
     this.container.append(fragment);
@@ -100,6 +105,7 @@ class MarkdownBlock {
     const whole = this.md.render(text);
     const drawn = this.pending === '' && text === this.stream.text && this.settledHtml + this.restHtml === whole;
     if (!drawn) this.container.replaceChildren(safeFragment(whole));
+    decorateCode(this.container);
     this.stream = new StreamingMarkdown(this.md);
     this.stream.text = text;
     this.stream.settled = text.length;

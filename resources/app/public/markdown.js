@@ -3,6 +3,7 @@
 // once and kept; only the last block, still growing, is rendered again as text arrives. Rendering
 // the whole answer on every delta would cost time growing with the square of its length.
 import markdownit from './vendor/markdown-it/markdown-it.esm.min.mjs';
+import { mathPlugin } from './math.js';
 
 /** @typedef {ReturnType<typeof markdownit>} Markdown */
 /**
@@ -15,6 +16,7 @@ import markdownit from './vendor/markdown-it/markdown-it.esm.min.mjs';
 /** The page's Markdown: no raw HTML from answers, links made clickable, images shown as links. */
 export function createMarkdown() {
   const md = markdownit({ html: false, linkify: true, breaks: false });
+  md.use(mathPlugin);
   // The page loads nothing from elsewhere; an image in an answer becomes a link to it.
   // Column alignment as a class: a style attribute is refused by the page's policy.
   md.core.ruler.push('alignment_classes', (/** @type {{ tokens: Token[] }} */ state) => {

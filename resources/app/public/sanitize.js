@@ -7,7 +7,7 @@ import './vendor/dompurify/purify.min.js';
 /**
  * The part of DOMPurify used here.
  * @type {{
- *   sanitize(html: string, config: { RETURN_DOM_FRAGMENT: true, FORBID_ATTR: string[] }): DocumentFragment,
+ *   sanitize(html: string, config: { RETURN_DOM_FRAGMENT: true, FORBID_ATTR: string[], ADD_TAGS: string[] }): DocumentFragment,
  *   addHook(entry: 'afterSanitizeAttributes', hook: (node: Element) => void): void,
  * }}
  */
@@ -19,7 +19,9 @@ purifier.addHook('afterSanitizeAttributes', (node) => {
   if (/^https?:/i.test(href)) {
     node.setAttribute('target', '_blank');
     node.setAttribute('rel', 'noopener noreferrer');
-  } else if (!href.startsWith('#')) {
+  } else {
+    // Only web addresses are links: "#…" would open another thread of this page, and the rest
+    // (mailto:, file:, javascript:) have no business being one click away. Unwrapped below.
     node.removeAttribute('href');
   }
 });
@@ -29,5 +31,8 @@ purifier.addHook('afterSanitizeAttributes', (node) => {
  * @returns {DocumentFragment}
  */
 export function safeFragment(html) {
-  return purifier.sanitize(html, { RETURN_DOM_FRAGMENT: true, FORBID_ATTR: ['style'] });
+  // KaTeX's MathML keeps its TeX source in <semantics><annotation>, which browsers do not show.
+  const fragment = purifier.sanitize(html, { RETURN_DOM_FRAGMENT: true, FORBID_ATTR: ['style'], ADD_TAGS: ['semantics', 'annotation'] });
+  for (const link of fragment.querySelectorAll('a:not([href])')) link.replaceWith(...link.childNodes);
+  return fragment;
 }

@@ -74,6 +74,8 @@ export interface Thread extends ThreadSummary {
   turns: Turn[];
   /** Whether there are turns before the first of these. */
   earlier: boolean;
+  /** The tokens of all its turns together; null before any turn reported its usage. */
+  usage: Usage | null;
 }
 
 export type CodexState =
@@ -106,6 +108,7 @@ export type PageEvent =
   | { type: 'hello'; service: ServiceState; threads: ThreadSummary[]; thread: Thread | null }
   | { type: 'service'; service: ServiceState }
   | { type: 'threadSummary'; thread: ThreadSummary }
+  | { type: 'threadUsage'; threadId: string; usage: Usage | null }
   | { type: 'turn'; turn: TurnHead }
   | { type: 'item'; threadId: string; turnId: string; item: Item }
   | { type: 'delta'; threadId: string; turnId: string; position: number; field: 'text' | 'output'; part?: number; text: string };

@@ -17,6 +17,7 @@ const ANSWERS: Record<string, string> = {
   inline: '**粗体**跨\n行，*斜体*，`code`，[链接](https://example.com "title")，<https://example.com>，https://auto.example/path。\n\n***\n\n结束。',
   hostile: '<script>alert(1)</script>\n\n<img src=x onerror=alert(1)>\n\n[x](javascript:alert(1)) ![pic](https://example.com/a.png)',
   rules: 'a\n\n---\n\nb\n\n* * *\n\n- - -\n\nc',
+  math: '设 $x^2$ 与 \\(y\\)，价格 $5 和 $10。\n$$\n\\frac{1}{2}\n\n# 不在公式里\n\n\\[\na + b\n# 标题\n\\]\n- 项 $$\\sqrt{2}$$\n\n$$\\frac{1}{\n\n$$ 不是公式\n\n$$\n\\frac{a}{',
   blank: '\n\n\npara after blanks\n\n\n\n\nfinal\n',
 };
 
@@ -68,4 +69,18 @@ test('answers keep no raw HTML or style, and images become links, since the page
   assert.doesNotMatch(html, /<script|<img|href="javascript:/);
   assert.match(html, /&lt;script&gt;/);
   assert.match(html, /<a href="https:\/\/example.com\/a.png">pic<\/a>/);
+});
+
+test('mathematics is drawn where a formula is meant, and text stays text where it is not', () => {
+  const rows: [string, 'math' | 'text' | 'source'][] = [
+    ['面积 $x^2$', 'math'], ['\\(a+b\\)', 'math'], ['\\[a+b\\]', 'math'], ['$$\n\\int_0^1 x\\,dx\n$$', 'math'],
+    ['$5 和 $10', 'text'], ['$ x$ 与 $x $', 'text'], ['`$x$`', 'text'], ['\\$x$', 'text'], ['$x$5', 'text'],
+    ['$$\n\\frac{1}{', 'source'], ['$\\frac{1}{$', 'source'],
+  ];
+  for (const [text, expected] of rows) {
+    const html = md.render(text);
+    const drawn = /<math/.test(html) ? 'math' : /class="math-source"/.test(html) ? 'source' : 'text';
+    assert.equal(drawn, expected, text);
+  }
+  assert.match(md.render('$$\n\\frac{1}{'), /\$\$\\frac\{1\}\{/);
 });

@@ -83,3 +83,12 @@ test('a page of turns is the newest that fill the budget, at least one, and says
     for (const turn of page.turns) assert.equal(turn.items.length, sizes[turn.position]);
   }
 });
+
+test("a thread's usage is the sum over the turns that reported one, and null until one has", () => {
+  const { store } = storeWithThread();
+  assert.equal(store.readThread('t1')!.usage, null);
+  const usage = (n: number) => ({ input: n, cachedInput: 2 * n, output: 3 * n, reasoning: 4 * n, total: 5 * n });
+  store.commit({ turns: [{ ...head('u0', 0), status: 'completed', usage: usage(1) }, head('u1', 1), { ...head('u2', 2), status: 'stopped', usage: usage(10) }], items: [] });
+  assert.deepEqual(store.readThread('t1')!.usage, usage(11));
+  store.close();
+});

@@ -21,6 +21,7 @@ function threadOf(event: PageEvent): string | null {
       return event.turn.threadId;
     case 'item':
     case 'delta':
+    case 'threadUsage':
       return event.threadId;
     default:
       return null;

@@ -374,5 +374,6 @@ export class ResearchDesk {
     if (this.#journal.pending) this.#unsaved.set(live.head.id, live);
     const summary = this.#options.store.summary(live.head.threadId);
     if (summary) this.#options.publish({ type: 'threadSummary', thread: { ...summary, running: false } });
+    if (summary) this.#options.publish({ type: 'threadUsage', threadId: live.head.threadId, usage: this.#options.store.threadUsage(live.head.threadId) });
   }
 }

@@ -148,8 +148,19 @@ export class ThreadStore {
     const { turns, earlier } = this.readTurns(id, null, itemBudget);
     return {
       id: row.id, title: row.title, folder: row.folder, codexThreadId: row.codex_thread_id,
-      createdAt: row.created_at, updatedAt: row.updated_at, turns, earlier,
+      createdAt: row.created_at, updatedAt: row.updated_at, turns, earlier, usage: this.threadUsage(id),
     };
+  }
+
+  /** The sum of the usage its turns reported; null when none did. */
+  threadUsage(id: string): Usage | null {
+    const row = this.#statement(`SELECT count(usage) AS turns,
+        sum(usage ->> '$.input') AS input, sum(usage ->> '$.cachedInput') AS cachedInput, sum(usage ->> '$.output') AS output,
+        sum(usage ->> '$.reasoning') AS reasoning, sum(usage ->> '$.total') AS total
+      FROM turns WHERE thread_id = ?`).get(id) as unknown as { turns: number } & Usage;
+    if (row.turns === 0) return null;
+    const { turns: _, ...usage } = row;
+    return usage;
   }
 
   /**
