@@ -161,10 +161,11 @@ export class ThreadStore {
    */
   listPage(archived: boolean, after: ListCursor | null, limit: number): { threads: Omit<ThreadSummary, 'running'>[]; more: boolean } {
     const from = after ?? { updatedAt: Number.MAX_SAFE_INTEGER, id: '' };
+    // Spelled out for each view, so SQLite walks the index in the list's order rather than sorting.
+    const which = archived ? 'archived = 1' : 'archived = 0 AND pinned = 0';
     const rows = this.#statement(`SELECT ${SUMMARY} FROM threads
-      WHERE archived = ? AND (archived = 1 OR pinned = 0) AND (updated_at < ? OR (updated_at = ? AND id > ?))
-      ORDER BY updated_at DESC, id LIMIT ?`)
-      .all(archived ? 1 : 0, from.updatedAt, from.updatedAt, from.id, limit + 1) as unknown as ThreadRow[];
+      WHERE ${which} AND (updated_at < ? OR (updated_at = ? AND id > ?)) ORDER BY updated_at DESC, id LIMIT ?`)
+      .all(from.updatedAt, from.updatedAt, from.id, limit + 1) as unknown as ThreadRow[];
     return { threads: rows.slice(0, limit).map(summaryOf), more: rows.length > limit };
   }
 
