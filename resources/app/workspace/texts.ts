@@ -43,7 +43,7 @@ export const texts = {
   titleTooLong: (limit: number) => `标题太长了：请不要超过 ${limit} 个字。`,
   renamedElsewhere: (title: string) => `这个线程刚被另一个页面改名为“${title}”，你的修改没有保存。`,
   needsFlag: '请求里缺少要设定的值（true 或 false）。',
-  threadDeleted: '这个研究线程已被删除。',
+  deleteWhileUnsaved: '现在无法删除：还有内容没能写入数据文件夹，请先解决上面提示的存储问题。',
   exportHeading: (created: string, updated: string) => `创建于 ${created}，最后更新于 ${updated}。由 Lanternmoor Pro 研究工作区导出。`,
   exportQuestion: (position: number) => `问题 ${position}`,
   exportAnswer: '回答',

@@ -197,18 +197,18 @@ export class ResearchDesk {
       await this.#interrupt(live);
       this.#end(live, 'stopped', null);
     }
-    // What is still waiting to be written goes in now, and out again with its thread's rows: a
-    // write left for later would meet rows that are gone.
+    // What is still waiting to be written goes in first, and out again with its thread's rows: a
+    // write left for later would meet rows that are gone. A store that cannot take it now would
+    // not take the deletion either.
     this.#journal.flush();
-    for (const [turnId, turn] of this.#unsaved) if (turn.head.threadId === id) this.#unsaved.delete(turnId);
-    let turnIds;
+    if (this.#journal.pending) throw new Refusal(503, texts.deleteWhileUnsaved);
+    let deleted;
     try {
-      turnIds = this.#options.store.deleteThread(id);
+      deleted = this.#options.store.deleteThread(id);
     } catch (error) {
       throw storageRefusal(error);
     }
-    if (!turnIds) throw new Refusal(404, texts.noSuchThread);
-    this.#journal.forget(new Set(turnIds));
+    if (!deleted) throw new Refusal(404, texts.noSuchThread);
     this.#options.publish({ type: 'threadRemoved', id });
     this.#removeFolder(id);
   }

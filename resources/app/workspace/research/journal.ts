@@ -61,12 +61,6 @@ export class Journal {
     }
   }
 
-  /** Drops what is waiting for these turns: their thread is gone, and its rows with it. */
-  forget(turnIds: ReadonlySet<string>): void {
-    for (const id of turnIds) this.#turns.delete(id);
-    for (const [key, { turnId }] of this.#items) if (turnIds.has(turnId)) this.#items.delete(key);
-  }
-
   #schedule(): void {
     this.#timer ??= this.#clock.after(this.#failing ? RETRY_INTERVAL_MS : FLUSH_INTERVAL_MS, () => {
       this.#timer = null;

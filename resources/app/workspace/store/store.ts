@@ -189,13 +189,9 @@ export class ThreadStore {
     return this.#write(() => Number(this.#statement(sql).run(value ? 1 : 0, id).changes) > 0);
   }
 
-  /** Deletes the thread with its turns and items; its turns' ids, or null when there was no such thread. */
-  deleteThread(id: string): string[] | null {
-    return this.#write(() => {
-      const turns = (this.#statement('SELECT id FROM turns WHERE thread_id = ?').all(id) as { id: string }[]).map((turn) => turn.id);
-      const deleted = Number(this.#statement('DELETE FROM threads WHERE id = ?').run(id).changes);
-      return deleted > 0 ? turns : null;
-    });
+  /** Deletes the thread with its turns and items; false when there was no such thread. */
+  deleteThread(id: string): boolean {
+    return this.#write(() => Number(this.#statement('DELETE FROM threads WHERE id = ?').run(id).changes) > 0);
   }
 
   /** The thread with its newest turns, as many as fill about this many items; earlier: more before them. */
