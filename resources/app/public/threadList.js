@@ -43,11 +43,6 @@ export class ThreadList {
     }, { root: nav, rootMargin: '0px 0px 400px 0px' });
   }
 
-  /** @param {string} id */
-  get(id) {
-    return this.#threads.get(id);
-  }
-
   /**
    * A snapshot: the pinned threads and the newest page. What the page had read beyond that page
    * (its stream is opened again with each thread it opens) is kept, so the reader's place stays.

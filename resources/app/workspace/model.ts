@@ -109,9 +109,8 @@ export interface ServiceState {
 export type PageEvent =
   | {
     type: 'hello'; service: ServiceState; threads: ThreadSummary[]; thread: Thread | null;
-    /** threads holds the pinned ones and the newest page of the rest; more: there are older ones to fetch. */
+    /** threads holds the pinned ones and the newest page of the rest; moreThreads: older ones are left to fetch. */
     moreThreads?: boolean;
-    archivedThreads?: number;
   }
   | { type: 'service'; service: ServiceState }
   | { type: 'threadSummary'; thread: ThreadSummary }

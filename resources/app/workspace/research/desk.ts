@@ -134,10 +134,10 @@ export class ResearchDesk {
   }
 
   /** What a page's list starts with: the pinned threads, then the newest page of the rest. */
-  firstListPage(): { threads: ThreadSummary[]; moreThreads: boolean; archivedThreads: number } {
+  firstListPage(): { threads: ThreadSummary[]; moreThreads: boolean } {
     const { store } = this.#options;
     const { threads, more } = store.listPage(false, null, LIST_PAGE);
-    return { threads: [...store.pinnedThreads(), ...threads].map(this.#running), moreThreads: more, archivedThreads: store.archivedCount() };
+    return { threads: [...store.pinnedThreads(), ...threads].map(this.#running), moreThreads: more };
   }
 
   /** The page of the list after this cursor: archived threads, or the others that are not pinned. */

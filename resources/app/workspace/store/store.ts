@@ -169,10 +169,6 @@ export class ThreadStore {
     return { threads: rows.slice(0, limit).map(summaryOf), more: rows.length > limit };
   }
 
-  archivedCount(): number {
-    return Number((this.#statement('SELECT count(*) AS n FROM threads WHERE archived = 1').get() as { n: number }).n);
-  }
-
   /** Renames the thread if its title is still the one the page saw. */
   renameThread(id: string, from: string, title: string): RenameResult {
     return this.#write(() => {
