@@ -5,6 +5,8 @@ import { createMarkdown } from './markdown.js';
 import { ItemView, element } from './items.js';
 import { installKeys } from './keys.js';
 import { installNarrowList } from './narrow.js';
+import { ThreadList } from './threadList.js';
+import { ThreadActions } from './threadActions.js';
 
 /** @typedef {import('../workspace/model.ts').PageEvent} PageEvent */
 /** @typedef {import('../workspace/model.ts').ServiceState} ServiceState */
@@ -41,53 +43,18 @@ const ui = {
   newThread: byId('new-thread'),
 };
 
-const time = new Intl.DateTimeFormat('zh-CN', { month: 'numeric', day: 'numeric', hour: '2-digit', minute: '2-digit' });
 const number = new Intl.NumberFormat('zh-CN');
 
-/** @type {{ service: ServiceState | null, threads: Map<string, ThreadSummary>, open: string | null, connected: boolean }} */
-const state = { service: null, threads: new Map(), open: null, connected: true };
+/** @type {{ service: ServiceState | null, open: string | null, connected: boolean }} */
+const state = { service: null, open: null, connected: true };
 
 // ---- the thread list ----
 
-/** @type {Map<string, HTMLButtonElement>} */
-const listEntries = new Map();
+const list = new ThreadList(ui.threads);
 
-/** @param {ThreadSummary} thread */
-function listEntry(thread) {
-  let entry = listEntries.get(thread.id);
-  if (!entry) {
-    entry = element('button', 'thread-entry');
-    entry.type = 'button';
-    entry.dataset.thread = thread.id;
-    entry.append(element('span', 'title'), element('span', 'when'));
-    entry.addEventListener('click', () => {
-      location.hash = thread.id;
-    });
-    listEntries.set(thread.id, entry);
-  }
-  /** @type {HTMLElement} */ (entry.firstChild).textContent = thread.title;
-  /** @type {HTMLElement} */ (entry.lastChild).textContent = time.format(thread.updatedAt);
-  entry.classList.toggle('running', thread.running);
-  entry.classList.toggle('open', thread.id === state.open);
-  entry.setAttribute('aria-current', thread.id === state.open ? 'page' : 'false');
-  return entry;
-}
-
-function drawList() {
-  const sorted = [...state.threads.values()].sort((a, b) => b.updatedAt - a.updatedAt || (a.id < b.id ? -1 : 1));
-  ui.threads.replaceChildren(...sorted.map(listEntry));
-  if (sorted.length === 0) ui.threads.append(element('p', 'empty', '还没有研究线程。'));
-}
-
-/** One thread changed: its entry is updated, and moved to the top when it was just used. @param {ThreadSummary} thread */
+/** One thread changed: its entry moves to its place, and its head is drawn again when it is open. @param {ThreadSummary} thread */
 function updateListEntry(thread) {
-  const before = state.threads.get(thread.id);
-  state.threads.set(thread.id, thread);
-  const entry = listEntry(thread);
-  if (!before || before.updatedAt !== thread.updatedAt) {
-    ui.threads.querySelector('.empty')?.remove();
-    ui.threads.prepend(entry);
-  }
+  list.update(thread);
   if (thread.id === state.open) drawHead(thread);
 }
 
@@ -139,6 +106,7 @@ const topSentinel = element('div', 'sentinel');
 
 /** @param {ThreadSummary} thread */
 function drawHead(thread) {
+  actions.show(thread);
   ui.head.hidden = false;
   ui.title.textContent = thread.title;
   ui.stop.hidden = !thread.running;
@@ -209,6 +177,7 @@ function showThread(thread) {
   ui.conversation.replaceChildren();
   ui.welcome.hidden = thread !== null;
   ui.head.hidden = thread === null;
+  if (!thread) actions.show(null);
   ui.stop.hidden = true;
   ui.send.disabled = false;
   earliest = null;
@@ -283,13 +252,12 @@ function receive(event) {
   switch (event.type) {
     case 'hello':
       drawService(event.service);
-      state.threads = new Map(event.threads.map((thread) => [thread.id, thread]));
       if (state.open && !event.thread) {
         ui.error.textContent = '找不到这个研究线程，它可能已被删除。';
         state.open = null;
         history.replaceState(null, '', location.pathname);
       }
-      drawList();
+      list.hello(event.threads, event.moreThreads ?? false, state.open);
       showThread(event.thread);
       return;
     case 'service':
@@ -300,6 +268,15 @@ function receive(event) {
       return;
     case 'threadUsage':
       if (event.threadId === state.open) drawThreadUsage(event.usage);
+      return;
+    case 'threadRemoved':
+      list.remove(event.id);
+      if (event.id !== state.open) return;
+      // Deleted here or in another page: this page goes back to the welcome, and says why.
+      history.replaceState(null, '', location.pathname);
+      listen(null);
+      showThread(null);
+      ui.error.textContent = '这个研究线程已被删除。';
       return;
     case 'turn': {
       if (event.turn.threadId !== state.open) return;
@@ -397,6 +374,8 @@ function fitQuestion() {
   ui.question.style.height = `${Math.min(ui.question.scrollHeight, 240)}px`;
 }
 ui.question.addEventListener('input', fitQuestion);
+
+const actions = new ThreadActions(ui.head, ui.title, post);
 
 ui.stop.addEventListener('click', async () => {
   if (!state.open) return;

@@ -65,6 +65,10 @@ export interface ThreadSummary {
   createdAt: number;
   updatedAt: number;
   running: boolean;
+  /** Listed first, in a group of their own. */
+  pinned: boolean;
+  /** Left out of the main list; shown in the archived view. */
+  archived: boolean;
 }
 
 export interface Thread extends ThreadSummary {
@@ -105,10 +109,15 @@ export interface ServiceState {
 
 /** What a page's event stream carries, in order. */
 export type PageEvent =
-  | { type: 'hello'; service: ServiceState; threads: ThreadSummary[]; thread: Thread | null }
+  | {
+    type: 'hello'; service: ServiceState; threads: ThreadSummary[]; thread: Thread | null;
+    /** threads holds the pinned ones and the newest page of the rest; moreThreads: older ones are left to fetch. */
+    moreThreads?: boolean;
+  }
   | { type: 'service'; service: ServiceState }
   | { type: 'threadSummary'; thread: ThreadSummary }
   | { type: 'threadUsage'; threadId: string; usage: Usage | null }
+  | { type: 'threadRemoved'; id: string }
   | { type: 'turn'; turn: TurnHead }
   | { type: 'item'; threadId: string; turnId: string; item: Item }
   | { type: 'delta'; threadId: string; turnId: string; position: number; field: 'text' | 'output'; part?: number; text: string };

@@ -7,6 +7,7 @@ import { sendJson } from './answer.ts';
 import { checkChange, readJson, type PeerGate } from './security.ts';
 import type { EventHub } from './events.ts';
 import type { StaticFiles } from './static.ts';
+import { listPage, organise } from './organise.ts';
 import type { ResearchDesk } from '../research/desk.ts';
 import type { ServiceState } from '../model.ts';
 
@@ -39,7 +40,7 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
       if (method !== 'GET') throw new Refusal(405, texts.methodNotAllowed);
       const wanted = url.searchParams.get('thread');
       const thread = wanted && THREAD_ID.test(wanted) ? desk.thread(wanted) : null;
-      hub.subscribe(response, thread?.id ?? null, { type: 'hello', service: deps.service(), threads: desk.list(), thread });
+      hub.subscribe(response, thread?.id ?? null, { type: 'hello', service: deps.service(), ...desk.firstListPage(), thread });
       deps.pageConnected();
       return;
     }
@@ -47,6 +48,7 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
       throw new Refusal(404, texts.notFound);
     }
     if (id === undefined) {
+      if (method === 'GET' && url.search !== '') return listPage(desk, response, url.searchParams);
       if (method === 'GET') return sendJson(response, 200, { threads: desk.list() });
       if (method === 'POST') return sendJson(response, 201, desk.create(questionOf(await readJson(request))));
       throw new Refusal(405, texts.methodNotAllowed);
@@ -62,6 +64,7 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
       if (!Number.isSafeInteger(before) || before < 0) throw new Refusal(400, texts.badPosition);
       return sendJson(response, 200, desk.earlierTurns(id, before));
     }
+    if (await organise(desk, request, response, id, action, method)) return;
     if (method !== 'POST') throw new Refusal(405, texts.methodNotAllowed);
     if (action === 'turns') return sendJson(response, 201, desk.ask(id, questionOf(await readJson(request))));
     if (action === 'stop') {

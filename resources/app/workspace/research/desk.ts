@@ -1,7 +1,7 @@
 // The research desk: threads are asked, followed up and stopped here. Each thread is a Codex
 // thread working in a folder of its own; each question a turn whose items stream to the pages
 // and into the store as they come.
-import { mkdirSync, rmSync } from 'node:fs';
+import { lstatSync, mkdirSync, rmSync } from 'node:fs';
 import { randomBytes, randomUUID } from 'node:crypto';
 import { join } from 'node:path';
 import { LiveTurn, type TurnSink } from './liveTurn.ts';
@@ -12,7 +12,7 @@ import { RpcClosed, RpcError } from '../codex/rpc.ts';
 import { CodexUnavailable } from '../codex/appServer.ts';
 import { APPROVAL_POLICY, isTurnNotification, SANDBOX, type TurnNotification } from '../codex/protocol.ts';
 import { MARKER } from '../codex/commands.ts';
-import { StoreError, type ThreadStore } from '../store/store.ts';
+import { StoreError, type ListCursor, type ThreadStore } from '../store/store.ts';
 import type { Clock, Timer } from '../clock.ts';
 import type { PageEvent, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
 
@@ -23,6 +23,10 @@ export const PAGE_ITEMS = 40;
 // Codex answers turn/start within milliseconds; this only bounds what one that never does costs.
 const EARLY_LIMIT = 10_000;
 const TITLE_LENGTH = 60;
+/** The longest title a reader may give a thread, in characters. */
+export const TITLE_LIMIT = 100;
+/** How many threads (besides the pinned ones) a page's list gets at a time: several screens. */
+export const LIST_PAGE = 100;
 
 export interface CodexPort {
   request<T>(method: string, params: unknown, timeoutMs?: number): Promise<T>;
@@ -127,6 +131,108 @@ export class ResearchDesk {
 
   list(): ThreadSummary[] {
     return this.#options.store.listThreads().map((thread) => ({ ...thread, running: this.#live.has(thread.id) }));
+  }
+
+  /** What a page's list starts with: the pinned threads, then the newest page of the rest. */
+  firstListPage(): { threads: ThreadSummary[]; moreThreads: boolean } {
+    const { store } = this.#options;
+    const { threads, more } = store.listPage(false, null, LIST_PAGE);
+    return { threads: [...store.pinnedThreads(), ...threads].map(this.#running), moreThreads: more };
+  }
+
+  /** The page of the list after this cursor: archived threads, or the others that are not pinned. */
+  listPage(archived: boolean, after: ListCursor | null): { threads: ThreadSummary[]; more: boolean } {
+    const { threads, more } = this.#options.store.listPage(archived, after, LIST_PAGE);
+    return { threads: threads.map(this.#running), more };
+  }
+
+  readonly #running = (thread: Omit<ThreadSummary, 'running'>): ThreadSummary => ({ ...thread, running: this.#live.has(thread.id) });
+
+  /** Gives the thread the reader's title, unless another page renamed it since this one saw it. */
+  rename(id: string, from: unknown, title: unknown): ThreadSummary {
+    if (typeof title !== 'string' || typeof from !== 'string') throw new Refusal(400, texts.emptyTitle);
+    const cleaned = title.replace(/\s+/g, ' ').trim();
+    if (cleaned === '') throw new Refusal(400, texts.emptyTitle);
+    if ([...cleaned].length > TITLE_LIMIT) throw new Refusal(400, texts.titleTooLong(TITLE_LIMIT));
+    let result;
+    try {
+      result = this.#options.store.renameThread(id, from, cleaned);
+    } catch (error) {
+      throw storageRefusal(error);
+    }
+    if (!result.done) {
+      throw result.current === null ? new Refusal(404, texts.noSuchThread) : new Refusal(409, texts.renamedElsewhere(result.current));
+    }
+    return this.#published(id);
+  }
+
+  /** Pins or archives the thread, or undoes it; setting what is already set is no change. */
+  setFlag(id: string, flag: 'pinned' | 'archived', value: unknown): ThreadSummary {
+    if (typeof value !== 'boolean') throw new Refusal(400, texts.needsFlag);
+    let found;
+    try {
+      found = this.#options.store.setFlag(id, flag, value);
+    } catch (error) {
+      throw storageRefusal(error);
+    }
+    if (!found) throw new Refusal(404, texts.noSuchThread);
+    return this.#published(id);
+  }
+
+  #published(id: string): ThreadSummary {
+    const summary = this.#running(this.#options.store.summary(id)!);
+    this.#options.publish({ type: 'threadSummary', thread: summary });
+    return summary;
+  }
+
+  /**
+   * Deletes the thread, its turns and its folder; a running turn is stopped first. Of two pages
+   * deleting at once, the second finds nothing left to delete.
+   */
+  async remove(id: string): Promise<void> {
+    if (!this.#options.store.summary(id)) throw new Refusal(404, texts.noSuchThread);
+    const live = this.#live.get(id);
+    if (live) {
+      live.stopRequested = true;
+      await this.#interrupt(live);
+      this.#end(live, 'stopped', null);
+    }
+    // What is still waiting to be written goes in first, and out again with its thread's rows: a
+    // write left for later would meet rows that are gone. A store that cannot take it now would
+    // not take the deletion either.
+    this.#journal.flush();
+    if (this.#journal.pending) throw new Refusal(503, texts.deleteWhileUnsaved);
+    let deleted;
+    try {
+      deleted = this.#options.store.deleteThread(id);
+    } catch (error) {
+      throw storageRefusal(error);
+    }
+    if (!deleted) throw new Refusal(404, texts.noSuchThread);
+    this.#options.publish({ type: 'threadRemoved', id });
+    this.#removeFolder(id);
+  }
+
+  /**
+   * The thread's own folder, named by its id below the data folder's threads folder: never the
+   * folder its row names, which a damaged or edited store could point anywhere. A link in its
+   * place is not followed.
+   */
+  #removeFolder(id: string): void {
+    if (!/^[\w-]+$/.test(id)) return;
+    const folder = join(this.#options.dataFolder, 'threads', id);
+    try {
+      if (!lstatSync(folder).isDirectory()) return;
+    } catch {
+      return;
+    }
+    // rm does not follow links inside either: only what is in the folder itself goes.
+    rmSync(folder, { recursive: true, force: true });
+  }
+
+  /** The whole thread as it is now, for an export; read at once, so never half of one. */
+  whole(id: string): Thread | null {
+    return this.thread(id, Infinity);
   }
 
   /** The thread as a page opens it: its newest turns, as they are now. */

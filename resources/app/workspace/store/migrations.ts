@@ -36,4 +36,10 @@ export const migrations: readonly Migration[] = [
       PRIMARY KEY (turn_id, position)
     ) STRICT, WITHOUT ROWID;
   `),
+  // Threads can be pinned and archived; the list is read a page at a time in its display order.
+  (db) => db.exec(`
+    ALTER TABLE threads ADD COLUMN pinned INTEGER NOT NULL DEFAULT 0;
+    ALTER TABLE threads ADD COLUMN archived INTEGER NOT NULL DEFAULT 0;
+    CREATE INDEX threads_by_place ON threads (archived, pinned, updated_at DESC, id);
+  `),
 ];

@@ -30,7 +30,15 @@ interface TurnRow {
   id: string; thread_id: string; position: number; question: string; status: string;
   error: string | null; usage: string | null; started_at: number; ended_at: number | null;
 }
-interface ThreadRow { id: string; title: string; folder: string; created_at: number; updated_at: number }
+interface ThreadRow {
+  id: string; title: string; folder: string; created_at: number; updated_at: number; pinned: number; archived: number;
+}
+
+/** Where a page of the list starts: after this thread, in the list's order (newest first). */
+export interface ListCursor { updatedAt: number; id: string }
+
+/** What a rename found: done, the thread gone, or a title other than the one the page saw. */
+export type RenameResult = { done: true } | { done: false; current: string | null };
 
 // SQLite's primary result codes (the low byte of an extended one).
 const FULL = 13;
@@ -135,9 +143,51 @@ export class ThreadStore {
   }
 
   listThreads(): Omit<ThreadSummary, 'running'>[] {
-    const rows = this.#statement('SELECT id, title, created_at, updated_at FROM threads ORDER BY updated_at DESC, id')
+    const rows = this.#statement(`SELECT ${SUMMARY} FROM threads ORDER BY updated_at DESC, id`)
       .all() as unknown as ThreadRow[];
     return rows.map(summaryOf);
+  }
+
+  /** The pinned threads that are not archived, newest first. */
+  pinnedThreads(): Omit<ThreadSummary, 'running'>[] {
+    const rows = this.#statement(`SELECT ${SUMMARY} FROM threads WHERE archived = 0 AND pinned = 1 ORDER BY updated_at DESC, id`)
+      .all() as unknown as ThreadRow[];
+    return rows.map(summaryOf);
+  }
+
+  /**
+   * A page of the list after the cursor: the archived threads, or the others that are not pinned;
+   * more: whether any come after the page.
+   */
+  listPage(archived: boolean, after: ListCursor | null, limit: number): { threads: Omit<ThreadSummary, 'running'>[]; more: boolean } {
+    const from = after ?? { updatedAt: Number.MAX_SAFE_INTEGER, id: '' };
+    // Spelled out for each view, so SQLite walks the index in the list's order rather than sorting.
+    const which = archived ? 'archived = 1' : 'archived = 0 AND pinned = 0';
+    const rows = this.#statement(`SELECT ${SUMMARY} FROM threads
+      WHERE ${which} AND (updated_at < ? OR (updated_at = ? AND id > ?)) ORDER BY updated_at DESC, id LIMIT ?`)
+      .all(from.updatedAt, from.updatedAt, from.id, limit + 1) as unknown as ThreadRow[];
+    return { threads: rows.slice(0, limit).map(summaryOf), more: rows.length > limit };
+  }
+
+  /** Renames the thread if its title is still the one the page saw. */
+  renameThread(id: string, from: string, title: string): RenameResult {
+    return this.#write(() => {
+      const row = this.#statement('SELECT title FROM threads WHERE id = ?').get(id) as { title: string } | undefined;
+      if (!row || row.title !== from) return { done: false, current: row?.title ?? null };
+      this.#statement('UPDATE threads SET title = ? WHERE id = ?').run(title, id);
+      return { done: true };
+    });
+  }
+
+  /** Sets a flag of the thread; false when there is no such thread. */
+  setFlag(id: string, flag: 'pinned' | 'archived', value: boolean): boolean {
+    const sql = flag === 'pinned' ? 'UPDATE threads SET pinned = ? WHERE id = ?' : 'UPDATE threads SET archived = ? WHERE id = ?';
+    return this.#write(() => Number(this.#statement(sql).run(value ? 1 : 0, id).changes) > 0);
+  }
+
+  /** Deletes the thread with its turns and items; false when there was no such thread. */
+  deleteThread(id: string): boolean {
+    return this.#write(() => Number(this.#statement('DELETE FROM threads WHERE id = ?').run(id).changes) > 0);
   }
 
   /** The thread with its newest turns, as many as fill about this many items; earlier: more before them. */
@@ -146,10 +196,7 @@ export class ThreadStore {
       (ThreadRow & { codex_thread_id: string | null }) | undefined;
     if (!row) return null;
     const { turns, earlier } = this.readTurns(id, null, itemBudget);
-    return {
-      id: row.id, title: row.title, folder: row.folder, codexThreadId: row.codex_thread_id,
-      createdAt: row.created_at, updatedAt: row.updated_at, turns, earlier, usage: this.threadUsage(id),
-    };
+    return { ...summaryOf(row), folder: row.folder, codexThreadId: row.codex_thread_id, turns, earlier, usage: this.threadUsage(id) };
   }
 
   /** The sum of the usage its turns reported; null when none did. */
@@ -188,7 +235,7 @@ export class ThreadStore {
   }
 
   summary(id: string): Omit<ThreadSummary, 'running'> | null {
-    const row = this.#statement('SELECT id, title, created_at, updated_at FROM threads WHERE id = ?').get(id) as
+    const row = this.#statement(`SELECT ${SUMMARY} FROM threads WHERE id = ?`).get(id) as
       ThreadRow | undefined;
     return row ? summaryOf(row) : null;
   }
@@ -271,8 +318,13 @@ export class ThreadStore {
   }
 }
 
-function summaryOf(row: ThreadRow): Omit<ThreadSummary, 'running'> {
-  return { id: row.id, title: row.title, createdAt: row.created_at, updatedAt: row.updated_at };
+const SUMMARY = 'id, title, created_at, updated_at, pinned, archived';
+
+function summaryOf(row: Omit<ThreadRow, 'folder'>): Omit<ThreadSummary, 'running'> {
+  return {
+    id: row.id, title: row.title, createdAt: row.created_at, updatedAt: row.updated_at,
+    pinned: row.pinned === 1, archived: row.archived === 1,
+  };
 }
 
 function headOf(row: TurnRow): TurnHead {

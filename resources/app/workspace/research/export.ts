@@ -1,0 +1,76 @@
+// A thread as one Markdown file: its questions, answers, commands with their output and the files
+// Codex changed, in the order they happened. Reasoning and tool calls stay out: they are working
+// notes, not the research.
+import { texts } from '../texts.ts';
+import type { Item, Thread, Turn } from '../model.ts';
+
+const FILE_NAME_LENGTH = 80;
+const when = new Intl.DateTimeFormat('zh-CN', { dateStyle: 'medium', timeStyle: 'short', hour12: false });
+
+/** A fence longer than any run of backticks inside, so no output can close it early. */
+function fenced(text: string, language = ''): string {
+  const longest = Math.max(0, ...[...text.matchAll(/`+/g)].map((run) => run[0].length));
+  const fence = '`'.repeat(Math.max(3, longest + 1));
+  return `${fence}${language}\n${text.endsWith('\n') || text === '' ? text : `${text}\n`}${fence}`;
+}
+
+function quoted(text: string): string {
+  return text.split('\n').map((line) => (line === '' ? '>' : `> ${line}`)).join('\n');
+}
+
+function itemMarkdown(item: Item): string | null {
+  switch (item.kind) {
+    case 'answer':
+      return item.text.trim() === '' ? null : item.text.trim();
+    case 'command': {
+      const output = item.dropped > 0 ? `${item.output}\n${texts.exportDropped(item.dropped)}` : item.output;
+      return `**${texts.exportCommand(item.exitCode)}**\n\n${fenced(`$ ${item.command}\n${output}`, 'console')}`;
+    }
+    case 'fileChange':
+      return [`**${texts.exportFiles}**`, ...item.changes.map((change) =>
+        `- ${texts.exportChange[change.change]} \`${change.path}\`${change.diff.trim() === '' ? '' : `\n\n${fenced(change.diff, 'diff')}`}`)].join('\n\n');
+    case 'webSearch':
+      return `*${texts.exportSearch(item.query)}*`;
+    case 'plan':
+      return item.text.trim() === '' ? null : item.text.trim();
+    case 'notice':
+      return quoted(item.text);
+    case 'reasoning':
+    case 'tool':
+      return null;
+  }
+}
+
+function turnMarkdown(turn: Turn): string {
+  const parts = [`## ${texts.exportQuestion(turn.position + 1)}`, quoted(turn.question), `### ${texts.exportAnswer}`];
+  for (const item of turn.items) {
+    const text = itemMarkdown(item);
+    if (text !== null) parts.push(text);
+  }
+  if (turn.status !== 'completed') parts.push(`*${texts.exportUnfinished(turn.error ?? turn.status)}*`);
+  return parts.join('\n\n');
+}
+
+export function threadMarkdown(thread: Pick<Thread, 'title' | 'createdAt' | 'updatedAt' | 'turns'>): string {
+  const head = `# ${thread.title}\n\n${texts.exportHeading(when.format(thread.createdAt), when.format(thread.updatedAt))}`;
+  return `${[head, ...thread.turns.map(turnMarkdown)].join('\n\n')}\n`;
+}
+
+/**
+ * The file's name, from the title: nothing a file system or a shell treats specially, no leading
+ * dot, short enough for any file system; the thread id when nothing of the title is left.
+ */
+export function exportFileName(title: string, threadId: string): string {
+  const cleaned = title
+    .replace(/[\u0000-\u001f\u007f/\\:*?"<>|]/g, ' ')
+    .replace(/\s+/g, ' ')
+    .replace(/^[\s.]+|[\s.]+$/g, '');
+  const name = [...cleaned].slice(0, FILE_NAME_LENGTH).join('').trim();
+  return `${name === '' ? threadId : name}.md`;
+}
+
+/** Content-Disposition for a download: the UTF-8 name for browsers, the id (plain ASCII) for the rest. */
+export function attachment(name: string, threadId: string): string {
+  const encoded = encodeURIComponent(name).replace(/['()*]/g, (char) => `%${char.charCodeAt(0).toString(16).toUpperCase()}`);
+  return `attachment; filename="${threadId}.md"; filename*=UTF-8''${encoded}`;
+}

@@ -1,0 +1,145 @@
+// Organising threads on a real store and a scripted Codex: two pages at once, a deletion that must
+// stop a turn and touch nothing but the thread's own folder, the list a page at a time, the export.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { existsSync, mkdirSync, renameSync, symlinkSync, writeFileSync } from 'node:fs';
+import { join } from 'node:path';
+import { DatabaseSync } from 'node:sqlite';
+import { ResearchDesk } from '../../../resources/app/workspace/research/desk.ts';
+import { exportFileName, threadMarkdown } from '../../../resources/app/workspace/research/export.ts';
+import { ThreadStore } from '../../../resources/app/workspace/store/store.ts';
+import { migrations } from '../../../resources/app/workspace/store/migrations.ts';
+import { Refusal } from '../../../resources/app/workspace/refusal.ts';
+import { texts } from '../../../resources/app/workspace/texts.ts';
+import type { PageEvent, Turn } from '../../../resources/app/workspace/model.ts';
+import { VirtualClock, settle } from '../support/clock.ts';
+import { temporaryFolder } from '../support/service.ts';
+
+function fixture() {
+  const dataFolder = temporaryFolder('lm-organise-');
+  const store = ThreadStore.open(join(dataFolder, 'workspace.db'));
+  const calls: string[] = [];
+  const codex = {
+    pid: 4242,
+    async request<T>(method: string): Promise<T> {
+      calls.push(method);
+      return ({ 'thread/start': { thread: { id: 'codex-1' } }, 'turn/start': { turn: { id: 'turn-1' } } } as Record<string, unknown>)[method] as T;
+    },
+  };
+  const events: PageEvent[] = [];
+  const desk = new ResearchDesk({
+    store, codex, dataFolder, clock: new VirtualClock(), publish: (event) => events.push(event),
+    endCommands: async () => {}, reportStorage: () => {},
+  });
+  return { desk, store, dataFolder, calls, events };
+}
+
+const refused = (status: number, message: string) => (error: unknown) =>
+  error instanceof Refusal && error.status === status && error.message === message;
+
+test('of two pages renaming from the same title, the first wins and the second is told the title it lost to', () => {
+  const { desk, store, events } = fixture();
+  const { thread } = desk.create('什么是 WAL？');
+  assert.equal(desk.rename(thread.id, '什么是 WAL？', '  WAL\n研究 ').title, 'WAL 研究');
+  assert.throws(() => desk.rename(thread.id, '什么是 WAL？', '另一个标题'), refused(409, texts.renamedElsewhere('WAL 研究')));
+  assert.equal(store.summary(thread.id)!.title, 'WAL 研究');
+  assert.deepEqual(events.filter((event) => event.type === 'threadSummary').map((event) => event.thread.title), ['什么是 WAL？', 'WAL 研究']);
+  for (const [title, status, message] of [
+    [' \n ', 400, texts.emptyTitle], ['长'.repeat(101), 400, texts.titleTooLong(100)], [42, 400, texts.emptyTitle],
+  ] as const) {
+    assert.throws(() => desk.rename(thread.id, 'WAL 研究', title), refused(status, message), String(title));
+  }
+  assert.equal(desk.rename(thread.id, 'WAL 研究', '😀'.repeat(100)).title, '😀'.repeat(100), 'a hundred characters, not UTF-16 units');
+});
+
+test('deleting a running thread from two pages at once: the turn is stopped, one deletion wins, the other finds nothing', async () => {
+  const { desk, store, dataFolder, calls, events } = fixture();
+  const { thread } = desk.create('一个很长的问题');
+  await settle();
+  writeFileSync(join(dataFolder, 'threads', thread.id, 'notes.txt'), 'x');
+  const results = await Promise.allSettled([desk.remove(thread.id), desk.remove(thread.id)]);
+  assert.deepEqual(results.map((result) => result.status), ['fulfilled', 'rejected']);
+  assert.ok(refused(404, texts.noSuchThread)((results[1] as PromiseRejectedResult).reason));
+  assert.ok(calls.includes('turn/interrupt'));
+  assert.equal(store.readThread(thread.id), null);
+  assert.equal(existsSync(join(dataFolder, 'threads', thread.id)), false);
+  assert.deepEqual(events.filter((event) => event.type === 'threadRemoved'), [{ type: 'threadRemoved', id: thread.id }]);
+  assert.equal(desk.busy, false);
+  assert.throws(() => desk.rename(thread.id, '一个很长的问题', '新标题'), refused(404, texts.noSuchThread));
+});
+
+test('a deletion removes the thread\'s own folder only, whatever its row says and whatever stands in its place', async () => {
+  const cases: [string, (db: DatabaseSync, id: string, folder: string, outside: string) => void][] = [
+    ['its row names the data folder', (db, id) => db.prepare("UPDATE threads SET folder = '.' WHERE id = ?").run(id)],
+    ['its folder is a link to one outside', (_db, _id, folder, outside) => {
+      renameSync(folder, `${folder}.moved`);
+      symlinkSync(outside, folder);
+    }],
+  ];
+  for (const [name, tamper] of cases) {
+    const { desk, dataFolder } = fixture();
+    const { thread } = desk.create('问题');
+    await settle();
+    const outside = temporaryFolder('lm-outside-');
+    for (const folder of [outside, dataFolder]) writeFileSync(join(folder, 'keep.txt'), 'keep');
+    const db = new DatabaseSync(join(dataFolder, 'workspace.db'));
+    tamper(db, thread.id, join(dataFolder, 'threads', thread.id), outside);
+    db.close();
+    await desk.remove(thread.id);
+    assert.ok([outside, dataFolder].every((folder) => existsSync(join(folder, 'keep.txt'))), name);
+  }
+});
+
+test('the list a page at a time: pinned first and apart, archived apart, each thread once in order, ties and all', () => {
+  const store = ThreadStore.open(':memory:');
+  const times = [5, 3, 3, 3, 1, 4, 2];
+  times.forEach((at, i) => store.createThread({ id: `t${i}`, title: `T${i}`, folder: `threads/t${i}`, createdAt: at }, {
+    id: `u${i}`, threadId: `t${i}`, position: 0, question: 'q', status: 'completed', error: null, usage: null, startedAt: at, endedAt: at,
+  }));
+  store.setFlag('t5', 'pinned', true);
+  store.setFlag('t0', 'archived', true);
+  store.setFlag('t6', 'pinned', true);
+  store.setFlag('t6', 'archived', true);
+  const pages = (archived: boolean) => {
+    const seen: string[][] = [];
+    let after = null;
+    for (let more = true; more;) {
+      const page = store.listPage(archived, after, 2);
+      seen.push(page.threads.map((thread) => thread.id));
+      after = page.threads.at(-1) ?? null;
+      more = page.more;
+    }
+    return seen;
+  };
+  assert.deepEqual(store.pinnedThreads().map((thread) => thread.id), ['t5']);
+  assert.deepEqual(pages(false), [['t1', 't2'], ['t3', 't4']]);
+  assert.deepEqual(pages(true), [['t0', 't6']]);
+});
+
+test('a store of the previous version keeps every thread, neither pinned nor archived', () => {
+  const path = join(temporaryFolder('lm-organise-'), 'workspace.db');
+  const old = ThreadStore.open(path, migrations.slice(0, 1));
+  old.createThread({ id: 't1', title: '旧线程', folder: 'threads/t1', createdAt: 7 }, {
+    id: 'u1', threadId: 't1', position: 0, question: 'q', status: 'completed', error: null, usage: null, startedAt: 7, endedAt: 8,
+  });
+  old.close();
+  const store = ThreadStore.open(path);
+  assert.deepEqual(store.listThreads(), [{ id: 't1', title: '旧线程', createdAt: 7, updatedAt: 8, pinned: false, archived: false }]);
+});
+
+test('an export keeps a command\'s output inside its block whatever backticks it prints; its file name is safe', () => {
+  const turn: Turn = {
+    id: 'u', threadId: 't', position: 0, question: '第一行\n第二行', status: 'completed', error: null, usage: null, startedAt: 0, endedAt: 1,
+    items: [
+      { kind: 'command', position: 0, status: 'completed', command: 'cat a.md', output: '````\n# 不是标题', dropped: 0, exitCode: 0, durationMs: 1 },
+      { kind: 'answer', position: 1, status: 'completed', text: '答案。' },
+    ],
+  };
+  const markdown = threadMarkdown({ title: 'T', createdAt: 0, updatedAt: 1, turns: [turn] });
+  assert.ok(markdown.includes('> 第一行\n> 第二行'));
+  assert.ok(markdown.includes('`````console\n$ cat a.md\n````\n# 不是标题\n`````\n\n答案。'), markdown);
+  for (const [title, name] of [
+    ['a/b\\c:d*e?f"g<h>i|j', 'a b c d e f g h i j.md'], ['..', 't-1.md'], ['.隐藏', '隐藏.md'], ['行\u0000\u001b尾', '行 尾.md'],
+    ['长'.repeat(90), `${'长'.repeat(80)}.md`],
+  ]) assert.equal(exportFileName(title!, 't-1'), name, title);
+});
