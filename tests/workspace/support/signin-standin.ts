@@ -18,15 +18,13 @@ export interface SignInScript {
 export interface SignInStandIn {
   url: string;
   script: SignInScript;
-  /** The paths Codex and the browser asked for, in order. */
-  asked: string[];
   close(): Promise<void>;
 }
 
 const base64url = (value: object) => Buffer.from(JSON.stringify(value)).toString('base64url');
 
 /** An unsigned JWT with the claims Codex reads: email, plan and account. */
-export function idToken(script: SignInScript): string {
+function idToken(script: SignInScript): string {
   const claims = {
     email: script.email,
     exp: Math.floor(Date.now() / 1000) + 3600,
@@ -36,13 +34,11 @@ export function idToken(script: SignInScript): string {
 }
 
 export async function startSignInStandIn(script: SignInScript): Promise<SignInStandIn> {
-  const asked: string[] = [];
   const standIn = { script } as SignInStandIn;
   const server: Server = createServer(async (request, response) => {
     let body = '';
     for await (const chunk of request) body += chunk;
     const url = new URL(request.url ?? '/', 'http://stand-in.invalid');
-    asked.push(url.pathname);
     const json = (status: number, value: object) => response.writeHead(status, { 'content-type': 'application/json' }).end(JSON.stringify(value));
     switch (url.pathname) {
       case '/oauth/authorize': {
@@ -63,8 +59,6 @@ export async function startSignInStandIn(script: SignInScript): Promise<SignInSt
       }
       case '/api/accounts/deviceauth/usercode':
         return json(200, { device_auth_id: 'device-stand-in', user_code: standIn.script.userCode ?? 'STAND-IN', interval: '1' });
-      case '/api/accounts/deviceauth/token':
-        return json(403, { error: 'authorization_pending' });
       case '/backend-api/wham/accounts/check':
         // Codex asks which workspaces the account belongs to before it counts a sign-in as done.
         return json(200, { accounts: [{ id: 'acct-stand-in', workspace_backend_origin: 'https://chatgpt.com', account_routing_override: 'NO_CONSTRAINT' }], account_ordering: ['acct-stand-in'] });
@@ -83,7 +77,6 @@ export async function startSignInStandIn(script: SignInScript): Promise<SignInSt
   const { port } = server.address() as import('node:net').AddressInfo;
   return Object.assign(standIn, {
     url: `http://127.0.0.1:${port}`,
-    asked,
     close: async () => {
       server.closeAllConnections();
       server.close();

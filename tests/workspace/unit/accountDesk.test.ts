@@ -3,7 +3,6 @@
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { AccountDesk, SIGN_IN_LIMIT_MS } from '../../../resources/app/workspace/account/accountDesk.ts';
-import { RpcError } from '../../../resources/app/workspace/codex/rpc.ts';
 import { texts } from '../../../resources/app/workspace/texts.ts';
 import type { AccountView } from '../../../resources/app/workspace/account/accountDesk.ts';
 import { VirtualClock, settle } from '../support/clock.ts';
@@ -101,14 +100,6 @@ test('a sign-in cancelled while Codex starts it is cancelled at Codex once Codex
   release();
   assert.deepEqual(await started, ended(texts.signInCancelled));
   assert.deepEqual(codex.cancels(), ['login-1']);
-});
-
-test('a browser sign-in whose callback port is taken offers the device code, and only then', async () => {
-  const { codex, desk } = fixture();
-  codex.handlers['account/login/start'] = () => { throw new RpcError(-32603, 'failed to start login server: Port 127.0.0.1:1457 is already in use'); };
-  assert.deepEqual(await desk.start('browser'), ended(texts.signInPortTaken, true));
-  codex.handlers['account/login/start'] = () => { throw new RpcError(-32603, 'failed to request device code'); };
-  assert.deepEqual(await desk.start('deviceCode'), ended(texts.signInFailed('failed to request device code')));
 });
 
 test('usage limits: a sparse update keeps the window it leaves out; a sign-out drops them', async () => {
