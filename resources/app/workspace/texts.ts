@@ -12,7 +12,7 @@ export const texts = {
   turnCutByCodexExit: 'Codex 意外退出，回答被中断；再提问会重新启动 Codex。',
   turnCutByServiceEnd: '工作区服务停止时这个回答还没有完成。',
   retrying: '连接模型服务时出错，Codex 正在重试……',
-  unauthorized: 'Codex 未登录或登录已失效：请用页面上方的“使用 ChatGPT 登录”登录后再试。',
+  unauthorized: 'Codex 未登录或登录已失效：请在本页用 ChatGPT 账户重新登录后再试。',
   modelNotFound: 'Codex 设置的模型不存在或不可用：请检查 Codex 的模型设置。',
   usageLimit: '已达到 ChatGPT 账户的 Codex 使用上限，请稍后再试。',
   contextWindow: '这个线程已超出模型能处理的长度：请新开一个线程。',
