@@ -105,7 +105,9 @@ test('start, ask, stream, follow up, run a command, stop, reload, quit, start ag
   const fifth = await ask(page, '运行一个很慢的命令');
   await fifth.locator('.command .state').getByText('运行中').waitFor();
   const threadId = decodeURIComponent(new URL(page.url()).hash.slice(1));
-  const marked = () => sandbox.leftovers().filter((pid) => readFileSync(`/proc/${pid}/environ`, 'utf8').includes(`LANTERNMOOR_THREAD=${threadId}`));
+  // A process may end between being listed and being read: it is no longer running either way.
+  const environ = (pid: number) => { try { return readFileSync(`/proc/${pid}/environ`, 'utf8'); } catch { return ''; } };
+  const marked = () => sandbox.leftovers().filter((pid) => environ(pid).includes(`LANTERNMOOR_THREAD=${threadId}`));
   await until('the command to run', () => marked().length > 0);
   await page.click('#stop');
   await foot(fifth).getByText('已停止').waitFor();
