@@ -6,6 +6,7 @@ import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type Respo
 import { Launcher, Sandbox, WORKSPACE } from '../tests/workspace/support/launcher.ts';
 import { launchBrowser, openPage } from '../tests/workspace/support/browser.ts';
 import { SOURCE } from '../tests/workspace/support/service.ts';
+import { startSignInStandIn } from '../tests/workspace/support/signin-standin.ts';
 
 const shots = join(SOURCE, 'docs/screenshots');
 
@@ -92,15 +93,25 @@ try {
   await page.screenshot({ path: join(shots, 'workspace-narrow-list.png') });
   await launcher.quit();
 
-  const signedOut = new Sandbox((folder) => codexHome(standIn, { folder, signedOut: true }));
+  // Signed out, then signed in through a stand-in ChatGPT sign-in.
+  const signIn = await startSignInStandIn({ email: 'ada@example.com', plan: 'plus', usedPercent: 37 });
+  const signedOut = new Sandbox((folder) => codexHome(standIn, { folder, signedOut: true, settings: [`chatgpt_base_url = "${signIn.url}/backend-api"`] }));
+  signedOut.env.CODEX_APP_SERVER_LOGIN_ISSUER = signIn.url;
   const second = await Launcher.ready(signedOut);
   const { page: banner } = await openPage(browser, WORKSPACE, { width: 1280, height: 560 });
-  await banner.locator('.banner').waitFor();
-  await banner.locator('#about summary').click();
+  await banner.locator('.banner.sign-in button').first().waitFor();
   await banner.screenshot({ path: join(shots, 'workspace-signed-out.png') });
+  const tab = banner.context().waitForEvent('page');
+  await banner.locator('.banner.sign-in button').first().click();
+  const signInTab = await tab;
+  await signInTab.waitForURL('http://127.0.0.1:1455/success?**');
+  await signInTab.close();
+  await banner.locator('#account .limit').waitFor();
+  await banner.screenshot({ path: join(shots, 'workspace-signed-in.png') });
   await second.quit();
+  await signIn.close();
 } finally {
   await browser.close();
   await standIn.close();
 }
-console.log(`saved workspace-thread, -reading-light, -reading-dark, -narrow, -narrow-list and -signed-out in ${shots}`);
+console.log(`saved workspace-thread, -reading-light, -reading-dark, -narrow, -narrow-list, -signed-out and -signed-in in ${shots}`);

@@ -7,6 +7,7 @@ import { installKeys } from './keys.js';
 import { installNarrowList } from './narrow.js';
 import { ThreadList } from './threadList.js';
 import { ThreadActions } from './threadActions.js';
+import { drawAccount, signInBanner } from './account.js';
 
 /** @typedef {import('../workspace/model.ts').PageEvent} PageEvent */
 /** @typedef {import('../workspace/model.ts').ServiceState} ServiceState */
@@ -28,6 +29,7 @@ const ui = {
   threads: byId('threads'),
   banners: byId('banners'),
   aboutList: byId('about-list'),
+  account: byId('account'),
   head: byId('thread-head'),
   title: byId('thread-title'),
   meta: byId('thread-meta'),
@@ -67,11 +69,11 @@ function drawService(service) {
   const notes = [];
   if (!state.connected) notes.push(['error', '与工作区服务的连接断开了，正在重新连接……如果 Lanternmoor Pro 已退出，请重新打开它。']);
   if (service.codex.state === 'unavailable') notes.push(['error', service.codex.message]);
-  if (service.account && !service.account.signedIn && service.account.requiresSignIn) {
-    notes.push(['warning', 'Codex 还没有登录。请打开终端运行 codex login，选择用 ChatGPT 账户登录，完成后刷新本页。']);
-  }
   if (service.storage) notes.push(['error', service.storage]);
   ui.banners.replaceChildren(...notes.map(([level, text]) => element('div', `banner ${level}`, text)));
+  const signIn = signInBanner(service, () => drawService(service));
+  if (signIn) ui.banners.append(signIn);
+  drawAccount(ui.account, service);
 
   const codex = service.codex.version ? `${service.about.codexPath}（版本 ${service.codex.version}）` : service.about.codexPath;
   const account = service.account?.signedIn ? service.account.label : service.account ? '未登录' : '—';

@@ -15,7 +15,8 @@ import { StaticFiles } from './http/static.ts';
 import { createRoutes } from './http/routes.ts';
 import { systemClock, type Clock } from './clock.ts';
 import { texts } from './texts.ts';
-import type { Account, ServiceState } from './model.ts';
+import { AccountDesk } from './account/accountDesk.ts';
+import type { ServiceState } from './model.ts';
 
 export interface Boot {
   port: number;
@@ -35,21 +36,6 @@ export interface Workspace {
 }
 
 const PUBLIC = fileURLToPath(new URL('../public', import.meta.url));
-
-interface AccountAnswer {
-  account: null | { type: 'chatgpt'; email?: string | null; planType?: string | null } | { type: string };
-  requiresOpenaiAuth?: boolean;
-}
-
-function accountOf(answer: AccountAnswer): Account {
-  const { account } = answer;
-  if (!account) return { signedIn: false, requiresSignIn: answer.requiresOpenaiAuth === true };
-  if (account.type === 'chatgpt') {
-    const { email, planType } = account as { email?: string | null; planType?: string | null };
-    return { signedIn: true, label: [email || 'ChatGPT', planType ? `（${planType}）` : ''].join('') };
-  }
-  return { signedIn: true, label: account.type === 'apiKey' ? 'API 密钥' : account.type };
-}
 
 function openStore(dataFolder: string, say: (line: string) => void): { store: ThreadStore; problem: string | null } {
   try {
@@ -77,6 +63,8 @@ export function startWorkspace(boot: Boot): Workspace {
   const state: ServiceState = {
     codex: { state: 'idle', version: null },
     account: null,
+    signIn: { state: 'idle', outcome: null, offerDeviceCode: false },
+    limits: null,
     storage: problem,
     about: {
       address: `http://127.0.0.1:${boot.port}/`, dataFolder, codexPath: command, node: process.version, startedAt: boot.startedAt,
@@ -84,25 +72,28 @@ export function startWorkspace(boot: Boot): Workspace {
   };
   const publishService = () => hub.publish({ type: 'service', service: state });
 
-  const readAccount = () => {
-    codex.request<AccountAnswer>('account/read', {}, 10_000).then((answer) => {
-      state.account = accountOf(answer);
-      publishService();
-    }, () => {});
-  };
-
   const codex = new CodexAppServer({
     command, env, clock, clientVersion: boot.version,
     onState: (codexState) => {
       state.codex = codexState;
       publishService();
-      if (codexState.state === 'ready') readAccount();
+      if (codexState.state === 'ready') void account.refresh();
     },
     onNotification: (method, params) => {
-      if (method === 'account/updated') readAccount();
-      else desk.onNotification(method, params);
+      if (!account.onNotification(method, params)) desk.onNotification(method, params);
     },
-    onExit: () => desk.onCodexExit(),
+    onExit: () => {
+      account.onCodexExit();
+      desk.onCodexExit();
+    },
+  });
+
+  const account = new AccountDesk({
+    codex, clock,
+    changed: (view) => {
+      Object.assign(state, view);
+      publishService();
+    },
   });
 
   const desk = new ResearchDesk({
@@ -119,7 +110,7 @@ export function startWorkspace(boot: Boot): Workspace {
   });
 
   const handle = createRoutes({
-    desk, hub, files: new StaticFiles(PUBLIC), gate: new PeerGate(systemLookup, process.getuid?.() ?? -1),
+    desk, account, hub, files: new StaticFiles(PUBLIC), gate: new PeerGate(systemLookup, process.getuid?.() ?? -1),
     service: () => state,
     pageConnected: () => {
       if (state.codex.state === 'starting') return;
@@ -127,11 +118,12 @@ export function startWorkspace(boot: Boot): Workspace {
         codex.connect().catch(() => {});
         return;
       }
-      // The banner asks for `codex login` in a terminal and a reload; Codex reads its sign-in when
-      // it starts, so a signed-out one is started anew (nothing can run through it meanwhile).
+      // Codex reads a sign-in made elsewhere (`codex login` in a terminal) only when it starts, so
+      // a signed-out one is started anew on a page's reload, unless something runs through it:
+      // a turn, or a sign-in from a page, whose callback listener would go with it.
       const signedOut = state.account?.signedIn === false && state.account.requiresSignIn;
-      if (signedOut && !desk.busy) codex.restart().catch(() => {});
-      else readAccount();
+      if (signedOut && !desk.busy && !account.signingIn) codex.restart().catch(() => {});
+      else void account.refresh();
     },
     complain: boot.complain,
   });

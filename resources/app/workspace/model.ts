@@ -88,8 +88,31 @@ export type CodexState =
   | { state: 'unavailable'; version: string | null; message: string };
 
 export type Account =
-  | { signedIn: true; label: string }
+  | { signedIn: true; label: string; email: string | null; plan: string | null; chatgpt: boolean }
   | { signedIn: false; requiresSignIn: boolean };
+
+export type SignInMethod = 'browser' | 'deviceCode';
+
+/** A ChatGPT sign-in through Codex, as every page shows it. */
+export type SignIn =
+  /** None runs; outcome says in one sentence how the last one ended, when not by success. */
+  | { state: 'idle'; outcome: string | null; offerDeviceCode: boolean }
+  | { state: 'starting'; method: SignInMethod }
+  | { state: 'browser'; authUrl: string }
+  | { state: 'deviceCode'; verificationUrl: string; userCode: string };
+
+export interface UsageWindow {
+  usedPercent: number;
+  windowMinutes: number | null;
+  /** When the window starts afresh, in ms since the epoch. */
+  resetsAt: number | null;
+}
+
+/** The account's usage limits as Codex reports them; null where it reports none. */
+export interface UsageLimits {
+  primary: UsageWindow | null;
+  secondary: UsageWindow | null;
+}
 
 export interface About {
   address: string;
@@ -102,6 +125,8 @@ export interface About {
 export interface ServiceState {
   codex: CodexState;
   account: Account | null;
+  signIn: SignIn;
+  limits: UsageLimits | null;
   /** Why the store cannot keep what happens now; null while it can. */
   storage: string | null;
   about: About;

@@ -9,7 +9,7 @@ import { EventHub, MAX_QUEUED_BYTES } from '../../../resources/app/workspace/htt
 import type { PageEvent, ServiceState } from '../../../resources/app/workspace/model.ts';
 import { Page } from '../support/service.ts';
 
-const service = { codex: { state: 'idle', version: null }, account: null, storage: null, about: { address: '', dataFolder: '', codexPath: '', node: '', startedAt: 0 } } satisfies ServiceState;
+const service = { codex: { state: 'idle', version: null }, account: null, signIn: { state: 'idle', outcome: null, offerDeviceCode: false }, limits: null, storage: null, about: { address: '', dataFolder: '', codexPath: '', node: '', startedAt: 0 } } satisfies ServiceState;
 
 async function hubServer() {
   const hub = new EventHub();

@@ -17,6 +17,8 @@ export class Sandbox {
   readonly bin = join(this.root, 'bin');
   readonly codexHome: string;
   readonly dataFolder = join(this.home, '.local/share/Lanternmoor Pro');
+  /** More of the launcher's environment, which the service and Codex inherit. */
+  readonly env: Record<string, string> = {};
 
   constructor(codexHome: (folder: string) => string) {
     mkdirSync(this.bin, { recursive: true });
@@ -61,7 +63,7 @@ export class Launcher {
       stdio: ['pipe', 'pipe', 'pipe'],
       env: {
         HOME: sandbox.home, PATH: `${sandbox.bin}:/usr/bin:/bin`, LANG: 'C.UTF-8', BROWSER: `${join(sandbox.bin, 'record-opened')} %s`,
-        CODEX_HOME: sandbox.codexHome, STANDIN_KEY: 'stand-in-key',
+        CODEX_HOME: sandbox.codexHome, STANDIN_KEY: 'stand-in-key', ...sandbox.env,
       },
     });
     this.child.stdout!.on('data', (chunk) => { this.output += chunk; });

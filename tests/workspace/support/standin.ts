@@ -131,11 +131,12 @@ export const reply = {
  * A CODEX_HOME of the test's own whose provider is the stand-in. With signedOut, Codex asks for an
  * OpenAI sign-in and reports itself signed out (there is no auth.json).
  */
-export function codexHome(standIn: StandIn, options: { signedOut?: boolean; folder?: string } = {}): string {
+export function codexHome(standIn: StandIn, options: { signedOut?: boolean; folder?: string; settings?: string[] } = {}): string {
   const home = options.folder ?? mkdtempSync(join(tmpdir(), 'lm-codex-home-'));
   writeFileSync(join(home, 'config.toml'), [
     'model = "stand-in"',
     'model_provider = "standin"',
+    ...(options.settings ?? []),
     '[model_providers.standin]',
     'name = "stand-in"',
     `base_url = "${standIn.url}"`,

@@ -6,7 +6,7 @@ import { Sandbox } from './launcher.ts';
 import { launchBrowser, type Page } from './browser.ts';
 
 /** The stand-in model with this script, a sandbox whose Codex uses it, and a browser; all gone after the test. */
-export async function world(t: TestContext, answer: Script, options: { signedOut?: boolean } = {}) {
+export async function world(t: TestContext, answer: Script, options: { signedOut?: boolean; settings?: string[] } = {}) {
   const standIn = await startStandIn(answer);
   const sandbox = new Sandbox((folder) => codexHome(standIn, { folder, ...options }));
   const browser = await launchBrowser();

@@ -9,10 +9,12 @@ import type { EventHub } from './events.ts';
 import type { StaticFiles } from './static.ts';
 import { listPage, organise } from './organise.ts';
 import type { ResearchDesk } from '../research/desk.ts';
+import type { AccountDesk } from '../account/accountDesk.ts';
 import type { ServiceState } from '../model.ts';
 
 export interface RouteDeps {
   desk: ResearchDesk;
+  account: AccountDesk;
   hub: EventHub;
   gate: PeerGate;
   files: StaticFiles;
@@ -29,6 +31,13 @@ function questionOf(body: unknown): unknown {
   return (body as { question?: unknown }).question;
 }
 
+async function accountAction(account: AccountDesk, action: string, body: unknown): Promise<unknown> {
+  if (action === 'sign-in') return { signIn: await account.start((body as { method?: unknown } | null)?.method) };
+  if (action === 'cancel') return { signIn: account.cancel() };
+  if (action === 'sign-out') return account.signOut().then(() => ({}));
+  throw new Refusal(404, texts.notFound);
+}
+
 export function createRoutes(deps: RouteDeps): (request: IncomingMessage, response: ServerResponse) => Promise<void> {
   const { desk, hub, gate, files } = deps;
 
@@ -43,6 +52,10 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
       hub.subscribe(response, thread?.id ?? null, { type: 'hello', service: deps.service(), ...desk.firstListPage(), thread });
       deps.pageConnected();
       return;
+    }
+    if (resource === 'account' && id !== undefined && action === undefined) {
+      if (method !== 'POST') throw new Refusal(405, texts.methodNotAllowed);
+      return sendJson(response, 200, await accountAction(deps.account, id, await readJson(request)));
     }
     if (resource !== 'threads' || rest.length > 0 || (id !== undefined && !THREAD_ID.test(id))) {
       throw new Refusal(404, texts.notFound);
