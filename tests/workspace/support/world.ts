@@ -20,6 +20,8 @@ export async function world(t: TestContext, answer: Script, options: { signedOut
 
 export async function ask(page: Page, question: string) {
   const turns = await page.locator('.turn').count();
+  // A thread asks one question at a time: the last answer may be on the page before its turn ends.
+  await page.locator('#send:enabled').waitFor();
   await page.fill('#question', question);
   await page.press('#question', 'Enter');
   await page.locator('.turn').nth(turns).waitFor();
