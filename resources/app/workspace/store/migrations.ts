@@ -36,4 +36,12 @@ export const migrations: readonly Migration[] = [
       PRIMARY KEY (turn_id, position)
     ) STRICT, WITHOUT ROWID;
   `),
+  // 2: the model and reasoning effort chosen for each thread, the files each question brought,
+  // and the service's own settings (the last choice, which the next thread starts with).
+  (db) => db.exec(`
+    ALTER TABLE threads ADD COLUMN model TEXT;
+    ALTER TABLE threads ADD COLUMN effort TEXT;
+    ALTER TABLE turns ADD COLUMN attachments TEXT;
+    CREATE TABLE settings (key TEXT PRIMARY KEY, value TEXT NOT NULL) STRICT;
+  `),
 ];
