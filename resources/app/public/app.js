@@ -3,6 +3,8 @@
 // stream that keeps all of it current.
 import { createMarkdown } from './markdown.js';
 import { ItemView, element } from './items.js';
+import { Attachments, attachmentList } from './attachments.js';
+import { ModelPicker } from './models.js';
 
 /** @typedef {import('../workspace/model.ts').PageEvent} PageEvent */
 /** @typedef {import('../workspace/model.ts').ServiceState} ServiceState */
@@ -36,6 +38,15 @@ const ui = {
   error: byId('ask-error'),
   newThread: byId('new-thread'),
 };
+
+const attachments = new Attachments({
+  list: byId('attachments'), note: byId('attach-note'), button: byId('attach'),
+  input: /** @type {HTMLInputElement} */ (byId('attach-input')), question: ui.question,
+  report: (message) => { ui.error.textContent = message; },
+});
+const picker = new ModelPicker({
+  model: /** @type {HTMLSelectElement} */ (byId('model')), effort: /** @type {HTMLSelectElement} */ (byId('effort')), note: byId('model-note'),
+});
 
 const time = new Intl.DateTimeFormat('zh-CN', { month: 'numeric', day: 'numeric', hour: '2-digit', minute: '2-digit' });
 const number = new Intl.NumberFormat('zh-CN');
@@ -92,6 +103,7 @@ function updateListEntry(thread) {
 /** @param {ServiceState} service */
 function drawService(service) {
   state.service = service;
+  picker.serviceChanged(service);
   /** @type {[string, string][]} */
   const notes = [];
   if (!state.connected) notes.push(['error', '与工作区服务的连接断开了，正在重新连接……如果 Lanternmoor Pro 已退出，请重新打开它。']);
@@ -162,6 +174,7 @@ function turnView(head) {
     node.dataset.turn = head.id;
     const question = node.appendChild(element('div', 'question', head.question));
     question.setAttribute('dir', 'auto');
+    if (head.attachments) node.append(attachmentList(head.attachments));
     view = { node, items: node.appendChild(element('div', 'items')), foot: node.appendChild(element('div', 'turn-foot')), head };
     turnViews.set(head.id, view);
   }
@@ -203,6 +216,8 @@ function showThread(thread) {
   ui.stop.hidden = true;
   ui.send.disabled = false;
   earliest = null;
+  attachments.reset(thread?.id ?? null);
+  picker.show(thread);
   if (!thread) return;
   drawHead(thread);
   ui.meta.textContent = `文件夹：${thread.folder}`;
@@ -352,12 +367,15 @@ async function ask() {
   ui.send.disabled = true;
   ui.error.textContent = '';
   try {
+    const body = { question, ...(await attachments.extras()), ...picker.choice() };
     if (state.open) {
-      await post(`/api/threads/${encodeURIComponent(state.open)}/turns`, { question });
+      await post(`/api/threads/${encodeURIComponent(state.open)}/turns`, body);
     } else {
-      const created = await post('/api/threads', { question });
+      const created = await post('/api/threads', body);
       location.hash = created.thread.id;
     }
+    attachments.sent();
+    picker.sent();
     ui.question.value = '';
     fitQuestion();
     following = true;
