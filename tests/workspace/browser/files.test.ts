@@ -28,11 +28,12 @@ test('an attached text file and image and the chosen model reach Codex, and the 
   await page.selectOption('#model', 'gpt-6-luna');
   await page.selectOption('#effort', 'high');
 
-  const dropped = await page.evaluateHandle(() => {
+  // Written as text: the tests are checked without the browser's types.
+  const dropped = await page.evaluateHandle(`(() => {
     const transfer = new DataTransfer();
-    transfer.items.add(new File(['第一行\n'], '笔记.txt', { type: 'text/plain' }));
+    transfer.items.add(new File(['第一行\\n'], '笔记.txt', { type: 'text/plain' }));
     return transfer;
-  });
+  })()`);
   await page.dispatchEvent('#scroller', 'drop', { dataTransfer: dropped });
   await page.setInputFiles('#attach-input', { name: '图.png', mimeType: 'image/png', buffer: PNG });
   await page.locator('#attachments .chip:not(.uploading)').nth(1).waitFor();

@@ -37,14 +37,21 @@ export async function handleUploads(deps: UploadDeps, request: IncomingMessage, 
   }
   if (action !== undefined) throw new Refusal(404, texts.notFound);
   const name = nameFromHeader(request.headers['x-file-name']);
-  // A browser states the length of a file it sends: one too big is refused before a byte is read.
-  if (Number(request.headers['content-length']) > FILE_LIMIT_BYTES) throw new Refusal(413, texts.fileTooLarge(FILE_LIMIT_TEXT));
+  // A browser states the length of a file it sends: one too big is refused before a byte is read,
+  // and the connection is not used again (what is left of the body would be read as the next request).
+  if (Number(request.headers['content-length']) > FILE_LIMIT_BYTES) {
+    response.setHeader('Connection', 'close');
+    throw new Refusal(413, texts.fileTooLarge(FILE_LIMIT_TEXT));
+  }
   const folder = folderOf(deps, { thread: url.searchParams.get('thread') ?? undefined, draft: url.searchParams.get('draft') ?? undefined }, true);
   try {
     sendJson(response, 201, { name: await receive(request, folder, name) });
   } catch (error) {
     // What was not read of a body over the limit is not read at all: the connection goes with it.
-    if (error instanceof Refusal && error.status === 413) response.once('finish', () => request.destroy());
+    if (error instanceof Refusal && error.status === 413) {
+      response.setHeader('Connection', 'close');
+      response.once('finish', () => request.destroy());
+    }
     throw error;
   }
 }
