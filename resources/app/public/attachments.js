@@ -66,8 +66,16 @@ export class Attachments {
     });
   }
 
-  /** Another thread (or none) is open: what was brought for the one before stays in its folder. @param {string | null} thread */
+  /**
+   * Another thread (or none) is open: what was brought for the one before stays in its folder. The
+   * same one again (the event stream reconnected) keeps the chips. @param {string | null} thread
+   */
   reset(thread) {
+    if (thread !== this.#thread) this.#clear(thread);
+  }
+
+  /** @param {string | null} thread */
+  #clear(thread) {
     this.#thread = thread;
     this.#chips = [];
     this.#list.replaceChildren();
@@ -139,6 +147,6 @@ export class Attachments {
 
   /** The question went: its files are the thread's now. */
   sent() {
-    this.reset(this.#thread);
+    this.#clear(this.#thread);
   }
 }
