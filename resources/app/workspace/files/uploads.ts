@@ -18,7 +18,6 @@ export const DRAFT_AGE_MS = 24 * 60 * 60 * 1000;
 const TOKEN = /^[\w-]{8,64}$/;
 const IMAGE_TYPES = new Set(['.png', '.jpg', '.jpeg', '.gif', '.webp']);
 // C0, DEL and C1: a newline would split the line that names the files for Codex.
-// eslint-disable-next-line no-control-regex
 const CONTROL = /[\u0000-\u001f\u007f-\u009f]/;
 
 /** The name as the user gave it, checked: refused with a sentence rather than quietly changed. */
