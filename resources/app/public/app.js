@@ -8,6 +8,8 @@ import { installNarrowList } from './narrow.js';
 import { ThreadList } from './threadList.js';
 import { ThreadActions } from './threadActions.js';
 import { drawAccount, signInBanner } from './account.js';
+import { Attachments, attachmentList } from './attachments.js';
+import { ModelPicker } from './models.js';
 
 /** @typedef {import('../workspace/model.ts').PageEvent} PageEvent */
 /** @typedef {import('../workspace/model.ts').ServiceState} ServiceState */
@@ -45,6 +47,15 @@ const ui = {
   newThread: byId('new-thread'),
 };
 
+const attachments = new Attachments({
+  list: byId('attachments'), note: byId('attach-note'), button: byId('attach'),
+  input: /** @type {HTMLInputElement} */ (byId('attach-input')), question: ui.question,
+  report: (message) => { ui.error.textContent = message; },
+});
+const picker = new ModelPicker({
+  model: /** @type {HTMLSelectElement} */ (byId('model')), effort: /** @type {HTMLSelectElement} */ (byId('effort')), note: byId('model-note'),
+});
+
 const number = new Intl.NumberFormat('zh-CN');
 
 /** @type {{ service: ServiceState | null, open: string | null, connected: boolean }} */
@@ -65,6 +76,7 @@ function updateListEntry(thread) {
 /** @param {ServiceState} service */
 function drawService(service) {
   state.service = service;
+  picker.serviceChanged(service);
   /** @type {[string, string][]} */
   const notes = [];
   if (!state.connected) notes.push(['error', '与工作区服务的连接断开了，正在重新连接……如果 Lanternmoor Pro 已退出，请重新打开它。']);
@@ -141,6 +153,7 @@ function turnView(head) {
     node.dataset.turn = head.id;
     const question = node.appendChild(element('div', 'question', head.question));
     question.setAttribute('dir', 'auto');
+    if (head.attachments) node.append(attachmentList(head.attachments));
     view = { node, items: node.appendChild(element('div', 'items')), foot: node.appendChild(element('div', 'turn-foot')), head };
     turnViews.set(head.id, view);
   }
@@ -183,6 +196,8 @@ function showThread(thread) {
   ui.stop.hidden = true;
   ui.send.disabled = false;
   earliest = null;
+  attachments.reset(thread?.id ?? null);
+  picker.show(thread);
   if (!thread) return;
   drawHead(thread);
   ui.meta.textContent = `文件夹：${thread.folder}`;
@@ -344,12 +359,15 @@ async function ask() {
   ui.send.disabled = true;
   ui.error.textContent = '';
   try {
+    const body = { question, ...(await attachments.extras()), ...picker.choice() };
     if (state.open) {
-      await post(`/api/threads/${encodeURIComponent(state.open)}/turns`, { question });
+      await post(`/api/threads/${encodeURIComponent(state.open)}/turns`, body);
     } else {
-      const created = await post('/api/threads', { question });
+      const created = await post('/api/threads', body);
       location.hash = created.thread.id;
     }
+    attachments.sent();
+    picker.sent();
     ui.question.value = '';
     fitQuestion();
     following = true;

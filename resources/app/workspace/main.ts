@@ -16,7 +16,11 @@ import { createRoutes } from './http/routes.ts';
 import { systemClock, type Clock } from './clock.ts';
 import { texts } from './texts.ts';
 import { AccountDesk } from './account/accountDesk.ts';
-import type { ServiceState } from './model.ts';
+import type { Account, Choice, ModelOption, ServiceState } from './model.ts';
+import { readModels, resolveChoice } from './codex/models.ts';
+import { sweepDrafts } from './files/uploads.ts';
+import { RpcError } from './codex/rpc.ts';
+import { Refusal } from './refusal.ts';
 
 export interface Boot {
   port: number;
@@ -59,6 +63,9 @@ export function startWorkspace(boot: Boot): Workspace {
   const dataFolder = env.LANTERNMOOR_DATA_DIR || join(homedir(), '.local', 'share', 'Lanternmoor Pro');
   const command = env.LANTERNMOOR_CODEX_PATH ?? '';
   const { store, problem } = openStore(dataFolder, boot.say);
+  sweepDrafts(dataFolder, Date.now());
+  /** What Codex offered when a page last asked; it decides what a thread's choice comes to. */
+  let catalog: { models: ModelOption[]; codexDefault: Choice } | null = null;
   const hub = new EventHub();
   const state: ServiceState = {
     codex: { state: 'idle', version: null },
@@ -100,6 +107,7 @@ export function startWorkspace(boot: Boot): Workspace {
     store, codex, dataFolder, clock,
     publish: (event) => hub.publish(event),
     endCommands: (pid, threadId) => endThreadCommands(pid, threadId, clock),
+    resolveChoice: (choice) => resolveChoice(choice, catalog),
     reportStorage: (error) => {
       const next = problem ?? (error ? describeStorage(error) : null);
       if (error) boot.complain(`writing to the store failed: ${error.message}`);
@@ -126,6 +134,16 @@ export function startWorkspace(boot: Boot): Workspace {
       else void account.refresh();
     },
     complain: boot.complain,
+    models: async () => {
+      try {
+        catalog = await readModels(codex);
+      } catch (error) {
+        const reason = error instanceof RpcError ? texts.codexError(error.message) : error instanceof Error ? error.message : String(error);
+        throw new Refusal(503, texts.modelsUnavailable(reason));
+      }
+      return { ...catalog, last: store.lastChoice() };
+    },
+    uploads: { dataFolder, threadFolder: (id) => store.codexPlace(id)?.folder ?? null },
   });
 
   return {

@@ -53,6 +53,8 @@ export interface TurnHead {
   usage: Usage | null;
   startedAt: number;
   endedAt: number | null;
+  /** The files the question brought, by their names in the thread's folder; absent when none. */
+  attachments?: string[];
 }
 
 export interface Turn extends TurnHead {
@@ -80,6 +82,30 @@ export interface Thread extends ThreadSummary {
   earlier: boolean;
   /** The tokens of all its turns together; null before any turn reported its usage. */
   usage: Usage | null;
+  /** The model and reasoning effort chosen for it; null: Codex's default. */
+  model: string | null;
+  effort: string | null;
+}
+
+/** A model and reasoning effort; null for either is Codex's own default. */
+export interface Choice {
+  model: string | null;
+  effort: string | null;
+}
+
+/** One model Codex offers, with the reasoning efforts it supports. */
+export interface ModelOption {
+  id: string;
+  name: string;
+  efforts: string[];
+  defaultEffort: string | null;
+}
+
+/** What the model picker shows: the models, what Codex uses when none is chosen, and the last choice. */
+export interface ModelCatalog {
+  models: ModelOption[];
+  codexDefault: Choice;
+  last: Choice;
 }
 
 export type CodexState =

@@ -116,17 +116,6 @@ test('the list a page at a time: pinned first and apart, archived apart, each th
   assert.deepEqual(pages(true), [['t0', 't6']]);
 });
 
-test('a store of the previous version keeps every thread, neither pinned nor archived', () => {
-  const path = join(temporaryFolder('lm-organise-'), 'workspace.db');
-  const old = ThreadStore.open(path, migrations.slice(0, 1));
-  old.createThread({ id: 't1', title: '旧线程', folder: 'threads/t1', createdAt: 7 }, {
-    id: 'u1', threadId: 't1', position: 0, question: 'q', status: 'completed', error: null, usage: null, startedAt: 7, endedAt: 8,
-  });
-  old.close();
-  const store = ThreadStore.open(path);
-  assert.deepEqual(store.listThreads(), [{ id: 't1', title: '旧线程', createdAt: 7, updatedAt: 8, pinned: false, archived: false }]);
-});
-
 test('an export keeps a command\'s output inside its block whatever backticks it prints; its file name is safe', () => {
   const turn: Turn = {
     id: 'u', threadId: 't', position: 0, question: '第一行\n第二行', status: 'completed', error: null, usage: null, startedAt: 0, endedAt: 1,

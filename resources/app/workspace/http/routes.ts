@@ -10,7 +10,10 @@ import type { StaticFiles } from './static.ts';
 import { listPage, organise } from './organise.ts';
 import type { ResearchDesk } from '../research/desk.ts';
 import type { AccountDesk } from '../account/accountDesk.ts';
-import type { ServiceState } from '../model.ts';
+import type { ModelCatalog, ServiceState } from '../model.ts';
+import type { QuestionExtras } from '../research/desk.ts';
+import { choiceOf } from '../codex/models.ts';
+import { handleUploads, type UploadDeps } from '../files/route.ts';
 
 export interface RouteDeps {
   desk: ResearchDesk;
@@ -22,6 +25,9 @@ export interface RouteDeps {
   /** A page has connected: it wants to know Codex's state, so Codex is started if it is not. */
   pageConnected(): void;
   complain(line: string): void;
+  /** The model picker's catalogue, asked of Codex. */
+  models(): Promise<ModelCatalog>;
+  uploads: UploadDeps;
 }
 
 const THREAD_ID = /^[\w-]{1,64}$/;
@@ -36,6 +42,12 @@ async function accountAction(account: AccountDesk, action: string, body: unknown
   if (action === 'cancel') return { signIn: account.cancel() };
   if (action === 'sign-out') return account.signOut().then(() => ({}));
   throw new Refusal(404, texts.notFound);
+}
+
+function extrasOf(body: unknown): QuestionExtras {
+  const { attachments, draft } = body as { attachments?: unknown; draft?: unknown };
+  const chosen = 'model' in (body as object) || 'effort' in (body as object);
+  return { attachments, draft, ...(chosen ? { choice: choiceOf(body as object) } : {}) };
 }
 
 export function createRoutes(deps: RouteDeps): (request: IncomingMessage, response: ServerResponse) => Promise<void> {
@@ -57,13 +69,21 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
       if (method !== 'POST') throw new Refusal(405, texts.methodNotAllowed);
       return sendJson(response, 200, await accountAction(deps.account, id, await readJson(request)));
     }
+    if (resource === 'uploads' && parts.length <= 2) return handleUploads(deps.uploads, request, response, url, id);
+    if (resource === 'models' && parts.length === 1) {
+      if (method !== 'GET') throw new Refusal(405, texts.methodNotAllowed);
+      return sendJson(response, 200, await deps.models());
+    }
     if (resource !== 'threads' || rest.length > 0 || (id !== undefined && !THREAD_ID.test(id))) {
       throw new Refusal(404, texts.notFound);
     }
     if (id === undefined) {
       if (method === 'GET' && url.search !== '') return listPage(desk, response, url.searchParams);
       if (method === 'GET') return sendJson(response, 200, { threads: desk.list() });
-      if (method === 'POST') return sendJson(response, 201, desk.create(questionOf(await readJson(request))));
+      if (method === 'POST') {
+        const body = await readJson(request);
+        return sendJson(response, 201, desk.create(questionOf(body), extrasOf(body)));
+      }
       throw new Refusal(405, texts.methodNotAllowed);
     }
     if (action === undefined) {
@@ -79,7 +99,10 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
     }
     if (await organise(desk, request, response, id, action, method)) return;
     if (method !== 'POST') throw new Refusal(405, texts.methodNotAllowed);
-    if (action === 'turns') return sendJson(response, 201, desk.ask(id, questionOf(await readJson(request))));
+    if (action === 'turns') {
+      const body = await readJson(request);
+      return sendJson(response, 201, desk.ask(id, questionOf(body), extrasOf(body)));
+    }
     if (action === 'stop') {
       await readJson(request);
       await desk.stop(id);

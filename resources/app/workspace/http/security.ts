@@ -42,7 +42,20 @@ export function checkChange(request: IncomingMessage): void {
   if (!CHANGING.has(request.method ?? '')) return;
   if (request.headers.origin !== `http://${request.headers.host}`) throw new Refusal(403, texts.foreignOrigin);
   const type = (request.headers['content-type'] ?? '').split(';')[0]!.trim().toLowerCase();
+  // A file's bytes are not JSON. Sent as application/octet-stream with its name in X-File-Name,
+  // an upload is, like JSON, something no form and no other site's script can send without the
+  // browser asking this service first (neither the type nor the header is one a browser lets
+  // through unasked), and the Origin above still decides. Only the upload address takes it.
+  if (isUpload(request)) {
+    if (type !== 'application/octet-stream') throw new Refusal(400, texts.fileNeedsBytes);
+    return;
+  }
   if (type !== 'application/json') throw new Refusal(400, texts.needsJson);
+}
+
+function isUpload(request: IncomingMessage): boolean {
+  const path = (request.url ?? '').split('?')[0];
+  return path === '/api/uploads';
 }
 
 /** The request's JSON body; over the limit, a 413 without reading the rest. */

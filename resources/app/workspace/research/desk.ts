@@ -14,7 +14,8 @@ import { APPROVAL_POLICY, isTurnNotification, SANDBOX, type TurnNotification } f
 import { MARKER } from '../codex/commands.ts';
 import { StoreError, type ListCursor, type ThreadStore } from '../store/store.ts';
 import type { Clock, Timer } from '../clock.ts';
-import type { PageEvent, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
+import type { Choice, PageEvent, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
+import { adoptDraft, attachmentNote, checkAttachments, draftFolder, isImage } from '../files/uploads.ts';
 
 export const QUESTION_LIMIT_BYTES = 1 << 20;
 export const STOP_DEADLINE_MS = 900;
@@ -43,6 +44,16 @@ export interface DeskOptions {
   publish(event: PageEvent): void;
   endCommands(appServerPid: number, threadId: string): Promise<unknown>;
   reportStorage(error: StoreError | null): void;
+  /** The model and effort Codex is to use for a thread's choice (its default for none); as given when absent. */
+  resolveChoice?(choice: Choice): Choice;
+}
+
+/** What a question brings besides its text: files (for a new thread, in the page's draft folder) and a model choice. */
+export interface QuestionExtras {
+  attachments?: unknown;
+  draft?: unknown;
+  /** Absent: the thread keeps the choice it has. */
+  choice?: Choice;
 }
 
 export function titleOf(question: string): string {
@@ -258,9 +269,12 @@ export class ResearchDesk {
   }
 
   /** A new thread, its folder and its first turn; the answer streams in afterwards. */
-  create(question: unknown): { thread: ThreadSummary; turn: TurnHead } {
+  create(question: unknown, extras: QuestionExtras = {}): { thread: ThreadSummary; turn: TurnHead } {
     const text = checkQuestion(question);
     this.#refuseWhileClosing();
+    const wanted = Array.isArray(extras.attachments) && extras.attachments.length > 0;
+    const draft = wanted ? draftFolder(this.#options.dataFolder, extras.draft) : null;
+    const names = draft ? checkAttachments(draft, extras.attachments) : [];
     const now = this.#options.clock.now();
     const id = newThreadId(now);
     const folder = join('threads', id);
@@ -271,11 +285,19 @@ export class ResearchDesk {
     } catch (error) {
       throw storageRefusal(error);
     }
-    const head = this.#newHead(id, 0, text, now);
+    try {
+      if (draft) adoptDraft(draft, absolute, names);
+    } catch (error) {
+      rmSync(absolute, { recursive: true, force: true });
+      throw storageRefusal(error);
+    }
+    const head = this.#newHead(id, 0, text, now, names);
     const summary = { id, title: titleOf(text), createdAt: now, updatedAt: now };
     try {
-      this.#options.store.createThread({ ...summary, folder }, head);
+      this.#options.store.createThread({ ...summary, folder, ...extras.choice }, head);
     } catch (error) {
+      // The user's files go back where the page expects them, for the next try.
+      if (draft) adoptDraft(absolute, draft, names);
       rmSync(absolute, { recursive: true, force: true });
       throw storageRefusal(error);
     }
@@ -284,15 +306,17 @@ export class ResearchDesk {
   }
 
   /** A follow-up question in a thread: Codex has the whole thread before it. */
-  ask(threadId: string, question: unknown): { thread: ThreadSummary; turn: TurnHead } {
+  ask(threadId: string, question: unknown, extras: QuestionExtras = {}): { thread: ThreadSummary; turn: TurnHead } {
     const text = checkQuestion(question);
     const place = this.#options.store.codexPlace(threadId);
     if (!place) throw new Refusal(404, texts.noSuchThread);
     if (this.#live.has(threadId)) throw new Refusal(409, texts.turnRunning);
     this.#refuseWhileClosing();
+    const names = checkAttachments(join(this.#options.dataFolder, place.folder), extras.attachments);
     const now = this.#options.clock.now();
-    const head = this.#newHead(threadId, this.#options.store.nextTurnPosition(threadId), text, now);
+    const head = this.#newHead(threadId, this.#options.store.nextTurnPosition(threadId), text, now, names);
     try {
+      if (extras.choice) this.#options.store.setChoice(threadId, extras.choice);
       this.#options.store.addTurn(head);
     } catch (error) {
       throw storageRefusal(error);
@@ -366,9 +390,10 @@ export class ResearchDesk {
     if (this.#closing) throw new Refusal(503, texts.stopping);
   }
 
-  #newHead(threadId: string, position: number, question: string, now: number): TurnHead {
+  #newHead(threadId: string, position: number, question: string, now: number, attachments: string[] = []): TurnHead {
     return {
       id: randomUUID(), threadId, position, question, status: 'running', error: null, usage: null, startedAt: now, endedAt: null,
+      ...(attachments.length > 0 ? { attachments } : {}),
     };
   }
 
@@ -391,10 +416,17 @@ export class ResearchDesk {
         this.#end(live, 'stopped', null);
         return;
       }
-      const text = context ? `${context}${live.head.question}` : live.head.question;
+      const names = live.head.attachments ?? [];
+      const text = `${context ?? ''}${live.head.question}${attachmentNote(names)}`;
+      const place = this.#options.store.codexPlace(live.head.threadId)!;
+      const images = names.filter(isImage).map((name) => ({ type: 'localImage', path: join(this.#options.dataFolder, place.folder, name) }));
+      const choice = this.#options.resolveChoice?.(place) ?? place;
       live.turnRequested = true;
+      // The choice is sent with every turn: Codex keeps a turn's model for the turns after it,
+      // so a thread set back to the default must say which model that is.
       const started = await this.#options.codex.request<{ turn: { id: string } }>('turn/start', {
-        threadId: codexThreadId, input: [{ type: 'text', text, text_elements: [] }],
+        threadId: codexThreadId, input: [{ type: 'text', text, text_elements: [] }, ...images],
+        ...(choice.model ? { model: choice.model } : {}), ...(choice.effort ? { effort: choice.effort } : {}),
       });
       this.#adoptTurn(live, started.turn.id);
       // A stop asked for meanwhile (and perhaps already given up on) still reaches Codex.

@@ -42,4 +42,12 @@ export const migrations: readonly Migration[] = [
     ALTER TABLE threads ADD COLUMN archived INTEGER NOT NULL DEFAULT 0;
     CREATE INDEX threads_by_place ON threads (archived, pinned, updated_at DESC, id);
   `),
+  // 2: the model and reasoning effort chosen for each thread, the files each question brought,
+  // and the service's own settings (the last choice, which the next thread starts with).
+  (db) => db.exec(`
+    ALTER TABLE threads ADD COLUMN model TEXT;
+    ALTER TABLE threads ADD COLUMN effort TEXT;
+    ALTER TABLE turns ADD COLUMN attachments TEXT;
+    CREATE TABLE settings (key TEXT PRIMARY KEY, value TEXT NOT NULL) STRICT;
+  `),
 ];

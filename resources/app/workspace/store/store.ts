@@ -3,7 +3,7 @@
 import { DatabaseSync, type StatementSync } from 'node:sqlite';
 import { chmodSync, closeSync, openSync } from 'node:fs';
 import { migrations as allMigrations, type Migration } from './migrations.ts';
-import type { Item, Thread, ThreadSummary, Turn, TurnHead, Usage } from '../model.ts';
+import type { Choice, Item, Thread, ThreadSummary, Turn, TurnHead, Usage } from '../model.ts';
 
 export class StoreError extends Error {
   readonly reason: 'newer' | 'unwritable' | 'full' | 'corrupt' | 'other';
@@ -24,11 +24,13 @@ export interface NewThread {
   title: string;
   folder: string;
   createdAt: number;
+  model?: string | null;
+  effort?: string | null;
 }
 
 interface TurnRow {
   id: string; thread_id: string; position: number; question: string; status: string;
-  error: string | null; usage: string | null; started_at: number; ended_at: number | null;
+  error: string | null; usage: string | null; started_at: number; ended_at: number | null; attachments: string | null;
 }
 interface ThreadRow {
   id: string; title: string; folder: string; created_at: number; updated_at: number; pinned: number; archived: number;
@@ -193,10 +195,12 @@ export class ThreadStore {
   /** The thread with its newest turns, as many as fill about this many items; earlier: more before them. */
   readThread(id: string, itemBudget = Infinity): (Omit<Thread, 'running'> & { codexThreadId: string | null }) | null {
     const row = this.#statement('SELECT * FROM threads WHERE id = ?').get(id) as
-      (ThreadRow & { codex_thread_id: string | null }) | undefined;
+      (ThreadRow & { codex_thread_id: string | null; model: string | null; effort: string | null }) | undefined;
     if (!row) return null;
     const { turns, earlier } = this.readTurns(id, null, itemBudget);
-    return { ...summaryOf(row), folder: row.folder, codexThreadId: row.codex_thread_id, turns, earlier, usage: this.threadUsage(id) };
+    return { ...summaryOf(row), folder: row.folder, codexThreadId: row.codex_thread_id, turns, earlier, usage: this.threadUsage(id),
+      model: row.model, effort: row.effort,
+    };
   }
 
   /** The sum of the usage its turns reported; null when none did. */
@@ -240,11 +244,28 @@ export class ThreadStore {
     return row ? summaryOf(row) : null;
   }
 
-  /** What Codex needs to carry on with a thread: its folder and Codex's own id for it. */
-  codexPlace(id: string): { folder: string; codexThreadId: string | null } | null {
-    const row = this.#statement('SELECT folder, codex_thread_id FROM threads WHERE id = ?').get(id) as
-      { folder: string; codex_thread_id: string | null } | undefined;
-    return row ? { folder: row.folder, codexThreadId: row.codex_thread_id } : null;
+  /** What Codex needs to carry on with a thread: its folder, Codex's own id for it, the model chosen. */
+  codexPlace(id: string): ({ folder: string; codexThreadId: string | null } & Choice) | null {
+    const row = this.#statement('SELECT folder, codex_thread_id, model, effort FROM threads WHERE id = ?').get(id) as
+      { folder: string; codex_thread_id: string | null; model: string | null; effort: string | null } | undefined;
+    return row ? { folder: row.folder, codexThreadId: row.codex_thread_id, model: row.model, effort: row.effort } : null;
+  }
+
+  /** The thread's model choice from now on; it is also the choice the next thread starts with. */
+  setChoice(threadId: string, choice: Choice): void {
+    this.#write(() => {
+      this.#statement('UPDATE threads SET model = ?, effort = ? WHERE id = ?').run(choice.model, choice.effort, threadId);
+      this.#putSetting('lastChoice', JSON.stringify(choice));
+    });
+  }
+
+  lastChoice(): Choice {
+    const row = this.#statement('SELECT value FROM settings WHERE key = ?').get('lastChoice') as { value: string } | undefined;
+    return row ? (JSON.parse(row.value) as Choice) : { model: null, effort: null };
+  }
+
+  #putSetting(key: string, value: string): void {
+    this.#statement('INSERT INTO settings (key, value) VALUES (?, ?) ON CONFLICT (key) DO UPDATE SET value = excluded.value').run(key, value);
   }
 
   nextTurnPosition(threadId: string): number {
@@ -256,8 +277,11 @@ export class ThreadStore {
   /** A new thread with its first turn, together or not at all. */
   createThread(thread: NewThread, first: TurnHead): void {
     this.#write(() => {
-      this.#statement('INSERT INTO threads (id, title, folder, created_at, updated_at) VALUES (?, ?, ?, ?, ?)')
-        .run(thread.id, thread.title, thread.folder, thread.createdAt, thread.createdAt);
+      this.#statement('INSERT INTO threads (id, title, folder, created_at, updated_at, model, effort) VALUES (?, ?, ?, ?, ?, ?, ?)')
+        .run(thread.id, thread.title, thread.folder, thread.createdAt, thread.createdAt, thread.model ?? null, thread.effort ?? null);
+      if (thread.model !== undefined || thread.effort !== undefined) {
+        this.#putSetting('lastChoice', JSON.stringify({ model: thread.model ?? null, effort: thread.effort ?? null }));
+      }
       this.#putTurn(first);
     });
   }
@@ -280,12 +304,13 @@ export class ThreadStore {
   }
 
   #putTurn(turn: TurnHead): void {
-    this.#statement(`INSERT INTO turns (id, thread_id, position, question, status, error, usage, started_at, ended_at)
-      VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)
+    this.#statement(`INSERT INTO turns (id, thread_id, position, question, status, error, usage, started_at, ended_at, attachments)
+      VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)
       ON CONFLICT (id) DO UPDATE SET status = excluded.status, error = excluded.error, usage = excluded.usage,
         ended_at = excluded.ended_at`)
       .run(turn.id, turn.threadId, turn.position, turn.question, turn.status, turn.error,
-        turn.usage ? JSON.stringify(turn.usage) : null, turn.startedAt, turn.endedAt);
+        turn.usage ? JSON.stringify(turn.usage) : null, turn.startedAt, turn.endedAt,
+        turn.attachments?.length ? JSON.stringify(turn.attachments) : null);
     this.#statement('UPDATE threads SET updated_at = max(updated_at, ?) WHERE id = ?')
       .run(turn.endedAt ?? turn.startedAt, turn.threadId);
   }
@@ -328,7 +353,9 @@ function summaryOf(row: Omit<ThreadRow, 'folder'>): Omit<ThreadSummary, 'running
 }
 
 function headOf(row: TurnRow): TurnHead {
+  const attachments = row.attachments ? { attachments: JSON.parse(row.attachments) as string[] } : {};
   return {
+    ...attachments,
     id: row.id, threadId: row.thread_id, position: row.position, question: row.question,
     status: row.status as TurnHead['status'], error: row.error,
     usage: row.usage ? (JSON.parse(row.usage) as Usage) : null, startedAt: row.started_at, endedAt: row.ended_at,

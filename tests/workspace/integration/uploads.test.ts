@@ -1,0 +1,87 @@
+// Uploads through the running service: a file over the limit leaves nothing behind, no name
+// reaches outside the thread's folder, a taken name (or a planted link) is never written over,
+// and a draft's files become the new thread's.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { request as httpRequest } from 'node:http';
+import { mkdirSync, readdirSync, readFileSync, symlinkSync, writeFileSync } from 'node:fs';
+import { join, relative } from 'node:path';
+import { texts } from '../../../resources/app/workspace/texts.ts';
+import { FILE_LIMIT_BYTES, FILE_LIMIT_TEXT } from '../../../resources/app/workspace/files/uploads.ts';
+import { fakeCodex, startService, temporaryFolder, type Running } from '../support/service.ts';
+
+const upload = (service: Running, place: string, name: string, body: string, headers: Record<string, string> = {}) =>
+  service.request('POST', `/api/uploads?${place}`, body, { 'content-type': 'application/octet-stream', 'x-file-name': name, ...headers });
+
+/** Every path below the folder, so a test sees anything written anywhere. */
+function everything(folder: string): string[] {
+  return readdirSync(folder, { recursive: true, withFileTypes: true })
+    .map((entry) => relative(folder, join(entry.parentPath, entry.name))).filter((path) => !path.startsWith('workspace.db')).sort();
+}
+
+/** A body sent in chunks with no stated length, stopped at the first byte the service will not take. */
+function streamed(service: Running, place: string, bytes: number): Promise<number | string> {
+  return new Promise((resolve) => {
+    const outgoing = httpRequest({
+      host: '127.0.0.1', port: service.port, method: 'POST', path: `/api/uploads?${place}`,
+      headers: { host: `127.0.0.1:${service.port}`, origin: service.url.slice(0, -1), 'content-type': 'application/octet-stream', 'x-file-name': 'big.bin' },
+    }, (response) => { response.resume(); resolve(response.statusCode!); });
+    outgoing.on('error', (error: NodeJS.ErrnoException) => resolve(error.code ?? 'error'));
+    const write = (left: number): void => {
+      if (left <= 0) outgoing.end();
+      else if (outgoing.write(Buffer.alloc(1 << 20, 7))) write(left - (1 << 20));
+      else outgoing.once('drain', () => write(left - (1 << 20)));
+    };
+    write(bytes);
+  });
+}
+
+test('uploads: limits, names and links, and a draft moved into its thread', async () => {
+  const service = await startService({ codexPath: fakeCodex(temporaryFolder('lm-fake-')) });
+  try {
+    const created = await service.request('POST', '/api/threads', { question: 'first' });
+    const id: string = created.body.thread.id;
+    const thread = `thread=${id}`;
+    const folder = join(service.dataFolder, 'threads', id);
+    const outside = join(service.dataFolder, 'outside.txt');
+    writeFileSync(outside, 'keep me');
+    symlinkSync(outside, join(folder, 'planted.txt'));
+    const before = everything(service.dataFolder);
+
+    const refusals: [string, Promise<{ status: number; body: any }>, number, string][] = [
+      ['a name that climbs out', upload(service, thread, '..%2F..%2Fescape.txt', 'x'), 400, texts.fileNameHasSlash],
+      ['an absolute name', upload(service, thread, '%2Fetc%2Fcron.d%2Fx', 'x'), 400, texts.fileNameHasSlash],
+      ['a stated length over the limit', upload(service, thread, 'big.bin', 'x', { 'content-length': String(FILE_LIMIT_BYTES + 1) }), 413, texts.fileTooLarge(FILE_LIMIT_TEXT)],
+      ['a draft token that climbs out', upload(service, 'draft=..%2F..%2Fthreads', 'x.txt', 'x'), 400, texts.badDraft],
+      ['an unknown thread', upload(service, 'thread=2020-01-01-deadbeef', 'x.txt', 'x'), 404, texts.noSuchThread],
+      ['a form post of a file', upload(service, thread, 'x.txt', 'x', { 'content-type': 'multipart/form-data; boundary=x' }), 400, texts.fileNeedsBytes],
+      ['another origin', upload(service, thread, 'x.txt', 'x', { origin: 'http://evil.example' }), 403, texts.foreignOrigin],
+      ['a removal that climbs out', service.request('POST', '/api/uploads/remove', { thread: id, name: '../../outside.txt' }), 400, texts.fileNameHasSlash],
+    ];
+    for (const [what, answer, status, message] of refusals) assert.deepEqual([(await answer).status, (await answer).body.error], [status, message], what);
+    // Streamed past the limit without a stated length: stopped there, the partial file removed.
+    const over = await streamed(service, thread, FILE_LIMIT_BYTES + (4 << 20));
+    assert.ok(over === 413 || over === 'ECONNRESET' || over === 'EPIPE', String(over));
+    assert.deepEqual(everything(service.dataFolder), before);
+
+    // One name at once twice, and a name a link was planted under: each gets a name of its own.
+    const same = await Promise.all(['甲', '乙'].map((body) => upload(service, thread, encodeURIComponent('报告.txt'), body)));
+    assert.deepEqual(same.map((answer) => answer.body.name).sort(), ['报告 (2).txt', '报告.txt']);
+    assert.deepEqual(['报告.txt', '报告 (2).txt'].map((name) => readFileSync(join(folder, name), 'utf8')).sort(), ['乙', '甲']);
+    assert.equal((await upload(service, thread, 'planted.txt', 'new')).body.name, 'planted (2).txt');
+    assert.equal(readFileSync(outside, 'utf8'), 'keep me');
+
+    // A question that starts a thread takes its files from the page's draft folder.
+    const draft = 'draft-0123456789';
+    assert.equal((await upload(service, `draft=${draft}`, 'notes.md', '# 笔记')).status, 201);
+    const second = await service.request('POST', '/api/threads', { question: 'with a file', attachments: ['notes.md'], draft });
+    assert.deepEqual(second.body.turn.attachments, ['notes.md']);
+    assert.equal(readFileSync(join(service.dataFolder, 'threads', second.body.thread.id, 'notes.md'), 'utf8'), '# 笔记');
+    assert.deepEqual(readdirSync(join(service.dataFolder, 'drafts', draft)), []);
+    const missing = await service.request('POST', `/api/threads/${id}/turns`, { question: 'again', attachments: ['notes.md'] });
+    assert.deepEqual([missing.status, missing.body.error], [409, texts.fileMissing('notes.md')]);
+  } finally {
+    service.child.kill('SIGKILL');
+    await service.exited;
+  }
+});

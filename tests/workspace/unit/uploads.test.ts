@@ -1,0 +1,75 @@
+// The rules for files a question brings and the model it asks for: which names are taken as they
+// are, which are refused and why, how a taken name is numbered, and what a choice comes to.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { checkName, nameFromHeader, numbered } from '../../../resources/app/workspace/files/uploads.ts';
+import { resolveChoice } from '../../../resources/app/workspace/codex/models.ts';
+import { Refusal } from '../../../resources/app/workspace/refusal.ts';
+import { texts } from '../../../resources/app/workspace/texts.ts';
+
+const outcome = (decide: () => string) => {
+  try {
+    return decide();
+  } catch (error) {
+    return error instanceof Refusal ? `refused: ${error.message}` : `threw: ${String(error)}`;
+  }
+};
+
+test('a file name is taken as the user gave it, or refused with the reason', () => {
+  const rows: [string, string][] = [
+    ['报告.pdf', '报告.pdf'],
+    ['.bashrc', '.bashrc'],
+    ['...', '...'],
+    ['a\u0301.txt', '\u00e1.txt'],
+    ['', `refused: ${texts.fileNameEmpty}`],
+    ['../etc/passwd', `refused: ${texts.fileNameHasSlash}`],
+    ['a\\b.txt', `refused: ${texts.fileNameHasSlash}`],
+    ['..', `refused: ${texts.fileNameReserved}`],
+    ['.', `refused: ${texts.fileNameReserved}`],
+    ['a\u0000.txt', `refused: ${texts.fileNameHasControl}`],
+    ['two\nlines.txt', `refused: ${texts.fileNameHasControl}`],
+    ['del\u007f', `refused: ${texts.fileNameHasControl}`],
+    ['c1\u0085', `refused: ${texts.fileNameHasControl}`],
+    ['汉'.repeat(66) + '.t', '汉'.repeat(66) + '.t'],
+    ['汉'.repeat(67), `refused: ${texts.fileNameTooLong(200)}`],
+  ];
+  for (const [raw, expected] of rows) assert.equal(outcome(() => checkName(raw)), expected, JSON.stringify(raw));
+});
+
+test('a name in its header is percent-encoded UTF-8, decoded before the rule', () => {
+  const rows: [string | undefined, string][] = [
+    [encodeURIComponent('报告 (1).pdf'), '报告 (1).pdf'],
+    ['..%2Fx', `refused: ${texts.fileNameHasSlash}`],
+    ['%E6%8A', `refused: ${texts.fileNameUnreadable}`],
+    [undefined, `refused: ${texts.fileNameMissing}`],
+  ];
+  for (const [header, expected] of rows) assert.equal(outcome(() => nameFromHeader(header)), expected, String(header));
+});
+
+test('a taken name is numbered before its extension', () => {
+  const rows: [string, number, string][] = [
+    ['报告.pdf', 1, '报告.pdf'], ['报告.pdf', 2, '报告 (2).pdf'], ['archive.tar.gz', 3, 'archive.tar (3).gz'],
+    ['README', 2, 'README (2)'], ['.bashrc', 2, '.bashrc (2)'],
+  ];
+  for (const [name, n, expected] of rows) assert.equal(numbered(name, n), expected);
+});
+
+test('a choice comes to a model Codex offers and an effort that model supports', () => {
+  const catalog = {
+    models: [{ id: 'a', name: 'A', efforts: ['low', 'high'], defaultEffort: 'low' }, { id: 'b', name: 'B', efforts: [], defaultEffort: null }],
+    codexDefault: { model: 'own', effort: 'medium' },
+  };
+  const rows: [string | null, string | null, string | null, string | null][] = [
+    ['a', 'high', 'a', 'high'],
+    ['a', null, 'a', 'low'],
+    ['a', 'ultra', 'a', 'low'],
+    ['gone', 'high', 'own', 'high'],
+    [null, null, 'own', 'medium'],
+    [null, 'low', 'own', 'low'],
+    ['b', 'high', 'b', null],
+  ];
+  for (const [model, effort, wantModel, wantEffort] of rows) {
+    assert.deepEqual(resolveChoice({ model, effort }, catalog), { model: wantModel, effort: wantEffort }, `${model}/${effort}`);
+  }
+  assert.deepEqual(resolveChoice({ model: 'gone', effort: 'x' }, null), { model: 'gone', effort: 'x' });
+});
