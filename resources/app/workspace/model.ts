@@ -74,6 +74,8 @@ export interface Thread extends ThreadSummary {
   turns: Turn[];
   /** Whether there are turns before the first of these. */
   earlier: boolean;
+  /** Whether there are turns after the last of these (the thread was opened at a search hit). */
+  later: boolean;
 }
 
 export type CodexState =

@@ -8,6 +8,7 @@ import { checkChange, readJson, type PeerGate } from './security.ts';
 import type { EventHub } from './events.ts';
 import type { StaticFiles } from './static.ts';
 import type { ResearchDesk } from '../research/desk.ts';
+import { searchAnswer } from './search.ts';
 import type { ServiceState } from '../model.ts';
 
 export interface RouteDeps {
@@ -38,10 +39,15 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
     if (resource === 'events' && parts.length === 1) {
       if (method !== 'GET') throw new Refusal(405, texts.methodNotAllowed);
       const wanted = url.searchParams.get('thread');
-      const thread = wanted && THREAD_ID.test(wanted) ? desk.thread(wanted) : null;
+      const at = url.searchParams.has('at') ? Number(url.searchParams.get('at')) : NaN;
+      const thread = wanted && THREAD_ID.test(wanted) ? desk.thread(wanted, undefined, Number.isSafeInteger(at) ? at : undefined) : null;
       hub.subscribe(response, thread?.id ?? null, { type: 'hello', service: deps.service(), threads: desk.list(), thread });
       deps.pageConnected();
       return;
+    }
+    if (resource === 'search' && parts.length === 1) {
+      if (method !== 'GET') throw new Refusal(405, texts.methodNotAllowed);
+      return sendJson(response, 200, searchAnswer(desk, url.searchParams.get('q') ?? ''));
     }
     if (resource !== 'threads' || rest.length > 0 || (id !== undefined && !THREAD_ID.test(id))) {
       throw new Refusal(404, texts.notFound);
@@ -58,6 +64,11 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
       return sendJson(response, 200, { thread });
     }
     if (action === 'turns' && method === 'GET') {
+      if (url.searchParams.has('after')) {
+        const after = Number(url.searchParams.get('after'));
+        if (!Number.isSafeInteger(after) || after < 0) throw new Refusal(400, texts.badPosition);
+        return sendJson(response, 200, desk.laterTurns(id, after));
+      }
       const before = Number(url.searchParams.get('before'));
       if (!Number.isSafeInteger(before) || before < 0) throw new Refusal(400, texts.badPosition);
       return sendJson(response, 200, desk.earlierTurns(id, before));
