@@ -86,14 +86,28 @@ export function wordsOf(item: Item): string | null {
   }
 }
 
-/** The trigrams of folded text, as integers (three UTF-16 units), each once. */
+const GRAM = 2 ** 16;
+/** Rows of our own index cover this many consecutive search_docs ids each (a power of two). */
+const BLOCK = 4096;
+const BLOCK_BITS = 12;
+
+/**
+ * The trigrams of folded text as integers (three UTF-16 units), each once. The text is padded
+ * with two NULs, so one and two characters begin a trigram wherever they stand, the last two too:
+ * two-character search text is a range of trigrams.
+ */
 function trigrams(folded: string): Set<number> {
   const grams = new Set<number>();
-  for (let at = 0; at + 3 <= folded.length; at += 1) {
-    grams.add(folded.charCodeAt(at) * 2 ** 32 + folded.charCodeAt(at + 1) * 2 ** 16 + folded.charCodeAt(at + 2));
+  const padded = `${folded}\0\0`;
+  for (let at = 0; at + 3 <= padded.length; at += 1) {
+    grams.add(padded.charCodeAt(at) * GRAM * GRAM + padded.charCodeAt(at + 1) * GRAM + padded.charCodeAt(at + 2));
   }
   return grams;
 }
+
+/** Places in a block, as a row of our own index keeps them: two bytes each, in no order. */
+const placesOf = (blob: Uint8Array) => new Uint16Array(blob.buffer.slice(blob.byteOffset, blob.byteOffset + blob.byteLength));
+const blobOf = (places: Iterable<number>) => new Uint8Array(Uint16Array.from(places).buffer);
 
 /** The search tables, made once by a migration; filled from the items already kept. */
 export function createSearchTables(db: DatabaseSync): void {
@@ -105,11 +119,14 @@ export function createSearchTables(db: DatabaseSync): void {
       folded TEXT NOT NULL,
       UNIQUE (turn_id, position)
     ) STRICT;
-    CREATE TABLE search_grams (gram INTEGER NOT NULL, doc INTEGER NOT NULL, PRIMARY KEY (gram, doc)) STRICT, WITHOUT ROWID;
-    CREATE INDEX search_grams_by_doc ON search_grams (doc);
     CREATE TABLE search_state (backend TEXT NOT NULL) STRICT;
-    CREATE TRIGGER search_grams_delete AFTER DELETE ON search_docs BEGIN
-      DELETE FROM search_grams WHERE doc = old.id;
+    -- Our own index: for a trigram and a block of ids, the places in the block holding it.
+    CREATE TABLE search_grams (gram INTEGER NOT NULL, block INTEGER NOT NULL, places BLOB NOT NULL, PRIMARY KEY (block, gram)) STRICT, WITHOUT ROWID;
+    -- Rows our own index must still forget (SQL alone cannot edit its rows): the store does, before
+    -- it next searches or writes.
+    CREATE TABLE search_forgotten (doc INTEGER PRIMARY KEY, folded TEXT NOT NULL) STRICT;
+    CREATE TRIGGER search_grams_forget AFTER DELETE ON search_docs WHEN (SELECT backend FROM search_state) = 'own' BEGIN
+      INSERT OR REPLACE INTO search_forgotten (doc, folded) VALUES (old.id, old.folded);
     END;
   `);
   const put = db.prepare('INSERT INTO search_docs (turn_id, position, folded) VALUES (?, ?, ?)');
@@ -151,25 +168,42 @@ export class SearchIndex {
   }
 
   /**
-   * The index of this store, brought to the backend wanted (FTS5 where there is one) if it was
-   * last kept by the other; call inside a transaction.
+   * The index of this store, built for the backend wanted (FTS5 where there is one) if it was last
+   * kept by the other, or never; call inside a transaction.
    */
   static attach(db: DatabaseSync, wanted: SearchBackend = hasFts5() ? 'fts5' : 'own'): SearchIndex {
     const index = new SearchIndex(db, wanted);
     const kept = db.prepare('SELECT backend FROM search_state').get() as { backend: SearchBackend } | undefined;
     if (kept?.backend === wanted) return index;
     // The FTS5 table cannot be dropped without FTS5; without its triggers nothing touches it.
-    db.exec(`DELETE FROM search_grams; DELETE FROM search_state; DROP TRIGGER IF EXISTS search_fts_insert;
-      DROP TRIGGER IF EXISTS search_fts_delete; DROP TRIGGER IF EXISTS search_fts_update;`);
+    db.exec(`DELETE FROM search_grams; DELETE FROM search_forgotten; DELETE FROM search_state;
+      DROP TRIGGER IF EXISTS search_fts_insert; DROP TRIGGER IF EXISTS search_fts_delete; DROP TRIGGER IF EXISTS search_fts_update;`);
     if (wanted === 'fts5') {
       db.exec('DROP TABLE IF EXISTS search_fts;');
       db.exec(FTS5_SCHEMA);
     } else {
-      const docs = db.prepare('SELECT id, folded FROM search_docs').all() as { id: number; folded: string }[];
-      for (const doc of docs) index.#addGrams(doc.id, trigrams(doc.folded));
+      index.#build();
     }
     db.prepare('INSERT INTO search_state (backend) VALUES (?)').run(wanted);
     return index;
+  }
+
+  /** Our own index from scratch, a block at a time: each row written once. */
+  #build(): void {
+    const docs = this.#db.prepare('SELECT id, folded FROM search_docs WHERE id >= ? AND id < ?');
+    const last = (this.#db.prepare('SELECT coalesce(max(id), -1) AS id FROM search_docs').get() as { id: number }).id;
+    const insert = this.#db.prepare('INSERT INTO search_grams (gram, block, places) VALUES (?, ?, ?)');
+    for (let block = 0; block <= last >> BLOCK_BITS; block += 1) {
+      const places = new Map<number, number[]>();
+      for (const doc of docs.all(block * BLOCK, (block + 1) * BLOCK) as { id: number; folded: string }[]) {
+        for (const gram of trigrams(doc.folded)) {
+          const list = places.get(gram);
+          if (list) list.push(doc.id & (BLOCK - 1));
+          else places.set(gram, [doc.id & (BLOCK - 1)]);
+        }
+      }
+      for (const [gram, list] of places) insert.run(gram, block, blobOf(list));
+    }
   }
 
   #statement(sql: string): StatementSync {
@@ -197,6 +231,7 @@ export class SearchIndex {
     const old = this.#statement('SELECT id, folded FROM search_docs WHERE turn_id = ? AND position = ?').get(turnId, position) as
       { id: number; folded: string } | undefined;
     if (old?.folded === folded) return;
+    this.forget();
     let id: number;
     if (old) {
       this.#statement('UPDATE search_docs SET folded = ? WHERE id = ?').run(folded, old.id);
@@ -209,21 +244,43 @@ export class SearchIndex {
     const now = trigrams(folded);
     if (old) {
       const before = trigrams(old.folded);
-      const drop = this.#statement('DELETE FROM search_grams WHERE gram = ? AND doc = ?');
-      for (const gram of before) if (!now.has(gram)) drop.run(gram, id);
+      this.#dropGrams(id, [...before].filter((gram) => !now.has(gram)));
       for (const gram of before) now.delete(gram);
     }
-    this.#addGrams(id, now);
+    const add = this.#statement(`INSERT INTO search_grams (gram, block, places) VALUES (?, ?, ?)
+      ON CONFLICT (block, gram) DO UPDATE SET places = CAST(places || excluded.places AS BLOB)`);
+    const place = blobOf([id & (BLOCK - 1)]);
+    for (const gram of now) add.run(gram, id >> BLOCK_BITS, place);
   }
 
-  #addGrams(doc: number, grams: Set<number>): void {
-    const add = this.#statement('INSERT OR IGNORE INTO search_grams (gram, doc) VALUES (?, ?)');
-    for (const gram of grams) add.run(gram, doc);
+  #dropGrams(id: number, grams: Iterable<number>): void {
+    const read = this.#statement('SELECT places FROM search_grams WHERE gram = ? AND block = ?');
+    const write = this.#statement('UPDATE search_grams SET places = ? WHERE gram = ? AND block = ?');
+    const remove = this.#statement('DELETE FROM search_grams WHERE gram = ? AND block = ?');
+    const block = id >> BLOCK_BITS;
+    const place = id & (BLOCK - 1);
+    for (const gram of grams) {
+      const row = read.get(gram, block) as { places: Uint8Array } | undefined;
+      if (!row) continue;
+      const left = placesOf(row.places).filter((other) => other !== place);
+      if (left.length === 0) remove.run(gram, block);
+      else write.run(blobOf(left), gram, block);
+    }
+  }
+
+  /** Takes deleted rows out of our own index (the triggers of the FTS5 one did already). */
+  forget(): void {
+    if (this.backend === 'fts5') return;
+    const gone = this.#statement('SELECT doc, folded FROM search_forgotten').all() as { doc: number; folded: string }[];
+    if (gone.length === 0) return;
+    for (const { doc, folded } of gone) this.#dropGrams(doc, trigrams(folded));
+    this.#statement('DELETE FROM search_forgotten').run();
   }
 
   /** The newest places holding this text, any case; none for blank text. */
   search(text: string): SearchHit[] {
-    const wanted = fold(text.trim());
+    // A NUL pads our own trigrams; nobody searches for one.
+    const wanted = fold(text.trim()).replaceAll('\0', '');
     if (wanted === '') return [];
     const rows = this.#candidates(wanted);
     const title = this.#statement('SELECT threads.title FROM threads WHERE id = ?');
@@ -247,26 +304,57 @@ export class SearchIndex {
   #candidates(wanted: string): CandidateRow[] {
     const columns = 'd.id, d.turn_id, d.position, d.folded, t.thread_id, t.position AS turn_position, t.question';
     const select = `SELECT ${columns} FROM search_docs d JOIN turns t ON t.id = d.turn_id`;
-    const grams = [...trigrams(wanted)];
-    if (grams.length === 0 || [...wanted].length < 3) {
-      return this.#statement(`${select} WHERE instr(d.folded, ?) > 0 ORDER BY d.id DESC LIMIT ${SEARCH_LIMIT}`)
-        .all(wanted) as unknown as CandidateRow[];
-    }
-    if (this.backend === 'fts5') {
+    if (this.backend === 'own' && wanted.length >= 2) return this.#ownCandidates(wanted, select);
+    if (this.backend === 'fts5' && [...wanted].length >= 3) {
       return this.#statement(`SELECT ${columns} FROM search_fts f JOIN search_docs d ON d.id = f.rowid JOIN turns t ON t.id = d.turn_id
         WHERE search_fts MATCH ? AND instr(d.folded, ?) > 0 ORDER BY f.rowid DESC LIMIT ${SEARCH_LIMIT}`)
         .all(`"${wanted.replaceAll('"', '""')}"`, wanted) as unknown as CandidateRow[];
     }
-    // The rarest trigram leads (counted up to a bound, so a common one costs little); the others
-    // are looked up in the primary key for each of its rows, newest first.
-    const counted = this.#statement('SELECT count(*) AS n FROM (SELECT 1 FROM search_grams WHERE gram = ? LIMIT 20000)');
-    const ordered = grams.map((gram) => ({ gram, n: (counted.get(gram) as { n: number }).n })).sort((a, b) => a.n - b.n);
-    if (ordered[0]!.n === 0) return [];
-    const others = ordered.slice(1, 8);
-    const checks = others.map(() => 'AND EXISTS (SELECT 1 FROM search_grams o WHERE o.gram = ? AND o.doc = g.doc)').join(' ');
-    return this.#statement(`SELECT ${columns} FROM search_grams g JOIN search_docs d ON d.id = g.doc JOIN turns t ON t.id = d.turn_id
-      WHERE g.gram = ? ${checks} AND instr(d.folded, ?) > 0 ORDER BY g.doc DESC LIMIT ${SEARCH_LIMIT}`)
-      .all(ordered[0]!.gram, ...others.map((other) => other.gram), wanted) as unknown as CandidateRow[];
+    return this.#statement(`${select} WHERE instr(d.folded, ?) > 0 ORDER BY d.id DESC LIMIT ${SEARCH_LIMIT}`)
+      .all(wanted) as unknown as CandidateRow[];
+  }
+
+  /** Block by block from the newest, the places holding every trigram of the text, checked against it. */
+  #ownCandidates(wanted: string, select: string): CandidateRow[] {
+    try {
+      this.forget();
+    } catch {
+      // A store that cannot be written now: the check below still leaves deleted rows out.
+    }
+    const check = this.#statement(`${select} WHERE d.id = ? AND instr(d.folded, ?) > 0`);
+    const last = (this.#statement('SELECT coalesce(max(id), -1) AS id FROM search_docs').get() as { id: number }).id;
+    const found: CandidateRow[] = [];
+    const lookups = this.#lookups(wanted);
+    for (let block = last >> BLOCK_BITS; block >= 0 && found.length < SEARCH_LIMIT; block -= 1) {
+      let common: Set<number> | null = null;
+      for (const lookup of lookups) {
+        const places = new Set<number>();
+        for (const row of lookup(block)) for (const place of placesOf(row.places)) if (!common || common.has(place)) places.add(place);
+        common = places;
+        if (common.size === 0) break;
+      }
+      const ids = [...common!].sort((a, b) => b - a).map((place) => block * BLOCK + place);
+      for (const id of ids) {
+        const row = check.get(id, wanted) as CandidateRow | undefined;
+        if (row) found.push(row);
+        if (found.length === SEARCH_LIMIT) break;
+      }
+    }
+    return found;
+  }
+
+  /** For each of (a spread of) the text's trigrams, how to read its rows in a block. */
+  #lookups(wanted: string): ((block: number) => { places: Uint8Array }[])[] {
+    if (wanted.length === 2) {
+      const low = wanted.charCodeAt(0) * GRAM * GRAM + wanted.charCodeAt(1) * GRAM;
+      const range = this.#statement('SELECT places FROM search_grams WHERE gram >= ? AND gram < ? AND block = ?');
+      return [(block) => range.all(low, low + GRAM, block) as { places: Uint8Array }[]];
+    }
+    const all = [...trigrams(wanted)].filter((gram) => gram % GRAM !== 0);
+    // Sixteen trigrams from end to end narrow as well as all of them; the check does the rest.
+    const some = all.length <= 16 ? all : Array.from({ length: 16 }, (_, at) => all[Math.round((at * (all.length - 1)) / 15)]!);
+    const one = this.#statement('SELECT places FROM search_grams WHERE gram = ? AND block = ?');
+    return some.map((gram) => (block) => one.all(gram, block) as { places: Uint8Array }[]);
   }
 }
 
