@@ -2,7 +2,7 @@
 // version's schema, then upgraded (the migration timed), then searched with each index this
 // Node.js has. Figures only.
 //
-//   node --experimental-strip-types bench/workspace/search.ts [--threads 5000] [--items 40] [--runs 15] [--backend fts5|own]
+//   node --experimental-strip-types bench/workspace/search.ts [--threads 5000] [--items 40] [--runs 15] [--backend fts5|own] [--keep]
 //
 // Run it with the oldest Node.js too: its SQLite has no FTS5, so there it times our own index alone.
 import { copyFileSync, mkdtempSync, rmSync, statSync } from 'node:fs';
@@ -16,7 +16,7 @@ import { hasFts5, type SearchBackend } from '../../resources/app/workspace/store
 import { median, quantile } from './figures.ts';
 
 const { values } = parseArgs({
-  options: { threads: { type: 'string', default: '5000' }, items: { type: 'string', default: '40' }, runs: { type: 'string', default: '15' }, backend: { type: 'string' } },
+  options: { threads: { type: 'string', default: '5000' }, items: { type: 'string', default: '40' }, runs: { type: 'string', default: '15' }, backend: { type: 'string' }, keep: { type: 'boolean', default: false } },
 });
 const THREADS = Number(values.threads);
 const ITEMS = Number(values.items);
@@ -108,4 +108,5 @@ for (const backend of backends) {
   console.log(`  one flush of a growing answer (${text.length} characters at the end): median ${median(flushes).toFixed(1)} ms, max ${Math.max(...flushes).toFixed(1)} ms`);
   reopened.close();
 }
-rmSync(folder, { recursive: true, force: true });
+if (values.keep) console.log(`\nthe stores are left in ${folder}`);
+else rmSync(folder, { recursive: true, force: true });

@@ -78,6 +78,17 @@ export interface Thread extends ThreadSummary {
   later: boolean;
 }
 
+/** A place in a thread holding the text searched for. */
+export interface SearchHit {
+  threadId: string;
+  title: string;
+  turnPosition: number;
+  /** The item's place in the turn; -1 for the turn's question. */
+  itemPosition: number;
+  /** Plain and matching text by turns, starting with plain: the odd ones are the matches. */
+  snippet: string[];
+}
+
 export type CodexState =
   | { state: 'idle' | 'starting'; version: string | null }
   | { state: 'ready'; version: string }

@@ -1,7 +1,8 @@
 // The search request: the text as typed, any characters at all, answered with the newest hits.
 import { Refusal } from '../refusal.ts';
 import { texts } from '../texts.ts';
-import { SEARCH_MAX_LENGTH, type SearchHit } from '../store/search.ts';
+import { SEARCH_MAX_LENGTH } from '../store/search.ts';
+import type { SearchHit } from '../model.ts';
 import type { ResearchDesk } from '../research/desk.ts';
 
 export function searchAnswer(desk: ResearchDesk, text: string): { results: SearchHit[] } {

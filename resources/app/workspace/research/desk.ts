@@ -13,9 +13,8 @@ import { CodexUnavailable } from '../codex/appServer.ts';
 import { APPROVAL_POLICY, isTurnNotification, SANDBOX, type TurnNotification } from '../codex/protocol.ts';
 import { MARKER } from '../codex/commands.ts';
 import { StoreError, type ThreadStore } from '../store/store.ts';
-import type { SearchHit } from '../store/search.ts';
 import type { Clock, Timer } from '../clock.ts';
-import type { PageEvent, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
+import type { PageEvent, SearchHit, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
 
 export const QUESTION_LIMIT_BYTES = 1 << 20;
 export const STOP_DEADLINE_MS = 900;

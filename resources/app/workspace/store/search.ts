@@ -13,19 +13,9 @@
 // search_state names the index a store has; a store last used by a Node.js without FTS5 (or with
 // it) has its index built anew for the other one when it is opened.
 import { DatabaseSync, type StatementSync } from 'node:sqlite';
-import type { Item } from '../model.ts';
+import type { Item, SearchHit } from '../model.ts';
 
 export type SearchBackend = 'fts5' | 'own';
-
-export interface SearchHit {
-  threadId: string;
-  title: string;
-  turnPosition: number;
-  /** The item's place in the turn; -1 for the turn's question. */
-  itemPosition: number;
-  /** Plain and matching text by turns, starting with plain: the odd ones are the matches. */
-  snippet: string[];
-}
 
 /** At most this many hits, newest first. */
 export const SEARCH_LIMIT = 50;
@@ -143,7 +133,7 @@ export function createSearchTables(db: DatabaseSync): void {
 }
 
 const FTS5_SCHEMA = `
-  CREATE VIRTUAL TABLE search_fts USING fts5(folded, content = 'search_docs', content_rowid = 'id', tokenize = 'trigram');
+  CREATE VIRTUAL TABLE search_fts USING fts5(folded, content = 'search_docs', content_rowid = 'id', tokenize = 'trigram', detail = 'none');
   CREATE TRIGGER search_fts_insert AFTER INSERT ON search_docs BEGIN
     INSERT INTO search_fts (rowid, folded) VALUES (new.id, new.folded);
   END;
@@ -308,7 +298,7 @@ export class SearchIndex {
     if (this.backend === 'fts5' && [...wanted].length >= 3) {
       return this.#statement(`SELECT ${columns} FROM search_fts f JOIN search_docs d ON d.id = f.rowid JOIN turns t ON t.id = d.turn_id
         WHERE search_fts MATCH ? AND instr(d.folded, ?) > 0 ORDER BY f.rowid DESC LIMIT ${SEARCH_LIMIT}`)
-        .all(`"${wanted.replaceAll('"', '""')}"`, wanted) as unknown as CandidateRow[];
+        .all(ftsQuery(wanted), wanted) as unknown as CandidateRow[];
     }
     return this.#statement(`${select} WHERE instr(d.folded, ?) > 0 ORDER BY d.id DESC LIMIT ${SEARCH_LIMIT}`)
       .all(wanted) as unknown as CandidateRow[];
@@ -321,26 +311,35 @@ export class SearchIndex {
     } catch {
       // A store that cannot be written now: the check below still leaves deleted rows out.
     }
-    const check = this.#statement(`${select} WHERE d.id = ? AND instr(d.folded, ?) > 0`);
+    // Candidates are checked a block at a time in one statement: a common word has thousands.
+    const check = this.#statement(`SELECT value AS id FROM json_each(?)
+      WHERE (SELECT instr(folded, ?) FROM search_docs WHERE id = value) > 0`);
     const last = (this.#statement('SELECT coalesce(max(id), -1) AS id FROM search_docs').get() as { id: number }).id;
-    const found: CandidateRow[] = [];
+    const found: number[] = [];
     const lookups = this.#lookups(wanted);
+    // How many of the trigrams so far each place in the block holds.
+    const counts = new Uint8Array(BLOCK);
     for (let block = last >> BLOCK_BITS; block >= 0 && found.length < SEARCH_LIMIT; block -= 1) {
-      let common: Set<number> | null = null;
-      for (const lookup of lookups) {
-        const places = new Set<number>();
-        for (const row of lookup(block)) for (const place of placesOf(row.places)) if (!common || common.has(place)) places.add(place);
-        common = places;
-        if (common.size === 0) break;
+      counts.fill(0);
+      let held = 0;
+      for (const [step, lookup] of lookups.entries()) {
+        held = 0;
+        for (const row of lookup(block)) {
+          for (const place of placesOf(row.places)) {
+            if (counts[place] !== step) continue;
+            counts[place] = step + 1;
+            held += 1;
+          }
+        }
+        if (held === 0) break;
       }
-      const ids = [...common!].sort((a, b) => b - a).map((place) => block * BLOCK + place);
-      for (const id of ids) {
-        const row = check.get(id, wanted) as CandidateRow | undefined;
-        if (row) found.push(row);
-        if (found.length === SEARCH_LIMIT) break;
-      }
+      if (held === 0) continue;
+      const ids: number[] = [];
+      for (let place = BLOCK - 1; place >= 0; place -= 1) if (counts[place] === lookups.length) ids.push(block * BLOCK + place);
+      for (const row of check.all(JSON.stringify(ids), wanted) as { id: number }[]) found.push(row.id);
     }
-    return found;
+    const one = this.#statement(`${select} WHERE d.id = ?`);
+    return found.sort((a, b) => b - a).slice(0, SEARCH_LIMIT).map((id) => one.get(id) as unknown as CandidateRow);
   }
 
   /** For each of (a spread of) the text's trigrams, how to read its rows in a block. */
@@ -356,6 +355,17 @@ export class SearchIndex {
     const one = this.#statement('SELECT places FROM search_grams WHERE gram = ? AND block = ?');
     return some.map((gram) => (block) => one.all(gram, block) as { places: Uint8Array }[]);
   }
+}
+
+/**
+ * Every trigram of the text, each one quoted FTS5 string: the index keeps no positions (it is a
+ * third of the size so), so it finds rows with all of them, and instr() keeps those with the text.
+ */
+function ftsQuery(wanted: string): string {
+  const chars = [...wanted];
+  const grams = new Set<string>();
+  for (let at = 0; at + 3 <= chars.length; at += 1) grams.add(`"${chars.slice(at, at + 3).join('').replaceAll('"', '""')}"`);
+  return [...grams].join(' ');
 }
 
 interface CandidateRow {

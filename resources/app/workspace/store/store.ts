@@ -3,8 +3,8 @@
 import { DatabaseSync, type StatementSync } from 'node:sqlite';
 import { chmodSync, closeSync, openSync } from 'node:fs';
 import { migrations as allMigrations, type Migration } from './migrations.ts';
-import { SearchIndex, type SearchBackend, type SearchHit } from './search.ts';
-import type { Item, Thread, ThreadSummary, Turn, TurnHead, Usage } from '../model.ts';
+import { SearchIndex, type SearchBackend } from './search.ts';
+import type { Item, SearchHit, Thread, ThreadSummary, Turn, TurnHead, Usage } from '../model.ts';
 
 export class StoreError extends Error {
   readonly reason: 'newer' | 'unwritable' | 'full' | 'corrupt' | 'other';
