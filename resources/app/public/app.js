@@ -466,13 +466,13 @@ ui.stop.addEventListener('click', async () => {
 
 ui.newThread.addEventListener('click', () => {
   if (location.hash) location.hash = '';
-  else startSearch({ input: /** @type {HTMLInputElement} */ (byId('search')), results: byId('search-results'), threads: ui.threads }, (thread, turn) => {
+  else openFromAddress();
+});
+
+startSearch({ input: /** @type {HTMLInputElement} */ (byId('search')), results: byId('search-results'), threads: ui.threads }, (thread, turn) => {
   const hash = `#${thread}/${turn}`;
   if (location.hash === hash) openFromAddress();
   else location.hash = hash;
-});
-
-openFromAddress();
 });
 
 openFromAddress();
