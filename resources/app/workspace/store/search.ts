@@ -107,6 +107,8 @@ export function createSearchTables(db: DatabaseSync): void {
       turn_id TEXT NOT NULL REFERENCES turns (id) ON DELETE CASCADE,
       position INTEGER NOT NULL,
       folded TEXT NOT NULL,
+      -- What FTS5 indexes: the end mark makes the last two characters begin a trigram too.
+      marked TEXT GENERATED ALWAYS AS (folded || char(1)) VIRTUAL,
       UNIQUE (turn_id, position)
     ) STRICT;
     CREATE TABLE search_state (backend TEXT NOT NULL) STRICT;
@@ -132,17 +134,19 @@ export function createSearchTables(db: DatabaseSync): void {
   }
 }
 
+// FTS5 finds rows holding every trigram of the text (it keeps no positions: a third of the size),
+// or for two characters any trigram they begin; instr() keeps those holding the text itself.
 const FTS5_SCHEMA = `
-  CREATE VIRTUAL TABLE search_fts USING fts5(folded, content = 'search_docs', content_rowid = 'id', tokenize = 'trigram', detail = 'none');
+  CREATE VIRTUAL TABLE search_fts USING fts5(marked, content = 'search_docs', content_rowid = 'id', tokenize = 'trigram', detail = 'none');
   CREATE TRIGGER search_fts_insert AFTER INSERT ON search_docs BEGIN
-    INSERT INTO search_fts (rowid, folded) VALUES (new.id, new.folded);
+    INSERT INTO search_fts (rowid, marked) VALUES (new.id, new.folded || char(1));
   END;
   CREATE TRIGGER search_fts_delete AFTER DELETE ON search_docs BEGIN
-    INSERT INTO search_fts (search_fts, rowid, folded) VALUES ('delete', old.id, old.folded);
+    INSERT INTO search_fts (search_fts, rowid, marked) VALUES ('delete', old.id, old.folded || char(1));
   END;
   CREATE TRIGGER search_fts_update AFTER UPDATE OF folded ON search_docs BEGIN
-    INSERT INTO search_fts (search_fts, rowid, folded) VALUES ('delete', old.id, old.folded);
-    INSERT INTO search_fts (rowid, folded) VALUES (new.id, new.folded);
+    INSERT INTO search_fts (search_fts, rowid, marked) VALUES ('delete', old.id, old.folded || char(1));
+    INSERT INTO search_fts (rowid, marked) VALUES (new.id, new.folded || char(1));
   END;
   INSERT INTO search_fts (search_fts) VALUES ('rebuild');
 `;
@@ -151,6 +155,7 @@ export class SearchIndex {
   readonly backend: SearchBackend;
   readonly #db: DatabaseSync;
   readonly #statements = new Map<string, StatementSync>();
+  #vocabulary = false;
 
   private constructor(db: DatabaseSync, backend: SearchBackend) {
     this.#db = db;
@@ -176,6 +181,17 @@ export class SearchIndex {
     }
     db.prepare('INSERT INTO search_state (backend) VALUES (?)').run(wanted);
     return index;
+  }
+
+  /** The trigrams FTS5 has that begin with these two characters, for a query of any of them. */
+  #termsFrom(pair: string[]): string[] {
+    if (!this.#vocabulary) {
+      this.#db.exec("CREATE VIRTUAL TABLE IF NOT EXISTS temp.search_vocab USING fts5vocab(main, 'search_fts', 'row')");
+      this.#vocabulary = true;
+    }
+    const end = pair[0]! + String.fromCodePoint(pair[1]!.codePointAt(0)! + 1);
+    return (this.#statement('SELECT term FROM temp.search_vocab WHERE term >= ? AND term < ? LIMIT 1001').all(pair.join(''), end) as
+      { term: string }[]).map((row) => row.term);
   }
 
   /** Our own index from scratch, a block at a time: each row written once. */
@@ -270,7 +286,7 @@ export class SearchIndex {
   /** The newest places holding this text, any case; none for blank text. */
   search(text: string): SearchHit[] {
     // A NUL pads our own trigrams; nobody searches for one.
-    const wanted = fold(text.trim()).replaceAll('\0', '');
+    const wanted = fold(text.trim()).replaceAll(/[\0\x01]/g, '');
     if (wanted === '') return [];
     const rows = this.#candidates(wanted);
     const title = this.#statement('SELECT threads.title FROM threads WHERE id = ?');
@@ -295,10 +311,15 @@ export class SearchIndex {
     const columns = 'd.id, d.turn_id, d.position, d.folded, t.thread_id, t.position AS turn_position, t.question';
     const select = `SELECT ${columns} FROM search_docs d JOIN turns t ON t.id = d.turn_id`;
     if (this.backend === 'own' && wanted.length >= 2) return this.#ownCandidates(wanted, select);
-    if (this.backend === 'fts5' && [...wanted].length >= 3) {
+    const chars = [...wanted];
+    // Many trigrams begin with a common pair: a scan from the newest finds it sooner.
+    const terms = this.backend === 'fts5' && chars.length === 2 ? this.#termsFrom(chars) : [];
+    if (this.backend === 'fts5' && (chars.length >= 3 || (chars.length === 2 && terms.length <= 1000))) {
+      const query = chars.length >= 3 ? ftsQuery(chars) : terms.map(quoted).join(' OR ');
+      if (query === '') return [];
       return this.#statement(`SELECT ${columns} FROM search_fts f JOIN search_docs d ON d.id = f.rowid JOIN turns t ON t.id = d.turn_id
         WHERE search_fts MATCH ? AND instr(d.folded, ?) > 0 ORDER BY f.rowid DESC LIMIT ${SEARCH_LIMIT}`)
-        .all(ftsQuery(wanted), wanted) as unknown as CandidateRow[];
+        .all(query, wanted) as unknown as CandidateRow[];
     }
     return this.#statement(`${select} WHERE instr(d.folded, ?) > 0 ORDER BY d.id DESC LIMIT ${SEARCH_LIMIT}`)
       .all(wanted) as unknown as CandidateRow[];
@@ -357,14 +378,12 @@ export class SearchIndex {
   }
 }
 
-/**
- * Every trigram of the text, each one quoted FTS5 string: the index keeps no positions (it is a
- * third of the size so), so it finds rows with all of them, and instr() keeps those with the text.
- */
-function ftsQuery(wanted: string): string {
-  const chars = [...wanted];
+const quoted = (term: string) => `"${term.replaceAll('"', '""')}"`;
+
+/** Every trigram of the text, each one quoted FTS5 string: rows holding all of them. */
+function ftsQuery(chars: string[]): string {
   const grams = new Set<string>();
-  for (let at = 0; at + 3 <= chars.length; at += 1) grams.add(`"${chars.slice(at, at + 3).join('').replaceAll('"', '""')}"`);
+  for (let at = 0; at + 3 <= chars.length; at += 1) grams.add(quoted(chars.slice(at, at + 3).join('')));
   return [...grams].join(' ');
 }
 
