@@ -160,6 +160,8 @@ export class ThreadStore {
   /** The page opened at a turn (a search hit): that turn and those after it that fit the budget. */
   #readFrom(id: string, at: number, itemBudget: number): { turns: Turn[]; earlier: boolean; later: boolean } {
     const { turns, later } = this.readTurnsAfter(id, at - 1, itemBudget);
+    // A hit in a turn that is gone since: the thread as it opens without one.
+    if (turns.length === 0) return { ...this.readTurns(id, null, itemBudget), later: false };
     const first = turns[0]?.position ?? at;
     const before = this.#statement('SELECT count(*) AS n FROM (SELECT 1 FROM turns WHERE thread_id = ? AND position < ? LIMIT 1)')
       .get(id, first) as { n: number };
