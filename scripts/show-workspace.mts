@@ -72,6 +72,16 @@ try {
   await page.locator('.command summary').click();
   await page.locator('#question').blur();
   await page.screenshot({ path: join(shots, 'workspace-thread.png') });
+  // Search over both threads, its hit in the answer opened.
+  await page.click('#new-thread');
+  await page.fill('#question', '检查点多久发生一次？wal 文件会一直变大吗？');
+  await page.press('#question', 'Enter');
+  await page.locator('.turn-foot').getByText('本轮用量').waitFor();
+  await page.fill('#search', 'wal');
+  await page.locator('.search-result').nth(2).waitFor();
+  await page.locator('.search-result').filter({ hasText: '两种主要的日志模式' }).click();
+  await page.locator('.turn.found').waitFor();
+  await page.screenshot({ path: join(shots, 'workspace-search.png') });
 
   // Mathematics and code, in the light and the dark look; then a window as narrow as a phone's.
   await page.click('#new-thread');
@@ -114,4 +124,4 @@ try {
   await browser.close();
   await standIn.close();
 }
-console.log(`saved workspace-thread, -reading-light, -reading-dark, -narrow, -narrow-list, -signed-out and -signed-in in ${shots}`);
+console.log(`saved workspace-thread, -search, -reading-light, -reading-dark, -narrow, -narrow-list, -signed-out and -signed-in in ${shots}`);

@@ -10,6 +10,7 @@ import { ThreadActions } from './threadActions.js';
 import { drawAccount, signInBanner } from './account.js';
 import { Attachments, attachmentList } from './attachments.js';
 import { ModelPicker } from './models.js';
+import { startSearch } from './search.js';
 
 /** @typedef {import('../workspace/model.ts').PageEvent} PageEvent */
 /** @typedef {import('../workspace/model.ts').ServiceState} ServiceState */
@@ -117,6 +118,14 @@ const itemViews = new Map();
 let earliest = /** @type {number | null} */ (null);
 let fetchingEarlier = false;
 const topSentinel = element('div', 'sentinel');
+// A thread opened at a search hit may not have its newest turns drawn: they come as the reader
+// scrolls down to them, and turns that start meanwhile come with them.
+/** Where the latest drawn turn is while later ones are left to fetch; null once the newest is drawn. */
+let latest = /** @type {number | null} */ (null);
+let fetchingLater = false;
+const bottomSentinel = element('div', 'sentinel');
+/** The turn to bring into view when the thread is drawn (a search hit's); null to show the end. */
+let wantedTurn = /** @type {number | null} */ (null);
 
 /** @param {ThreadSummary} thread */
 function drawHead(thread) {
@@ -198,6 +207,7 @@ function showThread(thread) {
   earliest = null;
   attachments.reset(thread?.id ?? null);
   picker.show(thread);
+  latest = null;
   if (!thread) return;
   drawHead(thread);
   ui.meta.textContent = `文件夹：${thread.folder}`;
@@ -209,8 +219,55 @@ function showThread(thread) {
     earliest = thread.turns[0].position;
     ui.conversation.prepend(topSentinel);
   }
+  if (thread.later && thread.turns.length > 0) {
+    latest = thread.turns[thread.turns.length - 1].position;
+    ui.conversation.append(bottomSentinel);
+  }
   ui.scroller.scrollTop = ui.scroller.scrollHeight;
+  showWantedTurn();
 }
+
+/** Brings the turn a search hit named into view and marks it for a moment. */
+function showWantedTurn() {
+  const view = [...turnViews.values()].find((turn) => turn.head.position === wantedTurn);
+  wantedTurn = null;
+  if (!view) return;
+  view.node.scrollIntoView({ block: 'start' });
+  following = false;
+  view.node.classList.remove('found');
+  void view.node.offsetWidth; // restarts the animation when the same turn is found again
+  view.node.classList.add('found');
+}
+
+/** Fetches and draws the turns after the latest drawn; the reader's view stays where it is. */
+async function drawLater() {
+  const thread = state.open;
+  if (latest === null || fetchingLater || !thread) return;
+  fetchingLater = true;
+  try {
+    const answer = await fetch(`/api/threads/${encodeURIComponent(thread)}/turns?after=${latest}`);
+    if (!answer.ok || state.open !== thread) return;
+    /** @type {{ turns: Turn[], later: boolean }} */
+    const { turns, later } = await answer.json();
+    const fragment = document.createDocumentFragment();
+    for (const turn of turns) fragment.append(drawTurn(turn));
+    bottomSentinel.before(fragment);
+    latest = later && turns.length > 0 ? turns[turns.length - 1].position : null;
+    if (latest === null) bottomSentinel.remove();
+  } finally {
+    fetchingLater = false;
+  }
+}
+
+const laterObserver = new IntersectionObserver((entries) => {
+  if (entries.some((entry) => entry.isIntersecting)) void drawLater().then(() => {
+    if (latest !== null && bottomSentinel.isConnected) {
+      laterObserver.unobserve(bottomSentinel);
+      laterObserver.observe(bottomSentinel);
+    }
+  });
+}, { root: ui.scroller, rootMargin: '0px 0px 600px 0px' });
+laterObserver.observe(bottomSentinel);
 
 /** Fetches and draws the turns before the earliest drawn, keeping what the reader sees where it is. */
 async function drawEarlier() {
@@ -298,6 +355,7 @@ function receive(event) {
     case 'turn': {
       if (event.turn.threadId !== state.open) return;
       const isNew = !turnViews.has(event.turn.id);
+      if (isNew && latest !== null) return;
       const view = turnView(event.turn);
       if (isNew) ui.conversation.append(view.node);
       follow();
@@ -323,11 +381,13 @@ function receive(event) {
 /** @type {EventSource | null} */
 let source = null;
 
-/** @param {string | null} threadId */
-function listen(threadId) {
+/** @param {string | null} threadId @param {number | null} [at] the turn to open it at */
+function listen(threadId, at = null) {
   source?.close();
   state.open = threadId;
-  const address = threadId ? `/api/events?thread=${encodeURIComponent(threadId)}` : '/api/events';
+  wantedTurn = at;
+  const place = at === null ? '' : `&at=${at}`;
+  const address = threadId ? `/api/events?thread=${encodeURIComponent(threadId)}${place}` : '/api/events';
   source = new EventSource(address);
   source.addEventListener('message', (message) => receive(JSON.parse(message.data)));
   source.addEventListener('open', () => setConnected(true));
@@ -335,9 +395,11 @@ function listen(threadId) {
 }
 
 function openFromAddress() {
-  const wanted = decodeURIComponent(location.hash.slice(1)) || null;
+  // #thread, or #thread/turn for a search hit.
+  const [thread, turn] = decodeURIComponent(location.hash.slice(1)).split('/');
+  const wanted = thread || null;
   ui.error.textContent = '';
-  listen(wanted);
+  listen(wanted, turn && /^\d+$/.test(turn) ? Number(turn) : null);
   if (!wanted) ui.question.focus();
 }
 
@@ -359,6 +421,11 @@ async function ask() {
   ui.send.disabled = true;
   ui.error.textContent = '';
   try {
+    // A thread opened at a search hit shows the new turn at its end, with the turns before it.
+    if (state.open && latest !== null) {
+      history.replaceState(null, '', `#${state.open}`);
+      listen(state.open);
+    }
     const body = { question, ...(await attachments.extras()), ...picker.choice() };
     if (state.open) {
       await post(`/api/threads/${encodeURIComponent(state.open)}/turns`, body);
@@ -416,4 +483,10 @@ ui.newThread.addEventListener('click', () => {
 
 installKeys();
 installNarrowList();
+startSearch({ input: /** @type {HTMLInputElement} */ (byId('search')), results: byId('search-results'), threads: ui.threads }, (thread, turn) => {
+  const hash = `#${thread}/${turn}`;
+  if (location.hash === hash) openFromAddress();
+  else location.hash = hash;
+});
+
 openFromAddress();

@@ -85,6 +85,8 @@ export interface Thread extends ThreadSummary {
   /** The model and reasoning effort chosen for it; null: Codex's default. */
   model: string | null;
   effort: string | null;
+  /** Whether there are turns after the last of these (the thread was opened at a search hit). */
+  later: boolean;
 }
 
 /** A model and reasoning effort; null for either is Codex's own default. */
@@ -106,6 +108,17 @@ export interface ModelCatalog {
   models: ModelOption[];
   codexDefault: Choice;
   last: Choice;
+}
+
+/** A place in a thread holding the text searched for. */
+export interface SearchHit {
+  threadId: string;
+  title: string;
+  turnPosition: number;
+  /** The item's place in the turn; -1 for the turn's question. */
+  itemPosition: number;
+  /** Plain and matching text by turns, starting with plain: the odd ones are the matches. */
+  snippet: string[];
 }
 
 export type CodexState =

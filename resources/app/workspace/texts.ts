@@ -42,6 +42,7 @@ export const texts = {
   foreignUser: '这个工作区属于这台电脑上的另一个用户账户。',
   notFound: '没有这个地址。',
   badPosition: '要读取的位置不对。',
+  searchTooLong: (limit: number) => `搜索内容太长了：请不要超过 ${limit} 个字符。`,
   methodNotAllowed: '不支持这种请求方式。',
   storeUnavailable: (reason: string) => `现在无法保存新的问题：${reason}`,
   stopping: '工作区服务正在停止。',

@@ -60,6 +60,8 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
       ['a preflight', 'OPTIONS', '/api/threads', undefined, { origin: 'http://evil.example' }, 405, texts.methodNotAllowed],
       ['another host name', 'GET', '/', undefined, { host: 'evil.example' }, 421, '只接受通过 127.0.0.1 或 localhost 访问工作区。'],
       ['a path out of the page\'s folder', 'GET', '/%2e%2e/server.mjs', undefined, {}, 404, texts.notFound],
+      ['search text over the limit', 'GET', `/api/search?q=${encodeURIComponent('字'.repeat(201))}`, undefined, {}, 400, texts.searchTooLong(200)],
+      ['turns after no position', 'GET', `/api/threads/${id}/turns?after=-1`, undefined, {}, 400, texts.badPosition],
     ];
     for (const [what, method, path, body, headers, status, message] of cases) {
       const answer = await service.request(method, path, body, headers);
@@ -67,6 +69,11 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
       assert.equal([...answer.headers.keys()].some((name) => name.startsWith('access-control-')), false, what);
     }
     assert.deepEqual(kept(), before);
+    // Search text is text, whatever SQL or FTS5 would make of it.
+    for (const [text, threads] of [['"finished" * NEAR(-\'%_\\', []], ['FINISHED', [id]]] as const) {
+      const answer = await service.request('GET', `/api/search?q=${encodeURIComponent(text)}`);
+      assert.deepEqual([answer.status, answer.body.results.map((hit: { threadId: string }) => hit.threadId)], [200, threads], text);
+    }
   });
 });
 

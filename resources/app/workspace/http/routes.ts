@@ -14,6 +14,7 @@ import type { ModelCatalog, ServiceState } from '../model.ts';
 import type { QuestionExtras } from '../research/desk.ts';
 import { choiceOf } from '../codex/models.ts';
 import { handleUploads, type UploadDeps } from '../files/route.ts';
+import { searchAnswer } from './search.ts';
 
 export interface RouteDeps {
   desk: ResearchDesk;
@@ -60,7 +61,8 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
     if (resource === 'events' && parts.length === 1) {
       if (method !== 'GET') throw new Refusal(405, texts.methodNotAllowed);
       const wanted = url.searchParams.get('thread');
-      const thread = wanted && THREAD_ID.test(wanted) ? desk.thread(wanted) : null;
+      const at = url.searchParams.has('at') ? Number(url.searchParams.get('at')) : NaN;
+      const thread = wanted && THREAD_ID.test(wanted) ? desk.thread(wanted, undefined, Number.isSafeInteger(at) ? at : undefined) : null;
       hub.subscribe(response, thread?.id ?? null, { type: 'hello', service: deps.service(), ...desk.firstListPage(), thread });
       deps.pageConnected();
       return;
@@ -73,6 +75,10 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
     if (resource === 'models' && parts.length === 1) {
       if (method !== 'GET') throw new Refusal(405, texts.methodNotAllowed);
       return sendJson(response, 200, await deps.models());
+    }
+    if (resource === 'search' && parts.length === 1) {
+      if (method !== 'GET') throw new Refusal(405, texts.methodNotAllowed);
+      return sendJson(response, 200, searchAnswer(desk, url.searchParams.get('q') ?? ''));
     }
     if (resource !== 'threads' || rest.length > 0 || (id !== undefined && !THREAD_ID.test(id))) {
       throw new Refusal(404, texts.notFound);
@@ -93,6 +99,11 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
       return sendJson(response, 200, { thread });
     }
     if (action === 'turns' && method === 'GET') {
+      if (url.searchParams.has('after')) {
+        const after = Number(url.searchParams.get('after'));
+        if (!Number.isSafeInteger(after) || after < 0) throw new Refusal(400, texts.badPosition);
+        return sendJson(response, 200, desk.laterTurns(id, after));
+      }
       const before = Number(url.searchParams.get('before'));
       if (!Number.isSafeInteger(before) || before < 0) throw new Refusal(400, texts.badPosition);
       return sendJson(response, 200, desk.earlierTurns(id, before));

@@ -14,7 +14,7 @@ import { APPROVAL_POLICY, isTurnNotification, SANDBOX, type TurnNotification } f
 import { MARKER } from '../codex/commands.ts';
 import { StoreError, type ListCursor, type ThreadStore } from '../store/store.ts';
 import type { Clock, Timer } from '../clock.ts';
-import type { Choice, PageEvent, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
+import type { Choice, PageEvent, SearchHit, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
 import { adoptDraft, attachmentNote, checkAttachments, draftFolder, isImage } from '../files/uploads.ts';
 
 export const QUESTION_LIMIT_BYTES = 1 << 20;
@@ -247,8 +247,8 @@ export class ResearchDesk {
   }
 
   /** The thread as a page opens it: its newest turns, as they are now. */
-  thread(id: string, itemBudget = PAGE_ITEMS): Thread | null {
-    const kept = this.#options.store.readThread(id, itemBudget);
+  thread(id: string, itemBudget = PAGE_ITEMS, at?: number): Thread | null {
+    const kept = this.#options.store.readThread(id, itemBudget, at);
     if (!kept) return null;
     const { codexThreadId: _, folder, ...rest } = kept;
     return { ...rest, folder: join(this.#options.dataFolder, folder), turns: this.#fresh(id, kept.turns), running: this.#live.has(id) };
@@ -259,6 +259,17 @@ export class ResearchDesk {
     if (!this.#options.store.summary(id)) throw new Refusal(404, texts.noSuchThread);
     const { turns, earlier } = this.#options.store.readTurns(id, before, PAGE_ITEMS);
     return { turns: this.#fresh(id, turns), earlier };
+  }
+
+  search(text: string): SearchHit[] {
+    return this.#options.store.search(text);
+  }
+
+  /** Turns after this position, for a page opened at a search hit that the reader scrolls down in. */
+  laterTurns(id: string, after: number): { turns: Turn[]; later: boolean } {
+    if (!this.#options.store.summary(id)) throw new Refusal(404, texts.noSuchThread);
+    const { turns, later } = this.#options.store.readTurnsAfter(id, after, PAGE_ITEMS);
+    return { turns: this.#fresh(id, turns), later };
   }
 
   /** The running turn, and ended ones the store has not taken yet, as they are in memory. */

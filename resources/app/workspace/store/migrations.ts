@@ -1,6 +1,7 @@
 // The store's schema, one migration per version. A migration runs once, in the same transaction
 // as the bump of user_version, so a database is always at exactly one version.
 import type { DatabaseSync } from 'node:sqlite';
+import { createSearchTables } from './search.ts';
 
 export type Migration = (db: DatabaseSync) => void;
 
@@ -50,4 +51,6 @@ export const migrations: readonly Migration[] = [
     ALTER TABLE turns ADD COLUMN attachments TEXT;
     CREATE TABLE settings (key TEXT PRIMARY KEY, value TEXT NOT NULL) STRICT;
   `),
+  // 4: the words of every question and item, for search; filled from what is kept already.
+  createSearchTables,
 ];

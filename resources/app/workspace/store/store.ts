@@ -3,7 +3,8 @@
 import { DatabaseSync, type StatementSync } from 'node:sqlite';
 import { chmodSync, closeSync, openSync } from 'node:fs';
 import { migrations as allMigrations, type Migration } from './migrations.ts';
-import type { Choice, Item, Thread, ThreadSummary, Turn, TurnHead, Usage } from '../model.ts';
+import { SearchIndex, type SearchBackend } from './search.ts';
+import type { Choice, Item, SearchHit, Thread, ThreadSummary, Turn, TurnHead, Usage } from '../model.ts';
 
 export class StoreError extends Error {
   readonly reason: 'newer' | 'unwritable' | 'full' | 'corrupt' | 'other';
@@ -65,6 +66,7 @@ function classify(error: unknown): StoreError {
 export class ThreadStore {
   readonly #db: DatabaseSync;
   readonly #statements = new Map<string, StatementSync>();
+  #search!: SearchIndex;
   #open = true;
 
   private constructor(db: DatabaseSync) {
@@ -72,7 +74,7 @@ export class ThreadStore {
   }
 
   /** Opens (creating if need be) and migrates the store at this path. */
-  static open(path: string, migrations: readonly Migration[] = allMigrations): ThreadStore {
+  static open(path: string, migrations: readonly Migration[] = allMigrations, search?: SearchBackend): ThreadStore {
     let db: DatabaseSync | undefined;
     try {
       if (path !== ':memory:') {
@@ -90,6 +92,7 @@ export class ThreadStore {
       }
       db.exec('PRAGMA busy_timeout = 2000; PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON;');
       store.#migrate(version, migrations);
+      store.#search = store.#transaction(() => SearchIndex.attach(db!, search));
       return store;
     } catch (error) {
       db?.close();
@@ -193,14 +196,37 @@ export class ThreadStore {
   }
 
   /** The thread with its newest turns, as many as fill about this many items; earlier: more before them. */
-  readThread(id: string, itemBudget = Infinity): (Omit<Thread, 'running'> & { codexThreadId: string | null }) | null {
+  readThread(id: string, itemBudget = Infinity, at?: number): (Omit<Thread, 'running'> & { codexThreadId: string | null }) | null {
     const row = this.#statement('SELECT * FROM threads WHERE id = ?').get(id) as
       (ThreadRow & { codex_thread_id: string | null; model: string | null; effort: string | null }) | undefined;
     if (!row) return null;
-    const { turns, earlier } = this.readTurns(id, null, itemBudget);
-    return { ...summaryOf(row), folder: row.folder, codexThreadId: row.codex_thread_id, turns, earlier, usage: this.threadUsage(id),
+    const { turns, earlier, later } = at === undefined
+      ? { ...this.readTurns(id, null, itemBudget), later: false }
+      : this.#readFrom(id, at, itemBudget);
+    return { ...summaryOf(row), folder: row.folder, codexThreadId: row.codex_thread_id, turns, earlier, later, usage: this.threadUsage(id),
       model: row.model, effort: row.effort,
     };
+  }
+
+  /** The page opened at a turn (a search hit): that turn and those after it that fit the budget. */
+  #readFrom(id: string, at: number, itemBudget: number): { turns: Turn[]; earlier: boolean; later: boolean } {
+    const { turns, later } = this.readTurnsAfter(id, at - 1, itemBudget);
+    // A hit in a turn that is gone since: the thread as it opens without one.
+    if (turns.length === 0) return { ...this.readTurns(id, null, itemBudget), later: false };
+    const first = turns[0]?.position ?? at;
+    const before = this.#statement('SELECT count(*) AS n FROM (SELECT 1 FROM turns WHERE thread_id = ? AND position < ? LIMIT 1)')
+      .get(id, first) as { n: number };
+    return { turns, earlier: before.n > 0, later };
+  }
+
+  /** The turns after this position, oldest first, as many as fill the budget as readTurns does; later: whether more follow. */
+  readTurnsAfter(threadId: string, after: number, itemBudget: number): { turns: Turn[]; later: boolean } {
+    const limit = Number.isFinite(itemBudget) ? Math.max(1, Math.ceil(itemBudget)) + 1 : -1;
+    const rows = this.#statement(`SELECT turns.*, (SELECT count(*) FROM items WHERE items.turn_id = turns.id) AS item_count
+      FROM turns WHERE thread_id = ? AND position > ? ORDER BY position LIMIT ?`)
+      .all(threadId, after, limit) as unknown as (TurnRow & { item_count: number })[];
+    const taken = withinBudget(rows, itemBudget);
+    return { turns: rows.slice(0, taken).map((turn) => this.#withItems(turn)), later: taken < rows.length };
   }
 
   /** The sum of the usage its turns reported; null when none did. */
@@ -224,18 +250,19 @@ export class ThreadStore {
     const rows = this.#statement(`SELECT turns.*, (SELECT count(*) FROM items WHERE items.turn_id = turns.id) AS item_count
       FROM turns WHERE thread_id = ? AND position < ? ORDER BY position DESC LIMIT ?`)
       .all(threadId, before ?? Number.MAX_SAFE_INTEGER, limit) as unknown as (TurnRow & { item_count: number })[];
-    let spent = 0;
-    let taken = 0;
-    while (taken < rows.length && (taken === 0 || spent + rows[taken]!.item_count + 1 <= itemBudget)) {
-      spent += rows[taken]!.item_count + 1;
-      taken += 1;
-    }
-    const items = this.#statement('SELECT body FROM items WHERE turn_id = ? ORDER BY position');
-    const turns = rows.slice(0, taken).reverse().map((turn): Turn => ({
-      ...headOf(turn),
-      items: (items.all(turn.id) as { body: string }[]).map((item) => JSON.parse(item.body) as Item),
-    }));
+    const taken = withinBudget(rows, itemBudget);
+    const turns = rows.slice(0, taken).reverse().map((turn) => this.#withItems(turn));
     return { turns, earlier: taken < rows.length };
+  }
+
+  #withItems(turn: TurnRow): Turn {
+    const items = this.#statement('SELECT body FROM items WHERE turn_id = ? ORDER BY position').all(turn.id) as { body: string }[];
+    return { ...headOf(turn), items: items.map((item) => JSON.parse(item.body) as Item) };
+  }
+
+  /** The newest places in any thread holding this text. */
+  search(text: string): SearchHit[] {
+    return this.#search.search(text);
   }
 
   summary(id: string): Omit<ThreadSummary, 'running'> | null {
@@ -299,7 +326,10 @@ export class ThreadStore {
     this.#write(() => {
       for (const turn of batch.turns) this.#putTurn(turn);
       const put = this.#statement('INSERT OR REPLACE INTO items (turn_id, position, status, body) VALUES (?, ?, ?, ?)');
-      for (const { turnId, item } of batch.items) put.run(turnId, item.position, item.status, JSON.stringify(item));
+      for (const { turnId, item } of batch.items) {
+        put.run(turnId, item.position, item.status, JSON.stringify(item));
+        this.#search.putItem(turnId, item);
+      }
     });
   }
 
@@ -311,6 +341,7 @@ export class ThreadStore {
       .run(turn.id, turn.threadId, turn.position, turn.question, turn.status, turn.error,
         turn.usage ? JSON.stringify(turn.usage) : null, turn.startedAt, turn.endedAt,
         turn.attachments?.length ? JSON.stringify(turn.attachments) : null);
+    this.#search.putQuestion(turn.id, turn.question);
     this.#statement('UPDATE threads SET updated_at = max(updated_at, ?) WHERE id = ?')
       .run(turn.endedAt ?? turn.startedAt, turn.threadId);
   }
@@ -341,6 +372,17 @@ export class ThreadStore {
     this.#open = false;
     this.#db.close();
   }
+}
+
+/** How many of these turns, in order, fit the budget of items (a question counts as one); at least one. */
+function withinBudget(rows: { item_count: number }[], itemBudget: number): number {
+  let spent = 0;
+  let taken = 0;
+  while (taken < rows.length && (taken === 0 || spent + rows[taken]!.item_count + 1 <= itemBudget)) {
+    spent += rows[taken]!.item_count + 1;
+    taken += 1;
+  }
+  return taken;
 }
 
 const SUMMARY = 'id, title, created_at, updated_at, pinned, archived';
