@@ -118,7 +118,7 @@ export class Tap {
         for (let end = buffer.indexOf('\n\n'); end >= 0; end = buffer.indexOf('\n\n')) {
           const data = buffer.slice(buffer.indexOf('data: ') + 6, end);
           buffer = buffer.slice(end + 2);
-          const head = /^\{"type":"delta".*?"text":"(.{0,16})/.exec(data.slice(0, 400));
+          const head = /^\{"type":"delta".*?"text":"(.{0,32})/.exec(data.slice(0, 400));
           if (head) {
             this.heads.push(head[1]!);
             this.times.push(at);
