@@ -123,6 +123,8 @@ async function searchFigures(browser: Browser, service: Running, options: LargeO
     options.log('search: skipped, the service has no /api/search yet');
     return [];
   }
+  // The first search may wait for an index the service builds over the store it found.
+  options.log(`search: the first answer took ${probe.ms.toFixed(0)} ms (${probe.status})`);
   const figures: Figure[] = [];
   for (const script of ['latin', 'cjk'] as const) {
     const words = searchWords(options.filled, script);
@@ -164,7 +166,12 @@ async function searchFigures(browser: Browser, service: Running, options: LargeO
       await page.locator('.search-result').first().waitFor({ state: 'detached', timeout: 5000 }).catch(() => options.log(`search in the page: results stay after the box is emptied (before "${word}")`));
       await resetRecorded(page, '.search-result');
       await page.fill('#search', word);
-      await afterFrame(page, 10_000);
+      const shown = await afterFrame(page, 10_000).then(() => true, () => false);
+      if (!shown) {
+        const seen = await page.evaluate<string>(`[...document.querySelectorAll('.search-result')].length + ' results; ' + (document.querySelector('#search')?.parentElement?.innerText ?? '').slice(0, 200)`);
+        options.log(`search in the page: "${word}" painted no .search-result within 10 s (${seen}); ${problems.slice(-3).join('; ')}`);
+        continue;
+      }
       const at = await paintedAt(page);
       const typed = await page.evaluate(() => (globalThis as unknown as Bench).__lmInput!);
       painted.push(at.at - typed);
@@ -195,7 +202,8 @@ async function threadFigures(browser: Browser, service: Running, options: LargeO
   let drawn = 0;
   const wantOpen = options.sections.has('thread');
   const wantHeap = options.sections.has('heap');
-  for (let run = -1; run < options.runs; run += 1) {
+  // Each run wheels through the whole thread: fewer of them.
+  for (let run = -1; run < Math.min(options.runs, 5); run += 1) {
     await page.goto(service.url);
     await page.locator(entry).waitFor();
     await settle(300);
