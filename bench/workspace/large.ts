@@ -104,7 +104,7 @@ async function listFigures(browser: Browser, service: Running, options: LargeOpt
   const by = [...how].map((each) => (each === 'paint' ? 'Element Timing of the first entry' : 'the frame after the entries entered the DOM')).join(' / ');
   return [
     { name: `list of ${options.filled.threads}: navigation start → entries painted`, unit: 'ms', runs: [painted], goal: { limit: 100, atMost: true, text: '≤ 100 ms after the page loads' }, note: `${by}; ${entries} entries in the DOM` },
-    { name: `list of ${options.filled.threads}: load event end → entries painted`, unit: 'ms', runs: [afterLoad], note: 'the list comes in the event stream\'s snapshot, after the load event' },
+    { name: `list of ${options.filled.threads}: load event end → entries painted`, unit: 'ms', runs: [afterLoad], goal: { limit: 100, atMost: true, text: '≤ 100 ms after the page loads' }, note: 'the list comes in the event stream\'s snapshot, after the load event' },
     { name: `list of ${options.filled.threads}: snapshot handler`, unit: 'ms', runs: [hello] },
     { name: `list of ${options.filled.threads}: longest task while loading`, unit: 'ms', runs: [longest], statistic: 'max', note: 'Long Tasks API: only tasks over 50 ms are reported (0: none)' },
   ];
