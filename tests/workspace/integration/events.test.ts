@@ -7,14 +7,14 @@ import { MAX_QUEUED_BYTES } from '../../../resources/app/workspace/http/events.t
 import { fakeCodex, startService, Tap, temporaryFolder, until } from '../support/service.ts';
 
 // A stalled page's connection absorbs about 4 MiB in the kernel's buffers before anything queues
-// in the service; the turn streams well beyond that plus the hub's limit, slowly enough that the
-// pages that read never fall that far behind.
+// in the service; the turn streams well beyond that plus the hub's limit, slowly enough (about
+// 1.6 MB a second) that a page that reads falls that far behind only if starved for seconds.
 const DELTAS = 192;
 const SIZE = 64 << 10;
 
 test('fifty pages follow one turn; the one that stops reading is dropped, the others get every delta', { timeout: 120_000 }, async () => {
   assert.ok(DELTAS * SIZE > MAX_QUEUED_BYTES + (6 << 20));
-  const service = await startService({ codexPath: fakeCodex(temporaryFolder('lm-fake-')), env: { FAKE_CODEX_STREAM: `${DELTAS}x${SIZE}x30` } });
+  const service = await startService({ codexPath: fakeCodex(temporaryFolder('lm-fake-')), env: { FAKE_CODEX_STREAM: `${DELTAS}x${SIZE}x40` } });
   try {
     const created = await service.request('POST', '/api/threads', { question: 'first' });
     const id: string = created.body.thread.id;
