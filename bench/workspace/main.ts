@@ -1,8 +1,14 @@
 // The workspace's benchmarks: streaming latency into the page, a long answer, start to health
-// against the status-page service, memory over a long thread, and opening a long thread. Prints
-// what it measures as it goes, then one table. Figures only: nothing here fails on timing.
+// against the status-page service, memory over a long thread, and opening a long thread; on a
+// store of years of work (fill.ts), the thread list, search, a 2,000-item thread and the page's
+// heap; fifty pages on one turn. Prints what it measures as it goes, then one table. Figures only:
+// nothing here fails on timing.
 //
-//   node --experimental-strip-types bench/workspace/main.ts [--only first,long,start,memory,open] [--quick] [--profile DIR] [--app DIR]
+//   node --experimental-strip-types bench/workspace/main.ts [--only first,long,...] [--quick] [--profile DIR] [--app DIR] [--refill]
+//
+// fill: make the big store anew (--refill) or report the cached one; list, search, thread, heap:
+// on that store; fifty: 49 event-stream clients and a stalled one on one turn; fifty-tabs: the
+// same with 49 Chromium tabs.
 //
 // --app runs another copy of resources/app in place of the shipped one, to compare a change.
 // Uses the fixed port 18765 (the launcher's), so scripts/bench-workspace.sh runs it in a network
@@ -18,8 +24,12 @@ import { streamingFigures } from './streaming.ts';
 import { startFigures } from './start.ts';
 import { memoryFigures } from './memory.ts';
 import { openingFigures } from './opening.ts';
+import { filledStore } from './fill.ts';
+import { largeFigures, type LargeSection } from './large.ts';
+import { fiftyFigures } from './fifty.ts';
 
-const SECTIONS = ['first', 'long', 'start', 'memory', 'open'] as const;
+const SECTIONS = ['first', 'long', 'start', 'memory', 'open', 'fill', 'list', 'search', 'thread', 'heap', 'fifty', 'fifty-tabs'] as const;
+const LARGE: readonly LargeSection[] = ['list', 'search', 'thread', 'heap'];
 type Section = (typeof SECTIONS)[number];
 
 const { values } = parseArgs({
@@ -28,6 +38,7 @@ const { values } = parseArgs({
     quick: { type: 'boolean', default: false },
     profile: { type: 'string' },
     app: { type: 'string' },
+    refill: { type: 'boolean', default: false },
   },
 });
 const wanted = new Set((values.only ?? SECTIONS.join(',')).split(',').map((name) => name.trim()));
@@ -76,6 +87,20 @@ await section('open', async () => [
   // The same with a tenth of the items: what of the opening grows with the thread.
   ...await openingFigures({ runs: quick ? 2 : 8, items: 200, profile: null, app, log }),
 ]);
+
+await section(['fill', ...LARGE], async () => {
+  const filled = filledStore(log, values.refill);
+  log(`store: ${filled.threads} threads, ${filled.turns} turns, ${filled.items} items, ${(filled.databaseBytes / 1048576).toFixed(0)} MB; filled in ${filled.fillSeconds.toFixed(1)} s when it was made (${filled.folder})`);
+  const figures: Figure[] = wanted.has('fill') ? [
+    { name: `fill ${filled.threads} threads, ${filled.items} items through ThreadStore`, unit: 's', runs: [[filled.fillSeconds]], note: 'when the cached store was made; --refill makes it anew' },
+    { name: 'filled store on disk', unit: 'MB', runs: [[filled.databaseBytes / 1048576]], note: 'workspace.db; MB = 2^20 bytes' },
+  ] : [];
+  const sections = new Set(LARGE.filter((name) => wanted.has(name)));
+  if (sections.size > 0) figures.push(...await largeFigures({ filled, sections, runs: quick ? 3 : 10, app, log }));
+  return figures;
+});
+await section('fifty', () => fiftyFigures({ clients: 'taps', runs: quick ? 1 : 3, app, log }));
+await section('fifty-tabs', () => fiftyFigures({ clients: 'tabs', runs: 1, app, log }));
 
 log(`load average after: ${load()}`);
 console.log();

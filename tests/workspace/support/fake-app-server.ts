@@ -7,17 +7,24 @@ import { appendFileSync } from 'node:fs';
 const version = process.env.FAKE_CODEX_VERSION ?? '0.169.0';
 const die = process.env.FAKE_CODEX_DIE ?? '';
 const log = process.env.FAKE_CODEX_LOG;
+// "<count>x<size>x<gap ms>": every turn after the first streams this many numbered deltas of this
+// size, this far apart, before it ends; each says when it was sent (for benchmarks).
+const [streamCount, streamSize, streamGap] = (process.env.FAKE_CODEX_STREAM ?? '0x0x0').split('x').map(Number) as [number, number, number];
 let threads = 0;
 let turns = 0;
 
 const send = (message: object) => process.stdout.write(`${JSON.stringify(message)}\n`);
 const notify = (method: string, params: object) => send({ method, params });
 
-function turn(threadId: string, turnId: string) {
+async function turn(threadId: string, turnId: string) {
   notify('turn/started', { threadId, turn: { id: turnId, status: 'inProgress', items: [], error: null } });
   notify('item/started', { threadId, turnId, item: { type: 'agentMessage', id: `m${turnId}`, text: '' } });
   notify('item/agentMessage/delta', { threadId, turnId, itemId: `m${turnId}`, delta: 'partial answer' });
   if (die === 'mid-turn') process.exit(3);
+  for (let i = 0; turns > 1 && i < streamCount; i += 1) {
+    await new Promise((resolve) => setTimeout(resolve, streamGap));
+    notify('item/agentMessage/delta', { threadId, turnId, itemId: `m${turnId}`, delta: `${i}:${(performance.timeOrigin + performance.now()).toFixed(2)}:`.padEnd(streamSize, '.') });
+  }
   // Streams on and on: the turn stays open until it is interrupted.
   if (die === 'never-finishes' && turns > 1) return;
   notify('item/completed', { threadId, turnId, item: { type: 'agentMessage', id: `m${turnId}`, text: 'partial answer' } });
@@ -52,7 +59,7 @@ createInterface({ input: process.stdin }).on('line', (line) => {
       turns += 1;
       const turnId = `fake-turn-${turns}`;
       answer({ turn: { id: turnId, status: 'inProgress', items: [], error: null } });
-      turn(message.params!.threadId!, turnId);
+      void turn(message.params!.threadId!, turnId);
       return;
     }
     default:

@@ -4,7 +4,7 @@ import { spawn, type ChildProcess } from 'node:child_process';
 import { chmodSync, mkdtempSync, readFileSync, writeFileSync } from 'node:fs';
 import { createServer } from 'node:net';
 import { once } from 'node:events';
-import { request as httpRequest } from 'node:http';
+import { get, request as httpRequest } from 'node:http';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { fileURLToPath } from 'node:url';
@@ -94,6 +94,45 @@ export class Page {
 
   close(): void {
     this.#abort.abort();
+  }
+}
+
+/**
+ * A page's event stream read over a bare connection, cheaply enough for fifty at once: a delta
+ * keeps only the head of its text (and when it came); other events are kept whole.
+ */
+export class Tap {
+  readonly heads: string[] = [];
+  readonly times: number[] = [];
+  readonly events: PageEvent[] = [];
+  ended = false;
+  readonly #request: import('node:http').ClientRequest;
+
+  constructor(port: number, threadId: string) {
+    let buffer = '';
+    this.#request = get({ host: '127.0.0.1', port, path: `/api/events?thread=${encodeURIComponent(threadId)}`, agent: false }, (response) => {
+      response.setEncoding('utf8');
+      response.on('data', (chunk: string) => {
+        const at = performance.timeOrigin + performance.now();
+        buffer += chunk;
+        for (let end = buffer.indexOf('\n\n'); end >= 0; end = buffer.indexOf('\n\n')) {
+          const data = buffer.slice(buffer.indexOf('data: ') + 6, end);
+          buffer = buffer.slice(end + 2);
+          const head = /^\{"type":"delta".*?"text":"(.{0,32})/.exec(data.slice(0, 400));
+          if (head) {
+            this.heads.push(head[1]!);
+            this.times.push(at);
+          } else {
+            this.events.push(JSON.parse(data) as PageEvent);
+          }
+        }
+      });
+      response.on('close', () => { this.ended = true; });
+    }).on('error', () => { this.ended = true; });
+  }
+
+  close(): void {
+    this.#request.destroy();
   }
 }
 
