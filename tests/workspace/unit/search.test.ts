@@ -126,6 +126,7 @@ test("a store made by the previous version keeps every thread, turn and item, an
   for (const backend of backends) {
     const store = ThreadStore.open(path, undefined, backend);
     const threads = store.listThreads();
+    assert.ok(threads.every((thread) => !thread.pinned && !thread.archived && store.readThread(thread.id)!.model === null));
     const after = threads.flatMap((thread) => store.readThread(thread.id)!.turns)
       .map((turn) => ({ thread_id: turn.threadId, position: turn.position, question: turn.question, items: JSON.stringify(turn.items.map((item) => JSON.stringify(item))) }))
       .sort((x, y) => (`${x.thread_id}-u${x.position}` < `${y.thread_id}-u${y.position}` ? -1 : 1));

@@ -92,22 +92,3 @@ test("a thread's usage is the sum over the turns that reported one, and null unt
   assert.deepEqual(store.readThread('t1')!.usage, usage(11));
   store.close();
 });
-
-test('a database of the first version keeps its threads; each then keeps its model choice and its questions their files', () => {
-  const path = join(temporaryFolder('lm-store-'), 'workspace.db');
-  const old = new DatabaseSync(path);
-  migrations[0]!(old);
-  old.exec(`PRAGMA user_version = 1;
-    INSERT INTO threads (id, title, folder, created_at, updated_at) VALUES ('t1', 'T', 'threads/t1', 1000, 1000);
-    INSERT INTO turns (id, thread_id, position, question, status, started_at) VALUES ('u0', 't1', 0, 'q', 'completed', 1000);`);
-  old.close();
-  const store = ThreadStore.open(path);
-  assert.deepEqual([store.readThread('t1')!.turns.length, store.readThread('t1')!.model, store.lastChoice()], [1, null, { model: null, effort: null }]);
-  store.setChoice('t1', { model: 'm', effort: 'high' });
-  store.addTurn({ ...head('u1', 1), attachments: ['报告.pdf'] });
-  store.createThread({ id: 't2', title: 'T2', folder: 'threads/t2', createdAt: 2000, model: 'n', effort: null }, { ...head('v0', 0), threadId: 't2' });
-  const [t1, t2] = [store.readThread('t1')!, store.readThread('t2')!];
-  assert.deepEqual([t1.model, t1.effort, t1.turns.map((turn) => turn.attachments), t2.model], ['m', 'high', [undefined, ['报告.pdf']], 'n']);
-  assert.deepEqual(store.lastChoice(), { model: 'n', effort: null });
-  store.close();
-});
