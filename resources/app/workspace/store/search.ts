@@ -15,6 +15,7 @@
 // it) has its index built anew for the other one when it is opened.
 import { DatabaseSync, type StatementSync } from 'node:sqlite';
 import type { Item, SearchHit } from '../model.ts';
+import { preparedOnce } from './prepared.ts';
 
 export type SearchBackend = 'fts5' | 'own';
 
@@ -157,11 +158,12 @@ const FTS5_SCHEMA = `
 export class SearchIndex {
   readonly backend: SearchBackend;
   readonly #db: DatabaseSync;
-  readonly #statements = new Map<string, StatementSync>();
+  readonly #statement: (sql: string) => StatementSync;
   #vocabulary = false;
 
   private constructor(db: DatabaseSync, backend: SearchBackend) {
     this.#db = db;
+    this.#statement = preparedOnce(db);
     this.backend = backend;
   }
 
@@ -213,15 +215,6 @@ export class SearchIndex {
       }
       for (const [gram, list] of places) insert.run(gram, block, blobOf(list));
     }
-  }
-
-  #statement(sql: string): StatementSync {
-    let statement = this.#statements.get(sql);
-    if (!statement) {
-      statement = this.#db.prepare(sql);
-      this.#statements.set(sql, statement);
-    }
-    return statement;
   }
 
   /** Keeps a question's words; call in the transaction that writes its turn. */

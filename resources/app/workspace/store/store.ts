@@ -4,6 +4,7 @@ import { DatabaseSync, type StatementSync } from 'node:sqlite';
 import { chmodSync, closeSync, openSync } from 'node:fs';
 import { migrations as allMigrations, type Migration } from './migrations.ts';
 import { SearchIndex, type SearchBackend } from './search.ts';
+import { preparedOnce } from './prepared.ts';
 import type { Choice, Item, SearchHit, Thread, ThreadSummary, Turn, TurnHead, Usage } from '../model.ts';
 
 export class StoreError extends Error {
@@ -65,12 +66,13 @@ function classify(error: unknown): StoreError {
 
 export class ThreadStore {
   readonly #db: DatabaseSync;
-  readonly #statements = new Map<string, StatementSync>();
+  readonly #statement: (sql: string) => StatementSync;
   #search!: SearchIndex;
   #open = true;
 
   private constructor(db: DatabaseSync) {
     this.#db = db;
+    this.#statement = preparedOnce(db);
   }
 
   /** Opens (creating if need be) and migrates the store at this path. */
@@ -111,15 +113,6 @@ export class ThreadStore {
         this.#db.exec(`PRAGMA user_version = ${next + 1}`);
       });
     }
-  }
-
-  #statement(sql: string): StatementSync {
-    let statement = this.#statements.get(sql);
-    if (!statement) {
-      statement = this.#db.prepare(sql);
-      this.#statements.set(sql, statement);
-    }
-    return statement;
   }
 
   #transaction<T>(work: () => T): T {
