@@ -8,7 +8,7 @@
 // headless Chromium ('tabs', one browser, 49 tabs).
 import { connect, type Socket } from 'node:net';
 import { rmSync } from 'node:fs';
-import { fakeCodex, startService, Tap, temporaryFolder, until, type Running } from '../../tests/workspace/support/service.ts';
+import { fakeCodex, startService, Tap, temporaryFolder, until, upgradeRequest, type Running } from '../../tests/workspace/support/service.ts';
 import { launchBrowser, type Page } from '../../tests/workspace/support/browser.ts';
 import { MAX_QUEUED_BYTES } from '../../resources/app/workspace/http/events.ts';
 import { residentMemory } from './memory.ts';
@@ -48,7 +48,7 @@ async function withService<T>(stream: string, app: string | undefined, work: (se
 /** A connection that reads the snapshot and then stops reading. */
 async function stalledPage(service: Running, id: string): Promise<Socket> {
   const socket = connect(service.port, '127.0.0.1');
-  socket.write(`GET /api/events?thread=${id} HTTP/1.1\r\nHost: 127.0.0.1:${service.port}\r\n\r\n`);
+  socket.write(upgradeRequest(service.port, `/api/events?thread=${id}`));
   await new Promise<void>((resolve) => socket.once('data', () => { socket.pause(); resolve(); }));
   return socket;
 }
@@ -70,7 +70,7 @@ const STAMP = `(() => {
   const stamps = { heads: [], times: [] };
   Object.defineProperty(globalThis, '__lmDeltas', { value: stamps });
   const add = EventTarget.prototype.addEventListener;
-  EventSource.prototype.addEventListener = function (type, listener, options) {
+  WebSocket.prototype.addEventListener = function (type, listener, options) {
     if (type !== 'message' || typeof listener !== 'function') return add.call(this, type, listener, options);
     return add.call(this, type, function (event) {
       listener.call(this, event);

@@ -66,8 +66,8 @@ function fill(dataFolder: string): void {
 const PROBE = `(() => {
   const seen = { entry: null, frame: null, painted: null, all: null, hello: null, helloBytes: 0, longest: 0, asked: null, served: null };
   // The stream's first message is the snapshot: from asking for the stream to it is the service's share, and the wire's.
-  const Stream = EventSource;
-  globalThis.EventSource = class extends Stream {
+  const Stream = WebSocket;
+  globalThis.WebSocket = class extends Stream {
     constructor(...args) { super(...args); seen.asked ??= performance.now(); }
   };
   Object.defineProperty(globalThis, '__lmList', { value: seen });
@@ -76,7 +76,7 @@ const PROBE = `(() => {
   new PerformanceObserver((list) => { for (const e of list.getEntries()) if (e.identifier === 'lm-list') seen.painted ??= e.renderTime; })
     .observe({ type: 'element', buffered: true });
   const add = EventTarget.prototype.addEventListener;
-  EventSource.prototype.addEventListener = function (type, listener, options) {
+  WebSocket.prototype.addEventListener = function (type, listener, options) {
     if (type !== 'message') return add.call(this, type, listener, options);
     return add.call(this, type, function (event) {
       const start = performance.now();
@@ -158,7 +158,7 @@ const figures: Figure[] = [
   { name: `list of ${threadCount}: navigation → first entry in the DOM`, unit: 'ms', runs: [samples.entry] },
   ...(samples.all.length > 0 ? [{ name: `list of ${threadCount}: navigation → every entry in the DOM`, unit: 'ms', runs: [samples.all] }] : []),
   ...(samples.nextPage.length > 0 ? [{ name: `list of ${threadCount}: scrolled to the end → next page drawn`, unit: 'ms', runs: [samples.nextPage], note: 'measured from the benchmark: includes a round trip to Chromium' }] : []),
-  { name: `list of ${threadCount}: snapshot asked for → first byte`, unit: 'ms', runs: [samples.served], note: 'from new EventSource to its first message' },
+  { name: `list of ${threadCount}: snapshot asked for → first byte`, unit: 'ms', runs: [samples.served], note: 'from new WebSocket to its first message' },
   { name: `list of ${threadCount}: snapshot handler`, unit: 'ms', runs: [samples.hello], note: `${(helloBytes / 1024).toFixed(0)} KiB of JSON` },
   { name: `list of ${threadCount}: longest task while loading`, unit: 'ms', runs: [samples.longest], statistic: 'max' },
 ];
