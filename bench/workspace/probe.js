@@ -38,7 +38,7 @@
   }).observe({ type: 'element', buffered: true });
 
   const add = EventTarget.prototype.addEventListener;
-  EventSource.prototype.addEventListener = function (type, listener, options) {
+  WebSocket.prototype.addEventListener = function (type, listener, options) {
     if (type !== 'message' || typeof listener !== 'function') return add.call(this, type, listener, options);
     const timed = function (event) {
       const start = clock();

@@ -5,7 +5,7 @@ import { parentPort, workerData } from 'node:worker_threads';
 import { Page } from '../../tests/workspace/support/service.ts';
 
 const { url, threadId } = workerData as { url: string; threadId: string | null };
-const page = new Page(url, threadId);
+const page = new Page(Number(new URL(url).port), threadId);
 parentPort!.on('message', (message: 'collect' | 'close') => {
   if (message === 'collect') {
     parentPort!.postMessage({ events: page.events, times: page.times });

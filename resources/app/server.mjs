@@ -10,7 +10,7 @@
 // a page asks for something first, or a second after the start, whichever comes first; requests
 // that come before it is loaded wait for it.
 
-import { createServer } from 'node:http';
+import { createServer, STATUS_CODES } from 'node:http';
 
 const APP_ID = 'lanternmoor-local-pro';
 const VERSION = '0.3.0';
@@ -112,8 +112,30 @@ function handle(req, res) {
   );
 }
 
+// A page's event stream is a WebSocket: the same host rule, then the workspace decides.
+function upgrade(req, socket, head) {
+  socket.on('error', () => socket.destroy());
+  const refuse = (status, message) => {
+    const body = Buffer.from(JSON.stringify({ error: message }), 'utf8');
+    socket.end(`HTTP/1.1 ${status} ${STATUS_CODES[status]}\r\nContent-Type: application/json; charset=utf-8\r\n`
+      + `Content-Length: ${body.length}\r\nConnection: close\r\n\r\n${body}`);
+  };
+  if (!hostAllowed(req.headers.host)) {
+    refuse(421, '只接受通过 127.0.0.1 或 localhost 访问工作区。');
+    return;
+  }
+  load().then(
+    (loaded) => loaded.upgrade(req, socket, head),
+    () => refuse(503, '工作区没能加载，详情见数据文件夹中的运行日志。'),
+  ).catch((error) => {
+    complain(`a page's event stream failed: ${error?.stack ?? error}`);
+    socket.destroy();
+  });
+}
+
 say(`workspace service starting (pid ${process.pid})`);
 const server = createServer({ noDelay: true }, handle);
+server.on('upgrade', upgrade);
 
 server.on('error', (error) => {
   complain(`workspace service could not listen on http://${HOST}:${port}/: ${error.message}`);

@@ -378,20 +378,33 @@ function receive(event) {
   }
 }
 
-/** @type {EventSource | null} */
+/** @type {WebSocket | null} */
 let source = null;
+/** @type {ReturnType<typeof setTimeout> | undefined} */
+let reconnect;
+// A WebSocket, not an event stream over HTTP: the browser keeps six HTTP connections to the
+// service, and an open stream in each of six pages would take every one.
+const RECONNECT_MS = 1000;
 
 /** @param {string | null} threadId @param {number | null} [at] the turn to open it at */
 function listen(threadId, at = null) {
+  clearTimeout(reconnect);
   source?.close();
   state.open = threadId;
   wantedTurn = at;
   const place = at === null ? '' : `&at=${at}`;
-  const address = threadId ? `/api/events?thread=${encodeURIComponent(threadId)}${place}` : '/api/events';
-  source = new EventSource(address);
-  source.addEventListener('message', (message) => receive(JSON.parse(message.data)));
-  source.addEventListener('open', () => setConnected(true));
-  source.addEventListener('error', () => setConnected(false));
+  const query = threadId ? `?thread=${encodeURIComponent(threadId)}${place}` : '';
+  const socket = new WebSocket(`ws://${location.host}/api/events${query}`);
+  source = socket;
+  // The socket of a thread left behind may still deliver a little: only the current one counts.
+  socket.addEventListener('message', (message) => { if (socket === source) receive(JSON.parse(message.data)); });
+  socket.addEventListener('open', () => { if (socket === source) setConnected(true); });
+  socket.addEventListener('close', () => {
+    if (socket !== source) return;
+    setConnected(false);
+    // Back with a fresh snapshot, where the page was: the hello redraws the thread.
+    reconnect = setTimeout(() => listen(state.open, state.open === threadId ? at : null), RECONNECT_MS);
+  });
 }
 
 function openFromAddress() {

@@ -4,6 +4,7 @@ import { join } from 'node:path';
 import { homedir } from 'node:os';
 import { fileURLToPath } from 'node:url';
 import type { IncomingMessage, ServerResponse } from 'node:http';
+import type { Duplex } from 'node:stream';
 import { CodexAppServer } from './codex/appServer.ts';
 import { endThreadCommands, killSurvivors, treeOf } from './codex/commands.ts';
 import { ResearchDesk, describeStorage } from './research/desk.ts';
@@ -12,7 +13,7 @@ import { EventHub } from './http/events.ts';
 import { PeerGate } from './http/security.ts';
 import { systemLookup } from './http/peer.ts';
 import { StaticFiles } from './http/static.ts';
-import { createRoutes } from './http/routes.ts';
+import { createRoutes, createUpgrade, type RouteDeps } from './http/routes.ts';
 import { systemClock, type Clock } from './clock.ts';
 import { texts } from './texts.ts';
 import { AccountDesk } from './account/accountDesk.ts';
@@ -35,6 +36,8 @@ export interface Boot {
 
 export interface Workspace {
   handle(request: IncomingMessage, response: ServerResponse): Promise<void>;
+  /** A page opening its event stream. */
+  upgrade(request: IncomingMessage, socket: Duplex, head: Buffer): Promise<void>;
   /** Ends running turns, stops Codex and closes the store. */
   stop(): Promise<void>;
 }
@@ -117,7 +120,7 @@ export function startWorkspace(boot: Boot): Workspace {
     },
   });
 
-  const handle = createRoutes({
+  const routeDeps: RouteDeps = {
     desk, account, hub, files: new StaticFiles(PUBLIC), gate: new PeerGate(systemLookup, process.getuid?.() ?? -1),
     service: () => state,
     pageConnected: () => {
@@ -144,10 +147,12 @@ export function startWorkspace(boot: Boot): Workspace {
       return { ...catalog, last: store.lastChoice() };
     },
     uploads: { dataFolder, threadFolder: (id) => store.codexPlace(id)?.folder ?? null },
-  });
+  };
+  const handle = createRoutes(routeDeps);
 
   return {
     handle,
+    upgrade: createUpgrade(routeDeps),
     async stop() {
       hub.closeAll();
       await desk.shutdown();

@@ -44,6 +44,7 @@ export const texts = {
   badPosition: '要读取的位置不对。',
   searchTooLong: (limit: number) => `搜索内容太长了：请不要超过 ${limit} 个字符。`,
   methodNotAllowed: '不支持这种请求方式。',
+  notWebSocket: '这个地址只接受 WebSocket 连接。',
   storeUnavailable: (reason: string) => `现在无法保存新的问题：${reason}`,
   stopping: '工作区服务正在停止。',
   // Organising threads: titles, pins, the archive, deletion and export.

@@ -4,7 +4,7 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { connect } from 'node:net';
 import { MAX_QUEUED_BYTES } from '../../../resources/app/workspace/http/events.ts';
-import { fakeCodex, startService, Tap, temporaryFolder, until } from '../support/service.ts';
+import { fakeCodex, startService, Tap, temporaryFolder, until, upgradeRequest } from '../support/service.ts';
 
 // A stalled page's connection absorbs about 4 MiB in the kernel's buffers before anything queues
 // in the service; the turn streams well beyond that plus the hub's limit, slowly enough (about
@@ -22,7 +22,7 @@ test('fifty pages follow one turn; the one that stops reading is dropped, the ot
 
     const readers = Array.from({ length: 49 }, () => new Tap(service.port, id));
     const stalled = connect(service.port, '127.0.0.1');
-    stalled.write(`GET /api/events?thread=${id} HTTP/1.1\r\nHost: 127.0.0.1:${service.port}\r\n\r\n`);
+    stalled.write(upgradeRequest(service.port, `/api/events?thread=${id}`));
     let unread = '';
     await new Promise<void>((resolve) => stalled.once('data', (chunk) => { unread += chunk; stalled.pause(); resolve(); }));
     await until('every page\'s snapshot', () => readers.every((tap) => tap.events.length > 0));

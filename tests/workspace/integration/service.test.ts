@@ -45,6 +45,11 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
     const id = await twoTurns(service);
     const kept = () => [query(service, 'SELECT (SELECT count(*) FROM turns) t, (SELECT count(*) FROM items) i'), readdirSync(join(service.dataFolder, 'threads'))];
     const before = kept();
+    // A page's event stream, opened as a WebSocket.
+    const stream = (headers: Record<string, string> = {}) => ({
+      upgrade: 'websocket', connection: 'Upgrade', 'sec-websocket-key': 'dGhlIHNhbXBsZSBub25jZQ==', 'sec-websocket-version': '13',
+      origin: `http://127.0.0.1:${service.port}`, ...headers,
+    });
     const cases: [string, string, string, unknown, Record<string, string>, number, string][] = [
       ['a body that is not JSON', 'POST', '/api/threads', '{"question":', {}, 400, texts.notJson],
       ['JSON that is not an object', 'POST', '/api/threads', '"question"', {}, 400, texts.notJson],
@@ -61,6 +66,12 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
       ['another host name', 'GET', '/', undefined, { host: 'evil.example' }, 421, '只接受通过 127.0.0.1 或 localhost 访问工作区。'],
       ['a path out of the page\'s folder', 'GET', '/%2e%2e/server.mjs', undefined, {}, 404, texts.notFound],
       ['search text over the limit', 'GET', `/api/search?q=${encodeURIComponent('字'.repeat(201))}`, undefined, {}, 400, texts.searchTooLong(200)],
+      ['an event stream with no origin', 'GET', '/api/events', undefined, stream({ origin: '' }), 403, texts.foreignOrigin],
+      ['an event stream for another origin', 'GET', '/api/events', undefined, stream({ origin: 'http://evil.example' }), 403, texts.foreignOrigin],
+      ['an event stream at another host name', 'GET', '/api/events', undefined, stream({ host: 'evil.example' }), 421, '只接受通过 127.0.0.1 或 localhost 访问工作区。'],
+      ['an event stream of another version', 'GET', '/api/events', undefined, stream({ 'sec-websocket-version': '8' }), 426, texts.notWebSocket],
+      ['an event stream not asked with GET', 'POST', '/api/events', undefined, stream(), 405, texts.methodNotAllowed],
+      ['an event stream as a plain request', 'GET', '/api/events', undefined, {}, 426, texts.notWebSocket],
       ['turns after no position', 'GET', `/api/threads/${id}/turns?after=-1`, undefined, {}, 400, texts.badPosition],
     ];
     for (const [what, method, path, body, headers, status, message] of cases) {

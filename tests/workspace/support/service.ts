@@ -4,7 +4,7 @@ import { spawn, type ChildProcess } from 'node:child_process';
 import { chmodSync, mkdtempSync, readFileSync, writeFileSync } from 'node:fs';
 import { createServer } from 'node:net';
 import { once } from 'node:events';
-import { get, request as httpRequest } from 'node:http';
+import { request as httpRequest } from 'node:http';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { fileURLToPath } from 'node:url';
@@ -56,32 +56,38 @@ export async function until<T>(what: string, probe: () => T | undefined | null |
   }
 }
 
+/** Opens a page's event stream as the page does: a WebSocket, with the page's own Origin. */
+export function eventSocket(port: number, threadId: string | null): WebSocket {
+  const query = threadId ? `?thread=${encodeURIComponent(threadId)}` : '';
+  // Node.js's WebSocket takes headers, which a browser's does not: the Origin is the page's.
+  return new WebSocket(`ws://127.0.0.1:${port}/api/events${query}`, { headers: { origin: `http://127.0.0.1:${port}` } } as never);
+}
+
+/** The upgrade request of a page's event stream, for a test to send over a bare connection. */
+export function upgradeRequest(port: number, path: string, headers: Record<string, string> = {}, method = 'GET'): string {
+  const sent: Record<string, string> = {
+    host: `127.0.0.1:${port}`, origin: `http://127.0.0.1:${port}`, upgrade: 'websocket', connection: 'Upgrade',
+    'sec-websocket-key': 'dGhlIHNhbXBsZSBub25jZQ==', 'sec-websocket-version': '13', ...headers,
+  };
+  const lines = Object.entries(sent).filter(([, value]) => value !== '').map(([name, value]) => `${name}: ${value}`);
+  return `${method} ${path} HTTP/1.1\r\n${lines.join('\r\n')}\r\n\r\n`;
+}
+
 /** A page's event stream, read as the page reads it. */
 export class Page {
   readonly events: PageEvent[] = [];
   /** When each event was read, on the stand-in's clock: for benchmarks. */
   readonly times: number[] = [];
-  readonly #abort = new AbortController();
+  readonly #socket: WebSocket;
   readonly done: Promise<void>;
 
-  constructor(url: string, threadId: string | null) {
-    const address = `${url}api/events${threadId ? `?thread=${encodeURIComponent(threadId)}` : ''}`;
-    this.done = (async () => {
-      const response = await fetch(address, { signal: this.#abort.signal });
-      let buffer = '';
-      const decoder = new TextDecoder();
-      for await (const chunk of response.body!) {
-        buffer += decoder.decode(chunk, { stream: true });
-        for (let end = buffer.indexOf('\n\n'); end >= 0; end = buffer.indexOf('\n\n')) {
-          const data = buffer.slice(0, end).split('\n').find((line) => line.startsWith('data: '));
-          buffer = buffer.slice(end + 2);
-          if (data) {
-            this.times.push(performance.timeOrigin + performance.now());
-            this.events.push(JSON.parse(data.slice(6)) as PageEvent);
-          }
-        }
-      }
-    })().catch(() => {});
+  constructor(port: number, threadId: string | null) {
+    this.#socket = eventSocket(port, threadId);
+    this.#socket.addEventListener('message', (message) => {
+      this.times.push(performance.timeOrigin + performance.now());
+      this.events.push(JSON.parse(message.data as string) as PageEvent);
+    });
+    this.done = new Promise((resolve) => this.#socket.addEventListener('close', () => resolve()));
   }
 
   find<T extends PageEvent['type']>(type: T, test: (event: Extract<PageEvent, { type: T }>) => boolean = () => true) {
@@ -93,46 +99,38 @@ export class Page {
   }
 
   close(): void {
-    this.#abort.abort();
+    this.#socket.close();
   }
 }
 
 /**
- * A page's event stream read over a bare connection, cheaply enough for fifty at once: a delta
- * keeps only the head of its text (and when it came); other events are kept whole.
+ * A page's event stream, cheaply enough for fifty at once: a delta keeps only the head of its
+ * text (and when it came); other events are kept whole.
  */
 export class Tap {
   readonly heads: string[] = [];
   readonly times: number[] = [];
   readonly events: PageEvent[] = [];
   ended = false;
-  readonly #request: import('node:http').ClientRequest;
+  readonly #socket: WebSocket;
 
   constructor(port: number, threadId: string) {
-    let buffer = '';
-    this.#request = get({ host: '127.0.0.1', port, path: `/api/events?thread=${encodeURIComponent(threadId)}`, agent: false }, (response) => {
-      response.setEncoding('utf8');
-      response.on('data', (chunk: string) => {
-        const at = performance.timeOrigin + performance.now();
-        buffer += chunk;
-        for (let end = buffer.indexOf('\n\n'); end >= 0; end = buffer.indexOf('\n\n')) {
-          const data = buffer.slice(buffer.indexOf('data: ') + 6, end);
-          buffer = buffer.slice(end + 2);
-          const head = /^\{"type":"delta".*?"text":"(.{0,32})/.exec(data.slice(0, 400));
-          if (head) {
-            this.heads.push(head[1]!);
-            this.times.push(at);
-          } else {
-            this.events.push(JSON.parse(data) as PageEvent);
-          }
-        }
-      });
-      response.on('close', () => { this.ended = true; });
-    }).on('error', () => { this.ended = true; });
+    this.#socket = eventSocket(port, threadId);
+    this.#socket.addEventListener('message', (message) => {
+      const data = message.data as string;
+      const head = /^\{"type":"delta".*?"text":"(.{0,32})/.exec(data.slice(0, 400));
+      if (head) {
+        this.heads.push(head[1]!);
+        this.times.push(performance.timeOrigin + performance.now());
+      } else {
+        this.events.push(JSON.parse(data) as PageEvent);
+      }
+    });
+    this.#socket.addEventListener('close', () => { this.ended = true; });
   }
 
   close(): void {
-    this.#request.destroy();
+    this.#socket.close();
   }
 }
 
@@ -195,7 +193,7 @@ export async function startService(options: { codexPath: string; dataFolder?: st
       });
     },
     page(threadId = null) {
-      const page = new Page(url, threadId);
+      const page = new Page(port, threadId);
       child.once('exit', () => page.close());
       return page;
     },

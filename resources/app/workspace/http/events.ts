@@ -1,16 +1,15 @@
-// The event stream to the pages (Server-Sent Events): each page gets a snapshot first, then every
-// change as it happens. Each event is serialised once, whatever the number of pages; a page that
-// stops reading is dropped once it lags too far behind, and its browser reconnects for a fresh
-// snapshot, so one slow page neither slows the others nor grows the service's memory.
-import type { ServerResponse } from 'node:http';
+// The event stream to the pages, one WebSocket each: each page gets a snapshot first, then every
+// change as it happens. Each event is serialised and framed once, whatever the number of pages; a
+// page that stops reading is dropped once it lags too far behind, and the page reconnects for a
+// fresh snapshot, so one slow page neither slows the others nor grows the service's memory.
 import type { PageEvent } from '../model.ts';
+import { CLOSE_GOING_AWAY, textFrame, type PageSocket } from './socket.ts';
 
 /** How far behind a page may fall, in bytes queued for it, before it is dropped. */
 export const MAX_QUEUED_BYTES = 4 << 20;
-const RECONNECT_MS = 1000;
 
 interface Subscriber {
-  response: ServerResponse;
+  socket: PageSocket;
   /** The thread the page has open: only that thread's turns and items are sent to it. */
   threadId: string | null;
 }
@@ -35,16 +34,11 @@ export class EventHub {
     return this.#subscribers.size;
   }
 
-  subscribe(response: ServerResponse, threadId: string | null, hello: PageEvent): void {
-    response.writeHead(200, {
-      'Content-Type': 'text/event-stream; charset=utf-8',
-      'Cache-Control': 'no-store',
-      'X-Content-Type-Options': 'nosniff',
-    });
-    const subscriber = { response, threadId };
+  subscribe(socket: PageSocket, threadId: string | null, hello: PageEvent): void {
+    const subscriber = { socket, threadId };
     this.#subscribers.add(subscriber);
-    response.on('close', () => this.#subscribers.delete(subscriber));
-    this.#write(subscriber, `retry: ${RECONNECT_MS}\n${frame(hello)}`);
+    socket.socket.on('close', () => this.#subscribers.delete(subscriber));
+    this.#write(subscriber, textFrame(JSON.stringify(hello)));
   }
 
   publish(event: PageEvent): void {
@@ -52,28 +46,23 @@ export class EventHub {
     const readers = [...this.#subscribers].filter((subscriber) => thread === null || subscriber.threadId === thread);
     // Every delta comes here: one nobody has open is not even serialised.
     if (readers.length === 0) return;
-    const text = frame(event);
-    for (const subscriber of readers) this.#write(subscriber, text);
+    const frame = textFrame(JSON.stringify(event));
+    for (const subscriber of readers) this.#write(subscriber, frame);
   }
 
   closeAll(): void {
-    for (const subscriber of this.#subscribers) subscriber.response.end();
+    for (const subscriber of this.#subscribers) subscriber.socket.close(CLOSE_GOING_AWAY);
     this.#subscribers.clear();
   }
 
-  #write(subscriber: Subscriber, text: string): void {
-    const { response } = subscriber;
-    if (response.destroyed) return;
-    if (response.writableLength > MAX_QUEUED_BYTES) {
+  #write(subscriber: Subscriber, frame: Buffer): void {
+    const { socket } = subscriber;
+    if (!socket.open) return;
+    if (socket.writableLength > MAX_QUEUED_BYTES) {
       this.#subscribers.delete(subscriber);
-      response.destroy();
+      socket.socket.destroy();
       return;
     }
-    response.write(text);
+    socket.send(frame);
   }
-}
-
-function frame(event: PageEvent): string {
-  // JSON escapes line breaks, so one data line carries the whole event.
-  return `data: ${JSON.stringify(event)}\n\n`;
 }

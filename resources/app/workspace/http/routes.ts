@@ -1,11 +1,13 @@
 // The workspace's HTTP interface: the page's files, its event stream, and the few requests that
 // change something (ask, follow up, stop).
 import type { IncomingMessage, ServerResponse } from 'node:http';
+import type { Duplex } from 'node:stream';
 import { Refusal } from '../refusal.ts';
 import { texts } from '../texts.ts';
 import { sendJson } from './answer.ts';
 import { checkChange, readJson, type PeerGate } from './security.ts';
 import type { EventHub } from './events.ts';
+import { handshakeProblem, PageSocket, refuseUpgrade } from './socket.ts';
 import type { StaticFiles } from './static.ts';
 import { listPage, organise } from './organise.ts';
 import type { ResearchDesk } from '../research/desk.ts';
@@ -58,15 +60,8 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
     const parts = url.pathname.split('/').slice(2); // after "/api/"
     const method = request.method ?? 'GET';
     const [resource, id, action, ...rest] = parts;
-    if (resource === 'events' && parts.length === 1) {
-      if (method !== 'GET') throw new Refusal(405, texts.methodNotAllowed);
-      const wanted = url.searchParams.get('thread');
-      const at = url.searchParams.has('at') ? Number(url.searchParams.get('at')) : NaN;
-      const thread = wanted && THREAD_ID.test(wanted) ? desk.thread(wanted, undefined, Number.isSafeInteger(at) ? at : undefined) : null;
-      hub.subscribe(response, thread?.id ?? null, { type: 'hello', service: deps.service(), ...desk.firstListPage(), thread });
-      deps.pageConnected();
-      return;
-    }
+    // The events come over a WebSocket (see socket.ts); a plain request for them is told so.
+    if (resource === 'events' && parts.length === 1) throw new Refusal(426, texts.notWebSocket);
     if (resource === 'account' && id !== undefined && action === undefined) {
       if (method !== 'POST') throw new Refusal(405, texts.methodNotAllowed);
       return sendJson(response, 200, await accountAction(deps.account, id, await readJson(request)));
@@ -145,5 +140,35 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
       deps.complain(`request ${request.method} ${request.url} failed: ${error instanceof Error ? error.stack : String(error)}`);
       sendJson(response, 500, { error: texts.internal(error instanceof Error ? error.message : String(error)) });
     }
+  };
+}
+
+/**
+ * A page's event stream: a WebSocket on /api/events?thread=ID&at=N. No browser asks another site
+ * before opening one, so unlike the other requests it must come from the page itself even to read.
+ */
+export function createUpgrade(deps: RouteDeps): (request: IncomingMessage, socket: Duplex, head: Buffer) => Promise<void> {
+  const { desk, hub, gate } = deps;
+  return async (request, socket, head) => {
+    const url = new URL(request.url ?? '/', 'http://workspace.invalid');
+    if (!(await gate.allows(request.socket))) return refuseUpgrade(socket, 403, texts.foreignUser);
+    if (url.pathname !== '/api/events') return refuseUpgrade(socket, 404, texts.notFound);
+    if (request.method !== 'GET') return refuseUpgrade(socket, 405, texts.methodNotAllowed);
+    if (request.headers.origin !== `http://${request.headers.host}`) return refuseUpgrade(socket, 403, texts.foreignOrigin);
+    const problem = handshakeProblem(request);
+    if (problem === 'version') return refuseUpgrade(socket, 426, texts.notWebSocket, { 'Sec-WebSocket-Version': '13' });
+    if (problem) return refuseUpgrade(socket, 400, texts.notWebSocket);
+    try {
+      const wanted = url.searchParams.get('thread');
+      const at = url.searchParams.has('at') ? Number(url.searchParams.get('at')) : NaN;
+      const thread = wanted && THREAD_ID.test(wanted) ? desk.thread(wanted, undefined, Number.isSafeInteger(at) ? at : undefined) : null;
+      const hello = { type: 'hello' as const, service: deps.service(), ...desk.firstListPage(), thread };
+      hub.subscribe(new PageSocket(request, socket, head), thread?.id ?? null, hello);
+    } catch (error) {
+      deps.complain(`event stream ${request.url} failed: ${error instanceof Error ? error.stack : String(error)}`);
+      socket.destroy();
+      return;
+    }
+    deps.pageConnected();
   };
 }
