@@ -269,6 +269,8 @@ const laterObserver = new IntersectionObserver((entries) => {
 }, { root: ui.scroller, rootMargin: '0px 0px 600px 0px' });
 laterObserver.observe(bottomSentinel);
 
+const FRAME_BUDGET_MS = 12;
+
 /** Fetches and draws the turns before the earliest drawn, keeping what the reader sees where it is. */
 async function drawEarlier() {
   const thread = state.open;
@@ -279,13 +281,21 @@ async function drawEarlier() {
     if (!answer.ok || state.open !== thread) return;
     /** @type {{ turns: Turn[], earlier: boolean }} */
     const { turns, earlier } = await answer.json();
-    const fromBottom = ui.scroller.scrollHeight - ui.scroller.scrollTop;
-    const fragment = document.createDocumentFragment();
-    for (const turn of turns) fragment.append(drawTurn(turn));
-    topSentinel.after(fragment);
+    // Newest first, beside what the reader sees, a frame's worth at a time: drawing a whole page
+    // of turns at once blocks scrolling for longer than a reader will wait.
+    let began = performance.now();
+    for (const turn of turns.toReversed()) {
+      if (performance.now() - began > FRAME_BUDGET_MS) {
+        await new Promise((resolve) => requestAnimationFrame(resolve));
+        if (state.open !== thread) return;
+        began = performance.now();
+      }
+      const fromBottom = ui.scroller.scrollHeight - ui.scroller.scrollTop;
+      topSentinel.after(drawTurn(turn));
+      ui.scroller.scrollTop = ui.scroller.scrollHeight - fromBottom;
+    }
     earliest = earlier && turns.length > 0 ? turns[0].position : null;
     if (earliest === null) topSentinel.remove();
-    ui.scroller.scrollTop = ui.scroller.scrollHeight - fromBottom;
   } finally {
     fetchingEarlier = false;
   }
