@@ -1,6 +1,8 @@
 // @ts-check
 // Code blocks in answers: coloured by language and given a copy button, once each, when their
 // block has settled; colouring a block that is still growing would redo the work on every delta.
+// A block is coloured when it comes near the view: a long thread scrolled through holds far more
+// code than anyone looks at, and colouring all of it as it is drawn made scrolling stall.
 import hljs from './vendor/highlight.js/highlight.min.js';
 import { safeFragment } from './sanitize.js';
 
@@ -30,6 +32,14 @@ function colour(code) {
   code.classList.add('hljs');
 }
 
+const nearView = new IntersectionObserver((entries) => {
+  for (const entry of entries) {
+    if (!entry.isIntersecting) continue;
+    nearView.unobserve(entry.target);
+    colour(/** @type {HTMLElement} */ (entry.target));
+  }
+}, { rootMargin: '600px 0px' });
+
 /**
  * Colours the code blocks under root that are not yet, and puts each in a box with a copy button.
  * @param {ParentNode} root
@@ -38,7 +48,7 @@ export function decorateCode(root) {
   for (const code of root.querySelectorAll('pre > code')) {
     const pre = /** @type {HTMLElement} */ (code.parentElement);
     if (pre.parentElement?.classList.contains('code-block')) continue;
-    colour(/** @type {HTMLElement} */ (code));
+    nearView.observe(code);
     const box = document.createElement('div');
     box.className = 'code-block';
     const button = document.createElement('button');
