@@ -82,6 +82,7 @@ try {
   await page.locator('.search-result').filter({ hasText: '两种主要的日志模式' }).click();
   await page.locator('.turn.found').waitFor();
   await page.screenshot({ path: join(shots, 'workspace-search.png') });
+  await page.fill('#search', '');
 
   // Mathematics and code, in the light and the dark look; then a window as narrow as a phone's.
   await page.click('#new-thread');
