@@ -31,7 +31,7 @@ cp "$modules/dompurify/dist/purify.min.js" "$vendor/dompurify/"
 cp "$modules/dompurify/LICENSE" "$vendor/dompurify/LICENSE.txt"
 # KaTeX writes MathML only (its HTML output needs style attributes the page's policy refuses), so
 # neither its style sheet nor its fonts are loaded: the browser draws MathML with a system math font.
-cp "$modules/katex/dist/katex.mjs" "$vendor/katex/"
+cp "$modules/katex/dist/katex.min.js" "$vendor/katex/"
 cp "$modules/katex/LICENSE" "$vendor/katex/LICENSE.txt"
 # The build with the common languages, as an ES module; a light and a dark theme.
 cp "$modules/@highlightjs/cdn-assets/es/highlight.min.js" "$vendor/highlight.js/"

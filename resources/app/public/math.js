@@ -2,7 +2,11 @@
 // Mathematics in answers, as models write it: $…$ and \(…\) inline, $$…$$ and \[…\] displayed.
 // KaTeX writes MathML only: its HTML output positions every glyph with a style attribute, which
 // the page's policy refuses; MathML needs none, and the browser lays it out with a math font.
-import katex from './vendor/katex/katex.mjs';
+// KaTeX's minified browser build: loaded for its effect, it puts katex on the global object.
+import './vendor/katex/katex.min.js';
+
+/** The part of KaTeX used here. @type {{ renderToString(source: string, options: object): string }} */
+const katex = /** @type {any} */ (globalThis).katex;
 
 /**
  * @typedef {{ content: string, markup: string, info: string, map: [number, number] | null, block: boolean }} MathToken
