@@ -4,7 +4,7 @@
 import { join } from 'node:path';
 import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type ResponsesRequest } from '../tests/workspace/support/standin.ts';
 import { Launcher, Sandbox, WORKSPACE } from '../tests/workspace/support/launcher.ts';
-import { launchBrowser, openPage } from '../tests/workspace/support/browser.ts';
+import { launchBrowser, openPage, type Page } from '../tests/workspace/support/browser.ts';
 import { SOURCE } from '../tests/workspace/support/service.ts';
 import { startSignInStandIn } from '../tests/workspace/support/signin-standin.ts';
 
@@ -60,23 +60,26 @@ function script(request: ResponsesRequest) {
   return reply.answer('好的。');
 }
 
+/** Asks in the open page and waits for the whole answer. */
+async function answered(page: Page, question: string) {
+  await page.fill('#question', question);
+  await page.press('#question', 'Enter');
+  await page.locator('.turn-foot').getByText('本轮用量').waitFor();
+}
+
 const standIn = await startStandIn(script);
 const browser = await launchBrowser();
 try {
   const sandbox = new Sandbox((folder) => codexHome(standIn, { folder }));
   const launcher = await Launcher.ready(sandbox);
   const { page } = await openPage(browser, WORKSPACE, { width: 1280, height: 860 });
-  await page.fill('#question', '比较 SQLite 的 WAL 模式和回滚日志模式，哪种更适合保存研究记录？');
-  await page.press('#question', 'Enter');
-  await page.locator('.turn-foot').getByText('本轮用量').waitFor();
+  await answered(page, '比较 SQLite 的 WAL 模式和回滚日志模式，哪种更适合保存研究记录？');
   await page.locator('.command summary').click();
   await page.locator('#question').blur();
   await page.screenshot({ path: join(shots, 'workspace-thread.png') });
   // Search over both threads, its hit in the answer opened.
   await page.click('#new-thread');
-  await page.fill('#question', '检查点多久发生一次？wal 文件会一直变大吗？');
-  await page.press('#question', 'Enter');
-  await page.locator('.turn-foot').getByText('本轮用量').waitFor();
+  await answered(page, '检查点多久发生一次？wal 文件会一直变大吗？');
   await page.fill('#search', 'wal');
   await page.locator('.search-result').nth(2).waitFor();
   await page.locator('.search-result').filter({ hasText: '两种主要的日志模式' }).click();
@@ -87,9 +90,7 @@ try {
   // Mathematics and code, in the light and the dark look; then a window as narrow as a phone's.
   await page.click('#new-thread');
   await page.locator('#welcome').waitFor();
-  await page.fill('#question', '推导圆的面积公式，并给出计算它的代码');
-  await page.press('#question', 'Enter');
-  await page.locator('.turn-foot').getByText('本轮用量').waitFor();
+  await answered(page, '推导圆的面积公式，并给出计算它的代码');
   await page.locator('#keys summary').click();
   await page.locator('#question').blur();
   await page.screenshot({ path: join(shots, 'workspace-reading-light.png') });

@@ -239,35 +239,53 @@ function showWantedTurn() {
   view.node.classList.add('found');
 }
 
+/**
+ * The turns before or after a position, for the thread still open once they come; null otherwise.
+ * @param {string} thread @param {string} query
+ */
+async function turnsOf(thread, query) {
+  const answer = await fetch(`/api/threads/${encodeURIComponent(thread)}/turns?${query}`);
+  if (!answer.ok || state.open !== thread) return null;
+  return answer.json();
+}
+
+/**
+ * Draws more whenever the sentinel comes near the view, and again while it stays there: a short
+ * page may not push it out.
+ * @param {HTMLElement} sentinel @param {() => Promise<void>} draw @param {string} rootMargin
+ */
+function drawNear(sentinel, draw, rootMargin) {
+  const observer = new IntersectionObserver((entries) => {
+    if (!entries.some((entry) => entry.isIntersecting)) return;
+    void draw().then(() => {
+      if (!sentinel.isConnected) return;
+      observer.unobserve(sentinel);
+      observer.observe(sentinel);
+    });
+  }, { root: ui.scroller, rootMargin });
+  observer.observe(sentinel);
+}
+
 /** Fetches and draws the turns after the latest drawn; the reader's view stays where it is. */
 async function drawLater() {
   const thread = state.open;
   if (latest === null || fetchingLater || !thread) return;
   fetchingLater = true;
   try {
-    const answer = await fetch(`/api/threads/${encodeURIComponent(thread)}/turns?after=${latest}`);
-    if (!answer.ok || state.open !== thread) return;
-    /** @type {{ turns: Turn[], later: boolean }} */
-    const { turns, later } = await answer.json();
+    /** @type {{ turns: Turn[], later: boolean } | null} */
+    const page = await turnsOf(thread, `after=${latest}`);
+    if (!page) return;
     const fragment = document.createDocumentFragment();
-    for (const turn of turns) fragment.append(drawTurn(turn));
+    for (const turn of page.turns) fragment.append(drawTurn(turn));
     bottomSentinel.before(fragment);
-    latest = later && turns.length > 0 ? turns[turns.length - 1].position : null;
+    latest = page.later && page.turns.length > 0 ? page.turns[page.turns.length - 1].position : null;
     if (latest === null) bottomSentinel.remove();
   } finally {
     fetchingLater = false;
   }
 }
 
-const laterObserver = new IntersectionObserver((entries) => {
-  if (entries.some((entry) => entry.isIntersecting)) void drawLater().then(() => {
-    if (latest !== null && bottomSentinel.isConnected) {
-      laterObserver.unobserve(bottomSentinel);
-      laterObserver.observe(bottomSentinel);
-    }
-  });
-}, { root: ui.scroller, rootMargin: '0px 0px 600px 0px' });
-laterObserver.observe(bottomSentinel);
+drawNear(bottomSentinel, drawLater, '0px 0px 600px 0px');
 
 const FRAME_BUDGET_MS = 12;
 
@@ -277,10 +295,10 @@ async function drawEarlier() {
   if (earliest === null || fetchingEarlier || !thread) return;
   fetchingEarlier = true;
   try {
-    const answer = await fetch(`/api/threads/${encodeURIComponent(thread)}/turns?before=${earliest}`);
-    if (!answer.ok || state.open !== thread) return;
-    /** @type {{ turns: Turn[], earlier: boolean }} */
-    const { turns, earlier } = await answer.json();
+    /** @type {{ turns: Turn[], earlier: boolean } | null} */
+    const page = await turnsOf(thread, `before=${earliest}`);
+    if (!page) return;
+    const { turns, earlier } = page;
     // Newest first, beside what the reader sees, a frame's worth at a time: drawing a whole page
     // of turns at once blocks scrolling for longer than a reader will wait.
     let began = performance.now();
@@ -301,16 +319,7 @@ async function drawEarlier() {
   }
 }
 
-// Fetching again while the sentinel stays in view: a short page may not push it out.
-const earlierObserver = new IntersectionObserver((entries) => {
-  if (entries.some((entry) => entry.isIntersecting)) void drawEarlier().then(() => {
-    if (earliest !== null && topSentinel.isConnected) {
-      earlierObserver.unobserve(topSentinel);
-      earlierObserver.observe(topSentinel);
-    }
-  });
-}, { root: ui.scroller, rootMargin: '600px 0px 0px 0px' });
-earlierObserver.observe(topSentinel);
+drawNear(topSentinel, drawEarlier, '600px 0px 0px 0px');
 
 // Following the answer: the view stays at the end while the reader is there, and stays put
 // when they have scrolled up to read.
