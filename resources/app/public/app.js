@@ -346,7 +346,7 @@ function receive(event) {
     case 'hello':
       drawService(event.service);
       if (state.open && !event.thread) {
-        ui.error.textContent = '找不到这个研究线程，它可能已被删除。';
+        ui.error.textContent = event.notice ?? '';
         state.open = null;
         history.replaceState(null, '', location.pathname);
       }

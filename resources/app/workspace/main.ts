@@ -7,7 +7,7 @@ import type { IncomingMessage, ServerResponse } from 'node:http';
 import type { Duplex } from 'node:stream';
 import { CodexAppServer } from './codex/appServer.ts';
 import { endThreadCommands, killSurvivors, treeOf } from './codex/commands.ts';
-import { ResearchDesk, describeStorage } from './research/desk.ts';
+import { QUESTION_LIMIT_BYTES, ResearchDesk, TITLE_LIMIT, describeStorage } from './research/desk.ts';
 import { StoreError, ThreadStore } from './store/store.ts';
 import { EventHub } from './http/events.ts';
 import { PeerGate } from './http/security.ts';
@@ -19,7 +19,8 @@ import { texts } from './texts.ts';
 import { AccountDesk } from './account/accountDesk.ts';
 import type { Account, Choice, ModelOption, ServiceState } from './model.ts';
 import { readModels, resolveChoice } from './codex/models.ts';
-import { sweepDrafts } from './files/uploads.ts';
+import { ATTACHMENT_LIMIT, FILE_LIMIT_BYTES, FILE_LIMIT_TEXT, sweepDrafts } from './files/uploads.ts';
+import { SEARCH_MAX_LENGTH } from './store/search.ts';
 import { RpcError } from './codex/rpc.ts';
 import { Refusal } from './refusal.ts';
 
@@ -77,7 +78,17 @@ export function startWorkspace(boot: Boot): Workspace {
     limits: null,
     storage: problem,
     about: {
+      version: boot.version,
       address: `http://127.0.0.1:${boot.port}/`, dataFolder, codexPath: command, node: process.version, startedAt: boot.startedAt,
+    },
+    rules: {
+      titleChars: TITLE_LIMIT, fileBytes: FILE_LIMIT_BYTES, attachments: ATTACHMENT_LIMIT, searchChars: SEARCH_MAX_LENGTH,
+      questionBytes: QUESTION_LIMIT_BYTES,
+      refusals: {
+        titleTooLong: texts.titleTooLong(TITLE_LIMIT), fileTooLarge: texts.fileTooLarge(FILE_LIMIT_TEXT),
+        tooManyFiles: texts.tooManyFiles(ATTACHMENT_LIMIT), searchTooLong: texts.searchTooLong(SEARCH_MAX_LENGTH),
+        questionTooLong: texts.tooLarge,
+      },
     },
   };
   const publishService = () => hub.publish({ type: 'service', service: state });

@@ -154,11 +154,26 @@ export interface UsageLimits {
 }
 
 export interface About {
+  /** The workspace's version: the package's, the health answer's and the one Codex is told. */
+  version: string;
   address: string;
   dataFolder: string;
   codexPath: string;
   node: string;
   startedAt: number;
+}
+
+/**
+ * The service's limits, which a page checks input against before sending it, with the service's
+ * own sentences for them: the page keeps neither a copy of a number nor of a sentence.
+ */
+export interface Rules {
+  titleChars: number;
+  fileBytes: number;
+  attachments: number;
+  searchChars: number;
+  questionBytes: number;
+  refusals: { titleTooLong: string; fileTooLarge: string; tooManyFiles: string; searchTooLong: string; questionTooLong: string };
 }
 
 export interface ServiceState {
@@ -169,6 +184,7 @@ export interface ServiceState {
   /** Why the store cannot keep what happens now; null while it can. */
   storage: string | null;
   about: About;
+  rules: Rules;
 }
 
 /** What a page's event stream carries, in order. */
@@ -177,6 +193,8 @@ export type PageEvent =
     type: 'hello'; service: ServiceState; threads: ThreadSummary[]; thread: Thread | null;
     /** threads holds the pinned ones and the newest page of the rest; moreThreads: older ones are left to fetch. */
     moreThreads?: boolean;
+    /** Why the thread the page asked for is not there (it was deleted), in one sentence. */
+    notice?: string;
   }
   | { type: 'service'; service: ServiceState }
   | { type: 'threadSummary'; thread: ThreadSummary }

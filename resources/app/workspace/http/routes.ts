@@ -162,7 +162,8 @@ export function createUpgrade(deps: RouteDeps): (request: IncomingMessage, socke
       const wanted = url.searchParams.get('thread');
       const at = url.searchParams.has('at') ? Number(url.searchParams.get('at')) : NaN;
       const thread = wanted && THREAD_ID.test(wanted) ? desk.thread(wanted, undefined, Number.isSafeInteger(at) ? at : undefined) : null;
-      const hello = { type: 'hello' as const, service: deps.service(), ...desk.firstListPage(), thread };
+      const notice = wanted && !thread ? { notice: texts.noSuchThread } : {};
+      const hello = { type: 'hello' as const, service: deps.service(), ...desk.firstListPage(), thread, ...notice };
       hub.subscribe(new PageSocket(request, socket, head), thread?.id ?? null, hello);
     } catch (error) {
       deps.complain(`event stream ${request.url} failed: ${error instanceof Error ? error.stack : String(error)}`);
