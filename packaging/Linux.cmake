@@ -21,7 +21,12 @@ install(FILES ${CMAKE_SOURCE_DIR}/packaging/lanternmoor-pro.desktop DESTINATION 
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/lanternmoor-pro.svg
   DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
 
-# What Debian asks of every package's documentation: the copyright, and a compressed changelog.
+# What Debian asks of every package's documentation: the copyright, and a compressed changelog,
+# whose newest entry is the version being packaged.
+file(STRINGS ${CMAKE_SOURCE_DIR}/packaging/debian/changelog LM_CHANGELOG_HEAD LIMIT_COUNT 1)
+if(NOT LM_CHANGELOG_HEAD MATCHES "^lanternmoor-pro \\(${PROJECT_VERSION}\\) ")
+  message(FATAL_ERROR "packaging/debian/changelog has no entry for ${PROJECT_VERSION} at its top")
+endif()
 set(LM_CHANGELOG ${CMAKE_BINARY_DIR}/packaging/changelog.gz)
 add_custom_command(OUTPUT ${LM_CHANGELOG}
   COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/packaging

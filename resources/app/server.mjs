@@ -11,9 +11,12 @@
 // that come before it is loaded wait for it.
 
 import { createServer, STATUS_CODES } from 'node:http';
+import { readFileSync } from 'node:fs';
+import { entryTexts } from './workspace/entryTexts.mjs';
 
 const APP_ID = 'lanternmoor-local-pro';
-const VERSION = '0.3.0';
+// The package's version is the one version: the build reads it too, for the installed package's.
+const { version: VERSION } = JSON.parse(readFileSync(new URL('./package.json', import.meta.url), 'utf8'));
 const HOST = '127.0.0.1';
 const DEFAULT_PORT = 18765;
 // The launcher waits 3 s after SIGTERM; everything is stopped well before that.
@@ -55,6 +58,7 @@ function healthBody() {
     pid: process.pid,
     startedAt: new Date(startedAt).toISOString().replace(/\.\d{3}Z$/, 'Z'),
     node: process.version,
+    version: VERSION,
   });
 }
 
@@ -93,12 +97,12 @@ function load() {
 
 function handle(req, res) {
   if (!hostAllowed(req.headers.host)) {
-    send(req, res, 421, JSON.stringify({ error: '只接受通过 127.0.0.1 或 localhost 访问工作区。' }));
+    send(req, res, 421, JSON.stringify({ error: entryTexts.foreignHost }));
     return;
   }
   if ((req.url ?? '').split('?')[0] === '/api/health') {
     if (req.method === 'GET' || req.method === 'HEAD') send(req, res, 200, healthBody());
-    else send(req, res, 405, JSON.stringify({ error: '不支持这种请求方式。' }), { Allow: 'GET, HEAD' });
+    else send(req, res, 405, JSON.stringify({ error: entryTexts.methodNotAllowed }), { Allow: 'GET, HEAD' });
     res.once('finish', () => setImmediate(load));
     return;
   }
@@ -108,7 +112,7 @@ function handle(req, res) {
   }
   load().then(
     (loaded) => loaded.handle(req, res),
-    () => send(req, res, 503, JSON.stringify({ error: '工作区没能加载，详情见数据文件夹中的运行日志。' })),
+    () => send(req, res, 503, JSON.stringify({ error: entryTexts.notLoaded })),
   );
 }
 
@@ -121,12 +125,12 @@ function upgrade(req, socket, head) {
       + `Content-Length: ${body.length}\r\nConnection: close\r\n\r\n${body}`);
   };
   if (!hostAllowed(req.headers.host)) {
-    refuse(421, '只接受通过 127.0.0.1 或 localhost 访问工作区。');
+    refuse(421, entryTexts.foreignHost);
     return;
   }
   load().then(
     (loaded) => loaded.upgrade(req, socket, head),
-    () => refuse(503, '工作区没能加载，详情见数据文件夹中的运行日志。'),
+    () => refuse(503, entryTexts.notLoaded),
   ).catch((error) => {
     complain(`a page's event stream failed: ${error?.stack ?? error}`);
     socket.destroy();
