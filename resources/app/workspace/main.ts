@@ -7,28 +7,32 @@ import type { IncomingMessage, ServerResponse } from 'node:http';
 import type { Duplex } from 'node:stream';
 import { CodexAppServer } from './codex/appServer.ts';
 import { endThreadCommands, killSurvivors, treeOf } from './codex/commands.ts';
-import { QUESTION_LIMIT_BYTES, ResearchDesk, TITLE_LIMIT, describeStorage } from './research/desk.ts';
+import { routeNotifications } from './codex/protocol.ts';
+import { Models } from './codex/models.ts';
+import { QUESTION_LIMIT_BYTES, ResearchDesk } from './research/desk.ts';
+import { TITLE_LIMIT } from './research/threads.ts';
+import { describeStorage } from './research/storage.ts';
 import { StoreError, ThreadStore } from './store/store.ts';
 import { EventHub } from './http/events.ts';
 import { PeerGate } from './http/security.ts';
 import { systemLookup } from './http/peer.ts';
 import { StaticFiles } from './http/static.ts';
-import { createRoutes, createUpgrade, type RouteDeps } from './http/routes.ts';
+import { createRoutes } from './http/routes.ts';
+import { createUpgrade } from './http/upgrade.ts';
+import { sentenceOf } from './http/refusals.ts';
 import { systemClock, type Clock } from './clock.ts';
 import { texts } from './texts.ts';
 import { AccountDesk } from './account/accountDesk.ts';
-import type { Account, Choice, ModelOption, ServiceState } from './model.ts';
-import { readModels, resolveChoice } from './codex/models.ts';
-import { ATTACHMENT_LIMIT, FILE_LIMIT_BYTES, FILE_LIMIT_TEXT, sweepDrafts } from './files/uploads.ts';
+import type { ServiceState } from './model.ts';
+import { ATTACHMENT_LIMIT, FILE_LIMIT_BYTES } from './files/uploads.ts';
+import { sweepDrafts } from './files/drafts.ts';
 import { SEARCH_MAX_LENGTH } from './store/search.ts';
-import { RpcError } from './codex/rpc.ts';
-import { Refusal } from './refusal.ts';
 
 export interface Boot {
   port: number;
   startedAt: number;
   env: NodeJS.ProcessEnv;
-  /** The service's version, which Codex is told as the client's. */
+  /** The service's version (the package's), which Codex is told as the client's. */
   version: string;
   say(line: string): void;
   complain(line: string): void;
@@ -68,8 +72,6 @@ export function startWorkspace(boot: Boot): Workspace {
   const command = env.LANTERNMOOR_CODEX_PATH ?? '';
   const { store, problem } = openStore(dataFolder, boot.say);
   sweepDrafts(dataFolder, Date.now());
-  /** What Codex offered when a page last asked; it decides what a thread's choice comes to. */
-  let catalog: { models: ModelOption[]; codexDefault: Choice } | null = null;
   const hub = new EventHub();
   const state: ServiceState = {
     codex: { state: 'idle', version: null },
@@ -85,9 +87,8 @@ export function startWorkspace(boot: Boot): Workspace {
       titleChars: TITLE_LIMIT, fileBytes: FILE_LIMIT_BYTES, attachments: ATTACHMENT_LIMIT, searchChars: SEARCH_MAX_LENGTH,
       questionBytes: QUESTION_LIMIT_BYTES,
       refusals: {
-        titleTooLong: texts.titleTooLong(TITLE_LIMIT), fileTooLarge: texts.fileTooLarge(FILE_LIMIT_TEXT),
-        tooManyFiles: texts.tooManyFiles(ATTACHMENT_LIMIT), searchTooLong: texts.searchTooLong(SEARCH_MAX_LENGTH),
-        questionTooLong: texts.tooLarge,
+        titleTooLong: sentenceOf('titleTooLong'), fileTooLarge: sentenceOf('fileTooLarge'),
+        tooManyFiles: sentenceOf('tooManyFiles'), searchTooLong: sentenceOf('searchTooLong'), questionTooLong: sentenceOf('tooLarge'),
       },
     },
   };
@@ -98,16 +99,20 @@ export function startWorkspace(boot: Boot): Workspace {
     onState: (codexState) => {
       state.codex = codexState;
       publishService();
-      if (codexState.state === 'ready') void account.refresh();
+      if (codexState.state !== 'ready') return;
+      void account.refresh();
+      models.refresh().catch(() => {});
     },
-    onNotification: (method, params) => {
-      if (!account.onNotification(method, params)) desk.onNotification(method, params);
-    },
+    onNotification: routeNotifications({
+      account: (notification) => account.onNotification(notification),
+      turn: (notification) => desk.turns.onNotification(notification),
+    }),
     onExit: () => {
       account.onCodexExit();
-      desk.onCodexExit();
+      desk.turns.onCodexExit();
     },
   });
+  const models = new Models(codex);
 
   const account = new AccountDesk({
     codex, clock,
@@ -120,8 +125,11 @@ export function startWorkspace(boot: Boot): Workspace {
   const desk = new ResearchDesk({
     store, codex, dataFolder, clock,
     publish: (event) => hub.publish(event),
-    endCommands: (pid, threadId) => endThreadCommands(pid, threadId, clock),
-    resolveChoice: (choice) => resolveChoice(choice, catalog),
+    endCommands: async (threadId) => {
+      const pid = codex.pid;
+      if (pid !== null) await endThreadCommands(pid, threadId, clock);
+    },
+    resolveChoice: (choice) => models.resolve(choice),
     reportStorage: (error) => {
       const next = problem ?? (error ? describeStorage(error) : null);
       if (error) boot.complain(`writing to the store failed: ${error.message}`);
@@ -131,8 +139,14 @@ export function startWorkspace(boot: Boot): Workspace {
     },
   });
 
-  const routeDeps: RouteDeps = {
-    desk, account, hub, files: new StaticFiles(PUBLIC), gate: new PeerGate(systemLookup, process.getuid?.() ?? -1),
+  const gate = new PeerGate(systemLookup, process.getuid?.() ?? -1);
+  const handle = createRoutes({
+    desk, account, models, gate, files: new StaticFiles(PUBLIC), complain: boot.complain,
+    uploads: { dataFolder, threadFolder: (id) => desk.threads.place(id)?.folder ?? null },
+    lastChoice: () => store.lastChoice(),
+  });
+  const upgrade = createUpgrade({
+    threads: desk.threads, hub, gate, complain: boot.complain,
     service: () => state,
     pageConnected: () => {
       if (state.codex.state === 'starting') return;
@@ -144,29 +158,17 @@ export function startWorkspace(boot: Boot): Workspace {
       // a signed-out one is started anew on a page's reload, unless something runs through it:
       // a turn, or a sign-in from a page, whose callback listener would go with it.
       const signedOut = state.account?.signedIn === false && state.account.requiresSignIn;
-      if (signedOut && !desk.busy && !account.signingIn) codex.restart().catch(() => {});
+      if (signedOut && !desk.turns.busy && !account.signingIn) codex.restart().catch(() => {});
       else void account.refresh();
     },
-    complain: boot.complain,
-    models: async () => {
-      try {
-        catalog = await readModels(codex);
-      } catch (error) {
-        const reason = error instanceof RpcError ? texts.codexError(error.message) : error instanceof Error ? error.message : String(error);
-        throw new Refusal(503, texts.modelsUnavailable(reason));
-      }
-      return { ...catalog, last: store.lastChoice() };
-    },
-    uploads: { dataFolder, threadFolder: (id) => store.codexPlace(id)?.folder ?? null },
-  };
-  const handle = createRoutes(routeDeps);
+  });
 
   return {
     handle,
-    upgrade: createUpgrade(routeDeps),
+    upgrade,
     async stop() {
       hub.closeAll();
-      await desk.shutdown();
+      await desk.turns.shutdown();
       // Whatever Codex started and its end does not take along is ended after it.
       const pid = codex.pid;
       const tree = pid === null ? [] : await treeOf(pid).catch(() => []);

@@ -1,8 +1,27 @@
-// A request the workspace will not carry out, with the HTTP status and the sentence the page shows.
+// What the workspace will not do, and why. Whoever refuses names the reason only: the HTTP edge
+// (http/refusals.ts) alone turns it into a status and a sentence.
+export type RefusalReason =
+  // The request itself.
+  | 'notFound' | 'methodNotAllowed' | 'notJson' | 'needsJson' | 'tooLarge' | 'foreignOrigin' | 'foreignUser'
+  | 'notWebSocket' | 'badHandshake' | 'fileNeedsBytes' | 'badPosition' | 'badChoice' | 'badSignInMethod' | 'needsFlag'
+  // Threads and their questions.
+  | 'emptyQuestion' | 'noSuchThread' | 'turnRunning' | 'stopping' | 'emptyTitle' | 'titleTooLong' | 'renamedElsewhere'
+  | 'deleteWhileUnsaved' | 'searchTooLong'
+  // Files a question brings.
+  | 'fileTooLarge' | 'fileNameMissing' | 'fileNameUnreadable' | 'fileNameEmpty' | 'fileNameHasSlash'
+  | 'fileNameHasControl' | 'fileNameReserved' | 'fileNameTooLong' | 'fileMissing' | 'tooManyFiles' | 'folderUnsafe'
+  | 'badDraft'
+  // Codex.
+  | 'signOutFailed' | 'modelsUnavailable';
+
 export class Refusal extends Error {
-  readonly status: number;
-  constructor(status: number, message: string) {
-    super(message);
-    this.status = status;
+  readonly reason: RefusalReason;
+  /** What the sentence names: the title another page gave, the missing file, Codex's own words. */
+  readonly detail: string;
+
+  constructor(reason: RefusalReason, detail = '') {
+    super(detail === '' ? reason : `${reason}: ${detail}`);
+    this.reason = reason;
+    this.detail = detail;
   }
 }

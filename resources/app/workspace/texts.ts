@@ -1,6 +1,9 @@
-// Every sentence the page shows that the service writes, in one place.
+// Every sentence the service writes, in one place: what the page shows, and what Codex is told
+// beside a question.
+import { entryTexts } from './entryTexts.mjs';
 
 export const texts = {
+  ...entryTexts,
   codexMissing: (path: string) => `找不到 Codex 命令行工具（${path}）：请先安装 Codex，然后再提问。`,
   codexNotExecutable: (path: string) => `Codex 命令行工具（${path}）无法运行：请检查它的执行权限，或重新安装 Codex。`,
   codexNoPath: '没有收到 Codex 命令行工具的位置：请从 Lanternmoor Pro 启动工作区。',
@@ -9,6 +12,9 @@ export const texts = {
   codexUnknownVersion: '无法识别这个 Codex 的版本：请重新安装 Codex，然后再提问。',
   codexDidNotStart: (detail: string) => `Codex 没能启动（${detail}）：请在终端运行 codex 检查它是否正常，然后再提问。`,
   codexExited: (detail: string) => `Codex 意外退出（${detail}），下一个问题会重新启动它。`,
+  exitCode: (code: number | null) => `退出码 ${code}`,
+  exitSignal: (signal: string) => `信号 ${signal}`,
+  codexSilent: '启动后没有回应',
   turnCutByCodexExit: 'Codex 意外退出，回答被中断；再提问会重新启动 Codex。',
   turnCutByServiceEnd: '工作区服务停止时这个回答还没有完成。',
   retrying: '连接模型服务时出错，Codex 正在重试……',
@@ -31,6 +37,9 @@ export const texts = {
   signInCodexExited: 'Codex 在登录过程中退出了：请重新登录。',
   signOutFailed: (detail: string) => `退出登录没有成功：${detail}`,
   badSignInMethod: '不支持这种登录方式。',
+  signInUnknownReason: '未知原因',
+  apiKeyAccount: 'API 密钥',
+  accountLabel: (who: string, plan: string | null) => (plan ? `${who}（${plan}）` : who),
   // Answers to refused requests.
   notJson: '请求的内容不是有效的 JSON。',
   needsJson: '请求必须以 JSON 格式发送。',
@@ -43,7 +52,6 @@ export const texts = {
   notFound: '没有这个地址。',
   badPosition: '要读取的位置不对。',
   searchTooLong: (limit: number) => `搜索内容太长了：请不要超过 ${limit} 个字符。`,
-  methodNotAllowed: '不支持这种请求方式。',
   notWebSocket: '这个地址只接受 WebSocket 连接。',
   storeUnavailable: (reason: string) => `现在无法保存新的问题：${reason}`,
   stopping: '工作区服务正在停止。',
@@ -79,4 +87,8 @@ export const texts = {
   badChoice: '模型或推理强度的名称不对。',
   modelsUnavailable: (reason: string) => `现在无法读取 Codex 提供的模型：${reason}`,
   internal: (detail: string) => `工作区服务出错（${detail}），详情见数据文件夹中的运行日志。`,
+  // What Codex is told beside the question: files it was given, and a thread it no longer has.
+  attachmentNote: (names: readonly string[]) => `\n\n（用户附带了这些文件，已放在当前文件夹中：${names.map((name) => `“${name}”`).join('、')}）`,
+  transcriptTurn: (question: string, answer: string) => `问：${question}\n\n答：${answer}`,
+  transcript: (turns: readonly string[]) => `（以下是这个研究线程此前的对话，供你参考。）\n\n${turns.join('\n\n---\n\n')}\n\n---\n\n现在的问题：`,
 } as const;

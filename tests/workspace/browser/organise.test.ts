@@ -9,7 +9,7 @@ import { Launcher, WORKSPACE } from '../support/launcher.ts';
 import { ask, newThread, world } from '../support/world.ts';
 import { openPage, type Page } from '../support/browser.ts';
 import { ThreadStore } from '../../../resources/app/workspace/store/store.ts';
-import { LIST_PAGE } from '../../../resources/app/workspace/research/desk.ts';
+import { LIST_PAGE } from '../../../resources/app/workspace/research/threads.ts';
 
 function script(request: ResponsesRequest) {
   const output = commandOutput(request);

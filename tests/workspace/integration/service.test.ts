@@ -63,16 +63,17 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
       ['another origin', 'POST', '/api/threads', { question: 'hi' }, { origin: 'http://evil.example' }, 403, texts.foreignOrigin],
       ['no origin at all', 'POST', '/api/threads', { question: 'hi' }, { origin: '' }, 403, texts.foreignOrigin],
       ['a preflight', 'OPTIONS', '/api/threads', undefined, { origin: 'http://evil.example' }, 405, texts.methodNotAllowed],
-      ['another host name', 'GET', '/', undefined, { host: 'evil.example' }, 421, '只接受通过 127.0.0.1 或 localhost 访问工作区。'],
+      ['another host name', 'GET', '/', undefined, { host: 'evil.example' }, 421, texts.foreignHost],
       ['a path out of the page\'s folder', 'GET', '/%2e%2e/server.mjs', undefined, {}, 404, texts.notFound],
       ['search text over the limit', 'GET', `/api/search?q=${encodeURIComponent('字'.repeat(201))}`, undefined, {}, 400, texts.searchTooLong(200)],
       ['an event stream with no origin', 'GET', '/api/events', undefined, stream({ origin: '' }), 403, texts.foreignOrigin],
       ['an event stream for another origin', 'GET', '/api/events', undefined, stream({ origin: 'http://evil.example' }), 403, texts.foreignOrigin],
-      ['an event stream at another host name', 'GET', '/api/events', undefined, stream({ host: 'evil.example' }), 421, '只接受通过 127.0.0.1 或 localhost 访问工作区。'],
+      ['an event stream at another host name', 'GET', '/api/events', undefined, stream({ host: 'evil.example' }), 421, texts.foreignHost],
       ['an event stream of another version', 'GET', '/api/events', undefined, stream({ 'sec-websocket-version': '8' }), 426, texts.notWebSocket],
       ['an event stream not asked with GET', 'POST', '/api/events', undefined, stream(), 405, texts.methodNotAllowed],
       ['an event stream as a plain request', 'GET', '/api/events', undefined, {}, 426, texts.notWebSocket],
       ['turns after no position', 'GET', `/api/threads/${id}/turns?after=-1`, undefined, {}, 400, texts.badPosition],
+      ['a title that is not text', 'POST', `/api/threads/${id}/title`, { from: 'finished', title: 42 }, {}, 400, texts.emptyTitle],
     ];
     for (const [what, method, path, body, headers, status, message] of cases) {
       const answer = await service.request(method, path, body, headers);

@@ -46,13 +46,13 @@ test('each way a running browser sign-in ends: what Codex is told and the one se
     { name: 'timed out', end: ({ clock }) => clock.advance(SIGN_IN_LIMIT_MS), outcome: texts.signInTimedOut, cancelled: ['login-1'] },
     {
       name: 'failed at Codex',
-      end: ({ desk }) => void desk.onNotification('account/login/completed', { loginId: 'login-1', success: false, error: 'Token exchange failed' }),
+      end: ({ desk }) => void desk.onNotification({ method: 'account/login/completed', params: { loginId: 'login-1', success: false, error: 'Token exchange failed' } }),
       outcome: texts.signInFailed('Token exchange failed'), cancelled: [],
     },
     { name: 'Codex exited', end: ({ desk }) => desk.onCodexExit(), outcome: texts.signInCodexExited, cancelled: [] },
     {
       name: 'succeeded',
-      end: ({ desk }) => void desk.onNotification('account/login/completed', { loginId: 'login-1', success: true, error: null }),
+      end: ({ desk }) => void desk.onNotification({ method: 'account/login/completed', params: { loginId: 'login-1', success: true, error: null } }),
       outcome: null, cancelled: [],
     },
   ];
@@ -67,7 +67,7 @@ test('each way a running browser sign-in ends: what Codex is told and the one se
       assert.deepEqual(f.desk.view.signIn, ended(outcome));
       assert.deepEqual(f.codex.cancels(), cancelled);
       // Codex's own word on a sign-in already ended here changes nothing, nor does the clock.
-      f.desk.onNotification('account/login/completed', { loginId: 'login-1', success: false, error: 'Login was not completed' });
+      f.desk.onNotification({ method: 'account/login/completed', params: { loginId: 'login-1', success: false, error: 'Login was not completed' } });
       await f.clock.advance(SIGN_IN_LIMIT_MS);
       assert.deepEqual(f.desk.view.signIn, ended(outcome));
       assert.deepEqual(f.codex.cancels(), cancelled);
@@ -108,7 +108,7 @@ test('usage limits: a sparse update keeps the window it leaves out; a sign-out d
   codex.handlers['account/read'] = () => ({ account: { type: 'chatgpt', email: 'ada@example.com', planType: 'plus' }, requiresOpenaiAuth: true });
   codex.handlers['account/rateLimits/read'] = () => ({ rateLimits: { primary: window(10, 300), secondary: window(20, 10_080) } });
   await desk.refresh();
-  desk.onNotification('account/rateLimits/updated', { rateLimits: { primary: window(55, 300), secondary: null } });
+  desk.onNotification({ method: 'account/rateLimits/updated', params: { rateLimits: { primary: window(55, 300), secondary: null } } });
   assert.deepEqual(desk.view.limits, {
     primary: { usedPercent: 55, windowMinutes: 300, resetsAt: 1_000_000 },
     secondary: { usedPercent: 20, windowMinutes: 10_080, resetsAt: 1_000_000 },

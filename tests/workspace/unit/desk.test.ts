@@ -4,16 +4,17 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { statSync } from 'node:fs';
 import { join } from 'node:path';
-import { ResearchDesk, STOP_DEADLINE_MS } from '../../../resources/app/workspace/research/desk.ts';
+import { ResearchDesk, type Question } from '../../../resources/app/workspace/research/desk.ts';
+import { STOP_DEADLINE_MS } from '../../../resources/app/workspace/research/turns.ts';
 import { ThreadStore, StoreError } from '../../../resources/app/workspace/store/store.ts';
 import { RpcError } from '../../../resources/app/workspace/codex/rpc.ts';
+import { routeNotifications } from '../../../resources/app/workspace/codex/protocol.ts';
 import { VirtualClock, settle } from '../support/clock.ts';
 import { temporaryFolder } from '../support/service.ts';
 
 /** Codex as the test scripts it: each method answers, fails, or waits for the test. */
 class ScriptedCodex {
   calls: [string, any][] = [];
-  pid = 4242;
   #count = (method: string) => this.calls.filter(([m]) => m === method).length;
   handlers: Record<string, (params: any) => unknown> = {
     'thread/start': () => ({ thread: { id: `codex-${this.#count('thread/start')}` } }),
@@ -46,16 +47,19 @@ function deskFixture(options: { commit?: (write: () => void) => void; dataFolder
     store, codex, dataFolder, clock, publish: () => {}, endCommands: async () => {},
     reportStorage: (error) => storage.push(error ? error.reason : null),
   });
+  const route = routeNotifications({ account: () => {}, turn: (notification) => desk.turns.onNotification(notification) });
   /** Codex's notification for the turn it is running in this Codex thread. */
   const notify = (method: string, params: object, codexThread = 'codex-1', turn = 'turn-1') =>
-    desk.onNotification(method, { threadId: codexThread, turnId: turn, ...params });
-  const answers = (id: string) => desk.thread(id)!.turns.map((turn) => turn.items.map((item) => item.kind === 'answer' && item.text));
+    route(method, { threadId: codexThread, turnId: turn, ...params });
+  const answers = (id: string) => desk.threads.thread(id)!.turns.map((turn) => turn.items.map((item) => item.kind === 'answer' && item.text));
   return { desk, store: realStore, codex, clock, storage, dataFolder, notify, answers };
 }
 
+const asked = (text: string): Question => ({ text, attachments: [], draft: null, choice: null });
+
 test('a new thread: an owner-only folder, and a Codex thread working there that may write only there, asks nothing, searches live', async () => {
   const { desk, codex, dataFolder } = deskFixture();
-  const { thread } = desk.create('什么是 FTS5？');
+  const { thread } = desk.create(asked('什么是 FTS5？'));
   await settle();
   const folder = join(dataFolder, 'threads', thread.id);
   assert.equal(statSync(folder).mode & 0o777, 0o700);
@@ -71,14 +75,14 @@ test('a new thread: an owner-only folder, and a Codex thread working there that 
 
 test('a thread Codex no longer has is started afresh, with the thread so far before the question', async () => {
   const { desk, codex, notify } = deskFixture();
-  const { thread } = desk.create('first question');
+  const { thread } = desk.create(asked('first question'));
   await settle();
   notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } });
   notify('item/completed', { item: { type: 'agentMessage', id: 'a', text: 'first answer' } });
   notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
-  desk.onCodexExit();
+  desk.turns.onCodexExit();
   codex.handlers['thread/resume'] = () => { throw new RpcError(-32600, 'no rollout found for thread id codex-1'); };
-  desk.ask(thread.id, 'second question');
+  desk.ask(thread.id, asked('second question'));
   await settle();
   assert.deepEqual(codex.methods(), ['thread/start', 'turn/start', 'thread/resume', 'thread/start', 'turn/start']);
   const text: string = codex.calls.at(-1)![1].input[0].text;
@@ -90,26 +94,26 @@ test('a stop before Codex started the turn: the turn never starts', async () => 
   const { desk, codex } = deskFixture();
   let startThread!: (value: unknown) => void;
   codex.handlers['thread/start'] = () => new Promise((resolve) => { startThread = resolve; });
-  const { thread } = desk.create('never mind');
+  const { thread } = desk.create(asked('never mind'));
   await settle();
   await desk.stop(thread.id);
   startThread({ thread: { id: 'codex-1' } });
   await settle();
   assert.deepEqual(codex.methods(), ['thread/start']);
-  assert.equal(desk.thread(thread.id)!.turns[0]!.status, 'stopped');
+  assert.equal(desk.threads.thread(thread.id)!.turns[0]!.status, 'stopped');
 });
 
 test('a Codex that does not confirm a stop: the turn is stopped at the deadline, and what it sends later goes nowhere', async () => {
   const { desk, codex, clock, notify, answers } = deskFixture();
-  const { thread } = desk.create('hung');
+  const { thread } = desk.create(asked('hung'));
   await settle();
   codex.handlers['turn/interrupt'] = () => new Promise(() => {});
   void desk.stop(thread.id);
   await clock.advance(STOP_DEADLINE_MS - 1);
-  assert.equal(desk.thread(thread.id)!.running, true);
+  assert.equal(desk.threads.thread(thread.id)!.running, true);
   await clock.advance(1);
-  assert.equal(desk.thread(thread.id)!.turns[0]!.status, 'stopped');
-  desk.ask(thread.id, 'next');
+  assert.equal(desk.threads.thread(thread.id)!.turns[0]!.status, 'stopped');
+  desk.ask(thread.id, asked('next'));
   await settle();
   notify('item/started', { item: { type: 'agentMessage', id: 'late', text: 'from the old turn' } }, 'codex-1', 'turn-1');
   notify('item/started', { item: { type: 'agentMessage', id: 'new', text: 'from the new turn' } }, 'codex-1', 'turn-2');
@@ -121,7 +125,7 @@ test('while the disk is full the page still has the whole turn, and it is writte
   const { desk, store, storage, clock, notify, answers } = deskFixture({
     commit: (write) => { if (full) throw new StoreError('full', 'database or disk is full'); write(); },
   });
-  const { thread } = desk.create('q');
+  const { thread } = desk.create(asked('q'));
   await settle();
   full = true;
   notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } });
@@ -138,7 +142,7 @@ test('while the disk is full the page still has the whole turn, and it is writte
 
 test('a follow-up after a restart is not thrown by what Codex re-sends of the thread\'s earlier turns', async () => {
   const before = deskFixture();
-  const { thread } = before.desk.create('one');
+  const { thread } = before.desk.create(asked('one'));
   await settle();
   before.notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
   before.store.close();
@@ -151,11 +155,11 @@ test('a follow-up after a restart is not thrown by what Codex re-sends of the th
     notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } }, 'codex-1', 'turn-2');
     return { turn: { id: 'turn-2' } };
   };
-  desk.ask(thread.id, 'two');
+  desk.ask(thread.id, asked('two'));
   await settle();
   notify('item/agentMessage/delta', { itemId: 'a', delta: 'the answer' }, 'codex-1', 'turn-2');
   notify('turn/completed', { turn: { id: 'turn-2', status: 'completed', error: null } }, 'codex-1', 'turn-2');
   assert.deepEqual(codex.methods(), ['thread/resume', 'turn/start']);
-  const second = desk.thread(thread.id)!.turns[1]!;
+  const second = desk.threads.thread(thread.id)!.turns[1]!;
   assert.deepEqual([second.status, second.usage, second.items.map((item) => item.kind === 'answer' && item.text)], ['completed', null, ['the answer']]);
 });

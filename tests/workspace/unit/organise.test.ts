@@ -5,12 +5,11 @@ import assert from 'node:assert/strict';
 import { existsSync, mkdirSync, renameSync, symlinkSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { DatabaseSync } from 'node:sqlite';
-import { ResearchDesk } from '../../../resources/app/workspace/research/desk.ts';
+import { ResearchDesk, type Question } from '../../../resources/app/workspace/research/desk.ts';
 import { exportFileName, threadMarkdown } from '../../../resources/app/workspace/research/export.ts';
 import { ThreadStore } from '../../../resources/app/workspace/store/store.ts';
 import { migrations } from '../../../resources/app/workspace/store/migrations.ts';
-import { Refusal } from '../../../resources/app/workspace/refusal.ts';
-import { texts } from '../../../resources/app/workspace/texts.ts';
+import { Refusal, type RefusalReason } from '../../../resources/app/workspace/refusal.ts';
 import type { PageEvent, Turn } from '../../../resources/app/workspace/model.ts';
 import { VirtualClock, settle } from '../support/clock.ts';
 import { temporaryFolder } from '../support/service.ts';
@@ -20,7 +19,6 @@ function fixture() {
   const store = ThreadStore.open(join(dataFolder, 'workspace.db'));
   const calls: string[] = [];
   const codex = {
-    pid: 4242,
     async request<T>(method: string): Promise<T> {
       calls.push(method);
       return ({ 'thread/start': { thread: { id: 'codex-1' } }, 'turn/start': { turn: { id: 'turn-1' } } } as Record<string, unknown>)[method] as T;
@@ -34,38 +32,37 @@ function fixture() {
   return { desk, store, dataFolder, calls, events };
 }
 
-const refused = (status: number, message: string) => (error: unknown) =>
-  error instanceof Refusal && error.status === status && error.message === message;
+const refused = (reason: RefusalReason, detail = '') => (error: unknown) =>
+  error instanceof Refusal && error.reason === reason && error.detail === detail;
+const asked = (text: string): Question => ({ text, attachments: [], draft: null, choice: null });
 
 test('of two pages renaming from the same title, the first wins and the second is told the title it lost to', () => {
   const { desk, store, events } = fixture();
-  const { thread } = desk.create('什么是 WAL？');
-  assert.equal(desk.rename(thread.id, '什么是 WAL？', '  WAL\n研究 ').title, 'WAL 研究');
-  assert.throws(() => desk.rename(thread.id, '什么是 WAL？', '另一个标题'), refused(409, texts.renamedElsewhere('WAL 研究')));
+  const { thread } = desk.create(asked('什么是 WAL？'));
+  assert.equal(desk.threads.rename(thread.id, '什么是 WAL？', '  WAL\n研究 ').title, 'WAL 研究');
+  assert.throws(() => desk.threads.rename(thread.id, '什么是 WAL？', '另一个标题'), refused('renamedElsewhere', 'WAL 研究'));
   assert.equal(store.summary(thread.id)!.title, 'WAL 研究');
   assert.deepEqual(events.filter((event) => event.type === 'threadSummary').map((event) => event.thread.title), ['什么是 WAL？', 'WAL 研究']);
-  for (const [title, status, message] of [
-    [' \n ', 400, texts.emptyTitle], ['长'.repeat(101), 400, texts.titleTooLong(100)], [42, 400, texts.emptyTitle],
-  ] as const) {
-    assert.throws(() => desk.rename(thread.id, 'WAL 研究', title), refused(status, message), String(title));
+  for (const [title, reason] of [[' \n ', 'emptyTitle'], ['长'.repeat(101), 'titleTooLong']] as const) {
+    assert.throws(() => desk.threads.rename(thread.id, 'WAL 研究', title), refused(reason), title);
   }
-  assert.equal(desk.rename(thread.id, 'WAL 研究', '😀'.repeat(100)).title, '😀'.repeat(100), 'a hundred characters, not UTF-16 units');
+  assert.equal(desk.threads.rename(thread.id, 'WAL 研究', '😀'.repeat(100)).title, '😀'.repeat(100), 'a hundred characters, not UTF-16 units');
 });
 
 test('deleting a running thread from two pages at once: the turn is stopped, one deletion wins, the other finds nothing', async () => {
   const { desk, store, dataFolder, calls, events } = fixture();
-  const { thread } = desk.create('一个很长的问题');
+  const { thread } = desk.create(asked('一个很长的问题'));
   await settle();
   writeFileSync(join(dataFolder, 'threads', thread.id, 'notes.txt'), 'x');
-  const results = await Promise.allSettled([desk.remove(thread.id), desk.remove(thread.id)]);
+  const results = await Promise.allSettled([desk.threads.remove(thread.id), desk.threads.remove(thread.id)]);
   assert.deepEqual(results.map((result) => result.status), ['fulfilled', 'rejected']);
-  assert.ok(refused(404, texts.noSuchThread)((results[1] as PromiseRejectedResult).reason));
+  assert.ok(refused('noSuchThread')((results[1] as PromiseRejectedResult).reason));
   assert.ok(calls.includes('turn/interrupt'));
   assert.equal(store.readThread(thread.id), null);
   assert.equal(existsSync(join(dataFolder, 'threads', thread.id)), false);
   assert.deepEqual(events.filter((event) => event.type === 'threadRemoved'), [{ type: 'threadRemoved', id: thread.id }]);
-  assert.equal(desk.busy, false);
-  assert.throws(() => desk.rename(thread.id, '一个很长的问题', '新标题'), refused(404, texts.noSuchThread));
+  assert.equal(desk.turns.busy, false);
+  assert.throws(() => desk.threads.rename(thread.id, '一个很长的问题', '新标题'), refused('noSuchThread'));
 });
 
 test('a deletion removes the thread\'s own folder only, whatever its row says and whatever stands in its place', async () => {
@@ -78,14 +75,14 @@ test('a deletion removes the thread\'s own folder only, whatever its row says an
   ];
   for (const [name, tamper] of cases) {
     const { desk, dataFolder } = fixture();
-    const { thread } = desk.create('问题');
+    const { thread } = desk.create(asked('问题'));
     await settle();
     const outside = temporaryFolder('lm-outside-');
     for (const folder of [outside, dataFolder]) writeFileSync(join(folder, 'keep.txt'), 'keep');
     const db = new DatabaseSync(join(dataFolder, 'workspace.db'));
     tamper(db, thread.id, join(dataFolder, 'threads', thread.id), outside);
     db.close();
-    await desk.remove(thread.id);
+    await desk.threads.remove(thread.id);
     assert.ok([outside, dataFolder].every((folder) => existsSync(join(folder, 'keep.txt'))), name);
   }
 });

@@ -5,6 +5,7 @@
 import { Refusal } from '../refusal.ts';
 import { texts } from '../texts.ts';
 import { CodexUnavailable } from '../codex/appServer.ts';
+import type { AccountNotification, AccountNotifications, CodexAccount, CodexPort, CodexRateLimits, CodexRateWindow } from '../codex/protocol.ts';
 import type { Clock, Timer } from '../clock.ts';
 import type { Account, SignIn, SignInMethod, UsageLimits, UsageWindow } from '../model.ts';
 
@@ -15,10 +16,6 @@ import type { Account, SignIn, SignInMethod, UsageLimits, UsageWindow } from '..
 export const SIGN_IN_LIMIT_MS = 9 * 60_000;
 const READ_LIMIT_MS = 10_000;
 
-export interface AccountCodex {
-  request<T>(method: string, params: unknown, timeoutMs?: number): Promise<T>;
-}
-
 export interface AccountView {
   account: Account | null;
   signIn: SignIn;
@@ -26,40 +23,28 @@ export interface AccountView {
 }
 
 export interface AccountDeskOptions {
-  codex: AccountCodex;
+  codex: CodexPort;
   clock: Clock;
   changed(view: AccountView): void;
 }
-
-interface AccountAnswer {
-  account: null | { type: string; email?: string | null; planType?: string | null };
-  requiresOpenaiAuth?: boolean;
-}
-
-type LoginAnswer =
-  | { type: 'chatgpt'; loginId: string; authUrl: string }
-  | { type: 'chatgptDeviceCode'; loginId: string; verificationUrl: string; userCode: string };
-
-interface CodexWindow { usedPercent: number; windowDurationMins: number | null; resetsAt: number | null }
-interface CodexLimits { primary?: CodexWindow | null; secondary?: CodexWindow | null }
 
 function planName(plan: string | null | undefined): string | null {
   if (!plan || plan === 'unknown') return null;
   return plan.charAt(0).toUpperCase() + plan.slice(1);
 }
 
-export function accountOf(answer: AccountAnswer): Account {
+export function accountOf(answer: CodexAccount): Account {
   const { account } = answer;
   if (!account) return { signedIn: false, requiresSignIn: answer.requiresOpenaiAuth === true };
   if (account.type === 'chatgpt') {
     const email = account.email || null;
     const plan = planName(account.planType);
-    return { signedIn: true, chatgpt: true, email, plan, label: [email || 'ChatGPT', plan ? `（${plan}）` : ''].join('') };
+    return { signedIn: true, chatgpt: true, email, plan, label: texts.accountLabel(email || 'ChatGPT', plan) };
   }
-  return { signedIn: true, chatgpt: false, email: null, plan: null, label: account.type === 'apiKey' ? 'API 密钥' : account.type };
+  return { signedIn: true, chatgpt: false, email: null, plan: null, label: account.type === 'apiKey' ? texts.apiKeyAccount : account.type };
 }
 
-function windowOf(window: CodexWindow | null | undefined): UsageWindow | null {
+function windowOf(window: CodexRateWindow | null | undefined): UsageWindow | null {
   if (!window || typeof window.usedPercent !== 'number') return null;
   return {
     usedPercent: window.usedPercent,
@@ -76,7 +61,7 @@ function detailOf(error: unknown): string {
 const IDLE: SignIn = { state: 'idle', outcome: null, offerDeviceCode: false };
 
 export class AccountDesk {
-  readonly #codex: AccountCodex;
+  readonly #codex: CodexPort;
   readonly #clock: Clock;
   readonly #changed: (view: AccountView) => void;
   #account: Account | null = null;
@@ -108,7 +93,7 @@ export class AccountDesk {
     const read = ++this.#reads;
     let account: Account;
     try {
-      account = accountOf(await this.#codex.request<AccountAnswer>('account/read', {}, READ_LIMIT_MS));
+      account = accountOf(await this.#codex.request('account/read', {}, READ_LIMIT_MS));
     } catch {
       return; // Codex's state, shown elsewhere, says why
     }
@@ -120,8 +105,7 @@ export class AccountDesk {
   }
 
   /** Starts a sign-in, or hands back the one running when it is of the same kind. */
-  start(method: unknown): Promise<SignIn> {
-    if (method !== 'browser' && method !== 'deviceCode') return Promise.reject(new Refusal(400, texts.badSignInMethod));
+  start(method: SignInMethod): Promise<SignIn> {
     const running = this.#signIn;
     if (running.state === 'starting' && running.method === method) return this.#starting!;
     if (running.state === (method === 'browser' ? 'browser' : 'deviceCode')) return Promise.resolve(running);
@@ -142,26 +126,23 @@ export class AccountDesk {
     try {
       await this.#codex.request('account/logout', {}, READ_LIMIT_MS);
     } catch (error) {
-      throw new Refusal(502, texts.signOutFailed(detailOf(error)));
+      throw new Refusal('signOutFailed', detailOf(error));
     }
     await this.refresh();
   }
 
-  /** Takes the account's notifications; false for everything else. */
-  onNotification(method: string, params: unknown): boolean {
-    if (method === 'account/updated') {
-      void this.refresh();
-      return true;
+  onNotification(notification: AccountNotification): void {
+    switch (notification.method) {
+      case 'account/updated':
+        void this.refresh();
+        return;
+      case 'account/login/completed':
+        this.#completed(notification.params);
+        return;
+      case 'account/rateLimits/updated':
+        this.#mergeLimits(notification.params.rateLimits);
+        return;
     }
-    if (method === 'account/login/completed') {
-      this.#completed(params as { loginId?: string | null; success?: boolean; error?: string | null });
-      return true;
-    }
-    if (method === 'account/rateLimits/updated') {
-      this.#mergeLimits((params as { rateLimits?: CodexLimits } | null)?.rateLimits);
-      return true;
-    }
-    return false;
   }
 
   /** Codex has ended, and its sign-in listener with it. */
@@ -175,9 +156,9 @@ export class AccountDesk {
     const mine = { state: 'starting', method } as const;
     this.#signIn = mine;
     this.#publish();
-    let answer: LoginAnswer;
+    let answer;
     try {
-      answer = await this.#codex.request<LoginAnswer>('account/login/start', { type: method === 'browser' ? 'chatgpt' : 'chatgptDeviceCode' }, READ_LIMIT_MS);
+      answer = await this.#codex.request('account/login/start', { type: method === 'browser' ? 'chatgpt' : 'chatgptDeviceCode' }, READ_LIMIT_MS);
     } catch (error) {
       if (this.#signIn !== mine) return this.#signIn;
       const portTaken = method === 'browser' && /already in use|address in use/i.test(detailOf(error));
@@ -201,13 +182,13 @@ export class AccountDesk {
     return this.#signIn;
   }
 
-  #completed(params: { loginId?: string | null; success?: boolean; error?: string | null }): void {
+  #completed(params: AccountNotifications['account/login/completed']): void {
     // One this desk ended already (cancelled, replaced, timed out) has said how it ended.
     if (this.#loginId === null || params.loginId !== this.#loginId) return;
     this.#loginId = null;
     this.#deadline?.cancel();
     this.#deadline = null;
-    this.#signIn = params.success ? IDLE : { state: 'idle', outcome: texts.signInFailed(params.error || '未知原因'), offerDeviceCode: false };
+    this.#signIn = params.success ? IDLE : { state: 'idle', outcome: texts.signInFailed(params.error || texts.signInUnknownReason), offerDeviceCode: false };
     this.#publish();
     if (params.success) void this.refresh();
   }
@@ -230,7 +211,7 @@ export class AccountDesk {
 
   async #readLimits(read: number): Promise<void> {
     try {
-      const answer = await this.#codex.request<{ rateLimits?: CodexLimits }>('account/rateLimits/read', {}, READ_LIMIT_MS);
+      const answer = await this.#codex.request('account/rateLimits/read', {}, READ_LIMIT_MS);
       if (read !== this.#reads) return;
       this.#limits = null;
       this.#mergeLimits(answer.rateLimits);
@@ -240,7 +221,7 @@ export class AccountDesk {
   }
 
   /** Updates are sparse: a window they leave out keeps what was known of it. */
-  #mergeLimits(limits: CodexLimits | undefined): void {
+  #mergeLimits(limits: CodexRateLimits | undefined): void {
     if (!limits || !this.#account?.signedIn) return;
     const primary = windowOf(limits.primary) ?? this.#limits?.primary ?? null;
     const secondary = windowOf(limits.secondary) ?? this.#limits?.secondary ?? null;

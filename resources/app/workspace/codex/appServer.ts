@@ -2,6 +2,7 @@
 // started again by the next request after it has ended, and stopped politely on shutdown.
 import { spawn, type ChildProcess } from 'node:child_process';
 import { RpcClosed, RpcConnection, RpcError } from './rpc.ts';
+import type { CodexMethod, CodexPort, CodexRequests } from './protocol.ts';
 import { texts } from '../texts.ts';
 import type { Clock } from '../clock.ts';
 import type { CodexState } from '../model.ts';
@@ -47,10 +48,10 @@ export function olderThan(version: number[], minimum: number[]): boolean {
 }
 
 function describeExit(code: number | null, signal: NodeJS.Signals | null): string {
-  return signal ? `信号 ${signal}` : `退出码 ${code}`;
+  return signal ? texts.exitSignal(signal) : texts.exitCode(code);
 }
 
-export class CodexAppServer {
+export class CodexAppServer implements CodexPort {
   readonly #options: AppServerOptions;
   #state: CodexState = { state: 'idle', version: null };
   #child: ChildProcess | null = null;
@@ -83,9 +84,8 @@ export class CodexAppServer {
     return this.#starting;
   }
 
-  async request<T>(method: string, params: unknown, timeoutMs?: number): Promise<T> {
-    const connection = await this.connect();
-    return connection.request<T>(method, params, timeoutMs);
+  async request<M extends CodexMethod>(method: M, params: CodexRequests[M]['params'], timeoutMs?: number): Promise<CodexRequests[M]['result']> {
+    return ask(await this.connect(), method, params, timeoutMs);
   }
 
   /** Ends it for good: nothing is started after this. */
@@ -173,11 +173,12 @@ export class CodexAppServer {
         this.#options.onExit();
       });
 
-      connection.request<{ userAgent?: unknown }>('initialize', {
+      ask(connection, 'initialize', {
         clientInfo: { name: 'lanternmoor', title: 'Lanternmoor Pro', version: this.#options.clientVersion },
         capabilities: { experimentalApi: false },
       }, INITIALIZE_TIMEOUT_MS).then((answer) => {
         if (settled) return;
+        // What answers may not be Codex at all: nothing of it is taken on trust before this.
         const version = parseVersion(typeof answer?.userAgent === 'string' ? answer.userAgent : '');
         if (!version) {
           fail(texts.codexUnknownVersion);
@@ -195,7 +196,14 @@ export class CodexAppServer {
         settled = true;
         this.#setState({ state: 'ready', version: text });
         resolve(connection);
-      }, () => fail(texts.codexDidNotStart('启动后没有回应')));
+      }, () => fail(texts.codexDidNotStart(texts.codexSilent)));
     });
   }
+}
+
+/** The one place an answer is taken to be what the protocol says it is. */
+function ask<M extends CodexMethod>(
+  connection: RpcConnection, method: M, params: CodexRequests[M]['params'], timeoutMs?: number,
+): Promise<CodexRequests[M]['result']> {
+  return connection.request(method, params, timeoutMs) as Promise<CodexRequests[M]['result']>;
 }

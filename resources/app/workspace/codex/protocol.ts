@@ -1,6 +1,6 @@
-// The part of Codex's app-server protocol (stable methods and fields only) this service reads.
-// The generated schema of the installed version is the reference:
-// `codex app-server generate-ts --out DIR`.
+// The part of Codex's app-server protocol this service speaks (stable methods, and only the fields
+// it uses), both ways: what it asks Codex and the answers, and what Codex tells it unasked. The
+// generated schema of the installed version is the reference: `codex app-server generate-ts --out DIR`.
 
 export interface CodexTurnError {
   message: string;
@@ -35,6 +35,68 @@ export interface CodexTokenBreakdown {
   reasoningOutputTokens: number;
 }
 
+/** How a Codex thread works: in its folder, never asking, writing only there. */
+export interface CodexThreadSettings {
+  cwd?: string | null;
+  approvalPolicy?: 'never' | null;
+  sandbox?: 'workspace-write' | null;
+  config?: Record<string, string> | null;
+}
+
+export type CodexInput = { type: 'text'; text: string; text_elements: [] } | { type: 'localImage'; path: string };
+
+export interface CodexModel {
+  id: string;
+  displayName: string;
+  hidden: boolean;
+  supportedReasoningEfforts: { reasoningEffort: string }[];
+  defaultReasoningEffort: string;
+  isDefault: boolean;
+}
+
+export interface CodexAccount {
+  account: null | { type: string; email?: string | null; planType?: string | null };
+  requiresOpenaiAuth: boolean;
+}
+
+export type CodexLogin =
+  | { type: 'chatgpt'; loginId: string; authUrl: string }
+  | { type: 'chatgptDeviceCode'; loginId: string; verificationUrl: string; userCode: string };
+
+export interface CodexRateWindow { usedPercent: number; windowDurationMins: number | null; resetsAt: number | null }
+export interface CodexRateLimits { primary: CodexRateWindow | null; secondary: CodexRateWindow | null }
+
+type Nothing = Record<string, never>;
+
+/** What this service asks of Codex, by method: the parameters it sends and the answer it reads. */
+export interface CodexRequests {
+  'initialize': {
+    params: { clientInfo: { name: string; title: string; version: string }; capabilities: { experimentalApi: boolean } };
+    result: { userAgent: string };
+  };
+  'thread/start': { params: CodexThreadSettings; result: { thread: { id: string } } };
+  'thread/resume': { params: CodexThreadSettings & { threadId: string }; result: { thread: { id: string } } };
+  'turn/start': {
+    params: { threadId: string; input: CodexInput[]; model?: string; effort?: string };
+    result: { turn: { id: string } };
+  };
+  'turn/interrupt': { params: { threadId: string; turnId: string }; result: Nothing };
+  'model/list': { params: { cursor?: string }; result: { data: CodexModel[]; nextCursor: string | null } };
+  'config/read': { params: Nothing; result: { config: { model: string | null; model_reasoning_effort: string | null } } };
+  'account/read': { params: Nothing; result: CodexAccount };
+  'account/login/start': { params: { type: CodexLogin['type'] }; result: CodexLogin };
+  'account/login/cancel': { params: { loginId: string }; result: { status: string } };
+  'account/logout': { params: Nothing; result: Nothing };
+  'account/rateLimits/read': { params: Nothing; result: { rateLimits: CodexRateLimits } };
+}
+
+export type CodexMethod = keyof CodexRequests;
+
+/** Codex as everything that asks it something sees it. */
+export interface CodexPort {
+  request<M extends CodexMethod>(method: M, params: CodexRequests[M]['params'], timeoutMs?: number): Promise<CodexRequests[M]['result']>;
+}
+
 /** The notifications a turn is made of, by method. */
 export interface TurnNotifications {
   'turn/started': { threadId: string; turn: { id: string } };
@@ -52,11 +114,21 @@ export interface TurnNotifications {
   };
 }
 
-export type TurnNotification = { [M in keyof TurnNotifications]: { method: M; params: TurnNotifications[M] } }[keyof TurnNotifications];
+/** The account's notifications, by method: who is signed in, a sign-in's end, the usage limits. */
+export interface AccountNotifications {
+  'account/updated': Record<string, unknown>;
+  'account/login/completed': { loginId: string | null; success: boolean; error: string | null };
+  'account/rateLimits/updated': { rateLimits: CodexRateLimits };
+}
 
-export function isTurnNotification(method: string, params: unknown): boolean {
-  return TURN_METHODS.has(method) && typeof params === 'object' && params !== null
-    && typeof (params as { threadId?: unknown }).threadId === 'string';
+type Notification<Map> = { [M in keyof Map]: { method: M; params: Map[M] } }[keyof Map];
+export type TurnNotification = Notification<TurnNotifications>;
+export type AccountNotification = Notification<AccountNotifications>;
+
+/** A notification as it comes off the wire, before anyone has looked at it. */
+export interface CodexMessage {
+  method: string;
+  params: unknown;
 }
 
 const TURN_METHODS = new Set<string>([
@@ -64,6 +136,35 @@ const TURN_METHODS = new Set<string>([
   'item/reasoning/summaryTextDelta', 'item/commandExecution/outputDelta', 'thread/tokenUsage/updated', 'error',
   'turn/completed',
 ] satisfies (keyof TurnNotifications)[]);
+
+const ACCOUNT_METHODS = new Set<string>([
+  'account/updated', 'account/login/completed', 'account/rateLimits/updated',
+] satisfies (keyof AccountNotifications)[]);
+
+const isObject = (value: unknown): value is Record<string, unknown> => typeof value === 'object' && value !== null;
+
+// A turn's notification is sorted by its thread before anything else of it is read.
+export function isTurnNotification(message: CodexMessage): message is TurnNotification {
+  return TURN_METHODS.has(message.method) && isObject(message.params) && typeof message.params.threadId === 'string';
+}
+
+export function isAccountNotification(message: CodexMessage): message is AccountNotification {
+  return ACCOUNT_METHODS.has(message.method) && isObject(message.params);
+}
+
+export interface NotificationReaders {
+  account(notification: AccountNotification): void;
+  turn(notification: TurnNotification): void;
+}
+
+/** Each notification to the one who reads it; those nobody reads (Codex says much) go nowhere. */
+export function routeNotifications(readers: NotificationReaders): (method: string, params: unknown) => void {
+  return (method, params) => {
+    const message = { method, params };
+    if (isTurnNotification(message)) readers.turn(message);
+    else if (isAccountNotification(message)) readers.account(message);
+  };
+}
 
 export const SANDBOX = 'workspace-write';
 export const APPROVAL_POLICY = 'never';

@@ -59,15 +59,16 @@ export class RpcConnection {
     return this.#closed !== null;
   }
 
-  request<T>(method: string, params: unknown, timeoutMs?: number): Promise<T> {
+  /** The answer as it came: what it means is for whoever knows the method (codex/protocol.ts). */
+  request(method: string, params: unknown, timeoutMs?: number): Promise<unknown> {
     if (this.#closed) return Promise.reject(this.#closed);
     const id = this.#nextId++;
-    return new Promise<T>((resolve, reject) => {
+    return new Promise((resolve, reject) => {
       const timer = timeoutMs === undefined ? null : this.#clock.after(timeoutMs, () => {
         this.#pending.delete(id);
         reject(new RpcClosed(`${method} had no answer within ${timeoutMs} ms`));
       });
-      this.#pending.set(id, { method, resolve: resolve as (result: unknown) => void, reject, timer });
+      this.#pending.set(id, { method, resolve, reject, timer });
       this.#send({ id, method, params });
     });
   }

@@ -3,10 +3,7 @@
 import type { IncomingMessage } from 'node:http';
 import type { Socket } from 'node:net';
 import { Refusal } from '../refusal.ts';
-import { texts } from '../texts.ts';
 import type { PeerLookup } from './peer.ts';
-
-export const BODY_LIMIT_BYTES = (1 << 20) + (64 << 10);
 
 const CHANGING = new Set(['POST', 'PUT', 'PATCH', 'DELETE']);
 
@@ -40,38 +37,20 @@ export class PeerGate {
  */
 export function checkChange(request: IncomingMessage): void {
   if (!CHANGING.has(request.method ?? '')) return;
-  if (request.headers.origin !== `http://${request.headers.host}`) throw new Refusal(403, texts.foreignOrigin);
+  if (request.headers.origin !== `http://${request.headers.host}`) throw new Refusal('foreignOrigin');
   const type = (request.headers['content-type'] ?? '').split(';')[0]!.trim().toLowerCase();
   // A file's bytes are not JSON. Sent as application/octet-stream with its name in X-File-Name,
   // an upload is, like JSON, something no form and no other site's script can send without the
   // browser asking this service first (neither the type nor the header is one a browser lets
   // through unasked), and the Origin above still decides. Only the upload address takes it.
   if (isUpload(request)) {
-    if (type !== 'application/octet-stream') throw new Refusal(400, texts.fileNeedsBytes);
+    if (type !== 'application/octet-stream') throw new Refusal('fileNeedsBytes');
     return;
   }
-  if (type !== 'application/json') throw new Refusal(400, texts.needsJson);
+  if (type !== 'application/json') throw new Refusal('needsJson');
 }
 
 function isUpload(request: IncomingMessage): boolean {
   const path = (request.url ?? '').split('?')[0];
   return path === '/api/uploads';
-}
-
-/** The request's JSON body; over the limit, a 413 without reading the rest. */
-export async function readJson(request: IncomingMessage, limit = BODY_LIMIT_BYTES): Promise<unknown> {
-  const declared = Number(request.headers['content-length']);
-  if (declared > limit) throw new Refusal(413, texts.tooLarge);
-  const chunks: Buffer[] = [];
-  let size = 0;
-  for await (const chunk of request as AsyncIterable<Buffer>) {
-    size += chunk.length;
-    if (size > limit) throw new Refusal(413, texts.tooLarge);
-    chunks.push(chunk);
-  }
-  try {
-    return JSON.parse(Buffer.concat(chunks).toString('utf8')) as unknown;
-  } catch {
-    throw new Refusal(400, texts.notJson);
-  }
 }

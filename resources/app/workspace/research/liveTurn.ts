@@ -2,7 +2,14 @@
 import { completeItem, describeError, OUTPUT_LIMIT, toItem, usageOf } from '../codex/translate.ts';
 import { texts } from '../texts.ts';
 import type { CodexTokenBreakdown, TurnNotification } from '../codex/protocol.ts';
-import type { Item, Turn, TurnHead, TurnStatus } from '../model.ts';
+import type { Choice, Item, Turn, TurnHead, TurnStatus } from '../model.ts';
+
+/** Where a thread's turns run, read once per question: its folder, its Codex thread (none before its first turn), the model chosen. */
+export interface CodexPlace {
+  folder: string;
+  codexThreadId: string | null;
+  choice: Choice;
+}
 
 export interface TurnSink {
   /** The turn's head changed: its status, usage or error. */
@@ -15,6 +22,7 @@ export interface TurnSink {
 
 export class LiveTurn {
   readonly head: TurnHead;
+  readonly place: CodexPlace;
   readonly items: Item[] = [];
   readonly #sink: TurnSink;
   readonly #byCodexId = new Map<string, number>();
@@ -29,8 +37,9 @@ export class LiveTurn {
   #usageBase: CodexTokenBreakdown | null = null;
   #retryNoted = false;
 
-  constructor(head: TurnHead, sink: TurnSink) {
+  constructor(head: TurnHead, place: CodexPlace, sink: TurnSink) {
     this.head = head;
+    this.place = place;
     this.#sink = sink;
   }
 
