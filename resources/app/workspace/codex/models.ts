@@ -28,7 +28,7 @@ function optionOf(model: CodexModel): ModelOption {
  * Every model the picker offers, and Codex's default: the model of its configuration, which
  * model/list's own default does not know of (a provider of the user's own).
  */
-export async function readCatalogue(codex: CodexPort): Promise<Catalogue> {
+async function readCatalogue(codex: CodexPort): Promise<Catalogue> {
   const listed: CodexModel[] = [];
   let cursor: string | null = null;
   for (let page = 0; page < PAGE_LIMIT; page += 1) {

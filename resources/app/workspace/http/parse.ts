@@ -40,14 +40,9 @@ export async function readFields(request: IncomingMessage): Promise<Fields> {
   return body as Fields;
 }
 
-export function isThreadId(raw: string | null | undefined): raw is string {
+/** A thread's id: in a path, one of another form names no address of the workspace. */
+export function isThreadId(raw: unknown): raw is string {
   return typeof raw === 'string' && THREAD_ID.test(raw);
-}
-
-/** A thread's id in the path: one of another form names no address of the workspace. */
-export function threadIdOf(raw: string | undefined): string {
-  if (!isThreadId(raw)) throw new Refusal('notFound');
-  return raw;
 }
 
 export function questionOf(fields: Fields): Question {
@@ -122,6 +117,6 @@ export function fileNameOf(header: string | string[] | undefined): string {
 /** Where an upload goes: `thread` names a thread, else `draft` the page's draft for a question that has none yet. */
 export function uploadPlaceOf(thread: unknown, draft: unknown): UploadPlace {
   if (thread === undefined || thread === null) return { draft: typeof draft === 'string' ? draft : null };
-  if (typeof thread !== 'string' || !isThreadId(thread)) throw new Refusal('noSuchThread');
+  if (!isThreadId(thread)) throw new Refusal('noSuchThread');
   return { thread };
 }

@@ -73,14 +73,14 @@ export function createRouter(options: RouterOptions): (request: IncomingMessage,
     await options.admit(request);
     const url = new URL(request.url ?? '/', 'http://workspace.invalid');
     const segments = url.pathname.split('/');
-    let found = false;
+    let pathKnown = false;
     for (const one of table) {
       const params = match(one.pattern, segments, options.params);
       if (!params) continue;
-      found = true;
+      pathKnown = true;
       if (one.method === '*' || one.method === request.method) return one.handler({ request, response, url, params });
     }
-    if (found) throw new Refusal('methodNotAllowed');
+    if (pathKnown) throw new Refusal('methodNotAllowed');
     return options.otherwise({ request, response, url, params: {} });
   }
 

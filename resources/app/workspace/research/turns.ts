@@ -29,7 +29,7 @@ export interface TurnRunnerOptions {
   clock: Clock;
   publish(event: PageEvent): void;
   /** Ends the commands Codex runs for the thread, which its interrupt leaves running. */
-  endCommands(threadId: string): Promise<unknown>;
+  endCommands(threadId: string): Promise<void>;
   reportStorage(error: StoreError | null): void;
   /** The model and effort Codex is to use for a thread's choice (its default for none); as given when absent. */
   resolveChoice?(choice: Choice): Promise<Choice>;
