@@ -1,63 +1,23 @@
 // @ts-check
-// Code blocks in answers: coloured by language and given a copy button, once each, when their
-// block has settled; colouring a block that is still growing would redo the work on every delta.
-// A block is coloured when it comes near the view: a long thread scrolled through holds far more
-// code than anyone looks at, and colouring all of it as it is drawn made scrolling stall.
+// Code blocks in answers, each in a box with a copy button. Coloured by language as part of the
+// answer's HTML, so one sanitising pass covers the colours too; only blocks that have settled are
+// coloured (the growing rest of a streaming answer is drawn plain: colouring it would redo the
+// work every frame).
 import hljs from './vendor/highlight.js/highlight.min.js';
-import { safeFragment } from './sanitize.js';
+import { texts } from './texts.js';
 
 /** @type {{ getLanguage(name: string): unknown, highlight(code: string, options: { language: string, ignoreIllegals: boolean }): { value: string } }} */
 const highlighter = hljs;
 
-const COPIED_MS = 1500;
-
-/** @param {HTMLButtonElement} button @param {HTMLElement} code */
-async function copy(button, code) {
-  try {
-    await navigator.clipboard.writeText(code.textContent ?? '');
-    button.textContent = '已复制';
-  } catch {
-    button.textContent = '复制失败';
-  }
-  setTimeout(() => { button.textContent = '复制'; }, COPIED_MS);
-}
-
-/** @param {HTMLElement} code */
-function colour(code) {
-  // Only a named language is coloured: guessing costs a pass of every grammar over the block.
-  const language = /\blanguage-([\w+#.-]+)/.exec(code.className)?.[1];
-  if (!language || !highlighter.getLanguage(language)) return;
-  const { value } = highlighter.highlight(code.textContent ?? '', { language, ignoreIllegals: true });
-  code.replaceChildren(safeFragment(value));
-  code.classList.add('hljs');
-}
-
-const nearView = new IntersectionObserver((entries) => {
-  for (const entry of entries) {
-    if (!entry.isIntersecting) continue;
-    nearView.unobserve(entry.target);
-    colour(/** @type {HTMLElement} */ (entry.target));
-  }
-}, { rootMargin: '600px 0px' });
-
 /**
- * Colours the code blocks under root that are not yet, and puts each in a box with a copy button.
- * @param {ParentNode} root
+ * A code block's HTML: the code escaped, or coloured when asked for and its language is known
+ * (only a named one: guessing costs a pass of every grammar over the block).
+ * @param {(text: string) => string} escape @param {string} code @param {string} language @param {boolean} colour
  */
-export function decorateCode(root) {
-  for (const code of root.querySelectorAll('pre > code')) {
-    const pre = /** @type {HTMLElement} */ (code.parentElement);
-    if (pre.parentElement?.classList.contains('code-block')) continue;
-    nearView.observe(code);
-    const box = document.createElement('div');
-    box.className = 'code-block';
-    const button = document.createElement('button');
-    button.type = 'button';
-    button.className = 'copy-code';
-    button.textContent = '复制';
-    button.title = '复制代码';
-    button.addEventListener('click', () => void copy(button, /** @type {HTMLElement} */ (code)));
-    pre.replaceWith(box);
-    box.append(button, pre);
-  }
+export function codeBlockHtml(escape, code, language, colour) {
+  const coloured = colour && language !== '' && Boolean(highlighter.getLanguage(language));
+  const body = coloured ? highlighter.highlight(code, { language, ignoreIllegals: true }).value : escape(code);
+  const classes = [language && `language-${escape(language)}`, coloured && 'hljs'].filter(Boolean).join(' ');
+  return `<div class="code-block"><button type="button" class="copy-code" title="${texts.copyCode}">${texts.copy}</button>`
+    + `<pre><code${classes ? ` class="${classes}"` : ''}>${body}</code></pre></div>\n`;
 }

@@ -4,20 +4,34 @@
 // the whole answer on every delta would cost time growing with the square of its length.
 import markdownit from './vendor/markdown-it/markdown-it.esm.min.mjs';
 import { mathPlugin } from './math.js';
+import { codeBlockHtml } from './code.js';
 
 /** @typedef {ReturnType<typeof markdownit>} Markdown */
 /**
  * @typedef {{
- *   type: string, content: string, attrs: [string, string][] | null,
+ *   type: string, content: string, info: string, attrs: [string, string][] | null, children: Token[] | null,
  *   attrGet(name: string): string | null, attrJoin(name: string, value: string): void,
  * }} Token
  */
+/** What a render is asked for: colour settles with a block, so the growing rest goes without. @typedef {{ colour?: boolean }} RenderEnv */
+
+/** Only web addresses are links: "#…" would open another thread of this page, and the rest (mailto:, file:, javascript:) have no business being one click away. @param {string} href */
+export const isWebAddress = (href) => /^https?:/i.test(href);
 
 /** The page's Markdown: no raw HTML from answers, links made clickable, images shown as links. */
 export function createMarkdown() {
   const md = markdownit({ html: false, linkify: true, breaks: false });
   md.use(mathPlugin);
-  // The page loads nothing from elsewhere; an image in an answer becomes a link to it.
+  // Every link target is accepted here and refused below unless it is a web address: a refused
+  // one then reads as its words, where markdown-it's own refusal would leave its source showing.
+  md.validateLink = () => true;
+  md.core.ruler.push('web_links_only', (/** @type {{ tokens: Token[] }} */ state) => {
+    for (const inline of state.tokens) {
+      for (const token of inline.children ?? []) {
+        if (token.type === 'link_open' && !isWebAddress(token.attrGet('href') ?? '')) token.attrs = null;
+      }
+    }
+  });
   // Column alignment as a class: a style attribute is refused by the page's policy.
   md.core.ruler.push('alignment_classes', (/** @type {{ tokens: Token[] }} */ state) => {
     for (const token of state.tokens) {
@@ -28,12 +42,19 @@ export function createMarkdown() {
       token.attrJoin('class', `align-${align}`);
     }
   });
+  // The page loads nothing from elsewhere; an image in an answer becomes a link to it.
   md.renderer.rules.image = (/** @type {Token[]} */ tokens, /** @type {number} */ index) => {
-    const token = tokens[index];
-    const source = md.utils.escapeHtml(token?.attrGet('src') ?? '');
-    const alt = md.utils.escapeHtml(token?.content || source);
-    return `<a href="${source}">${alt}</a>`;
+    const token = /** @type {Token} */ (tokens[index]);
+    const source = token.attrGet('src') ?? '';
+    const alt = md.utils.escapeHtml(token.content || source);
+    return isWebAddress(source) ? `<a href="${md.utils.escapeHtml(source)}">${alt}</a>` : alt;
   };
+  md.renderer.rules.fence = (/** @type {Token[]} */ tokens, /** @type {number} */ index, /** @type {unknown} */ _options, /** @type {RenderEnv} */ env) => {
+    const token = /** @type {Token} */ (tokens[index]);
+    return codeBlockHtml(md.utils.escapeHtml, token.content, token.info.trim().split(/\s+/)[0] ?? '', env?.colour === true);
+  };
+  md.renderer.rules.code_block = (/** @type {Token[]} */ tokens, /** @type {number} */ index) =>
+    codeBlockHtml(md.utils.escapeHtml, /** @type {Token} */ (tokens[index]).content, '', false);
   return md;
 }
 
@@ -65,9 +86,10 @@ export function settledLength(md, text) {
  * Feed it text as it comes; it says which new chunk became settled and what the rest renders to.
  */
 export class StreamingMarkdown {
-  /** @param {Markdown} md */
-  constructor(md) {
+  /** @param {Markdown} md @param {RenderEnv} [settledEnv] how settled chunks are rendered */
+  constructor(md, settledEnv = {}) {
     this.md = md;
+    this.settledEnv = settledEnv;
     /** Everything received so far. */
     this.text = '';
     /** Where the settled part of text ends. */
@@ -82,8 +104,35 @@ export class StreamingMarkdown {
     this.text += more;
     const rest = this.text.slice(this.settled);
     const cut = settledLength(this.md, rest);
-    const settledHtml = cut > 0 ? this.md.render(rest.slice(0, cut)) : '';
+    const settledHtml = cut > 0 ? this.md.render(rest.slice(0, cut), { ...this.settledEnv }) : '';
     this.settled += cut;
     return { settledHtml, restHtml: this.md.render(this.text.slice(this.settled)) };
   }
+}
+
+/**
+ * Markdown as it reads: its text without its marks (headings' #, emphasis, links' targets, code
+ * fences, table rules), blocks apart by a space. Table rows may come cut from their table, so
+ * their bars and rules go before parsing.
+ * @param {Markdown} md @param {string} source
+ */
+export function plainText(md, source) {
+  const untabled = source.split('\n')
+    .filter((line) => !/^[\s|:-]*-[\s|:-]*$/.test(line))
+    .map((line) => (/^\s*\|/.test(line) || /\|\s*$/.test(line) ? line.replaceAll('|', ' ') : line))
+    .join('\n');
+  /** @type {string[]} */
+  const words = [];
+  for (const token of /** @type {Token[]} */ (md.parse(untabled, {}))) {
+    if (token.type === 'inline') {
+      for (const child of token.children ?? []) {
+        if (child.type === 'softbreak' || child.type === 'hardbreak') words.push(' ');
+        else if (child.type === 'text' || child.type === 'code_inline' || child.type === 'math_inline' || child.type === 'image') words.push(child.content);
+      }
+      words.push(' ');
+    } else if (token.type === 'fence' || token.type === 'code_block' || token.type === 'math_block') {
+      words.push(token.content, ' ');
+    }
+  }
+  return words.join('').replace(/\s+/g, ' ').trim();
 }

@@ -70,6 +70,8 @@ test('answers keep no raw HTML or style, and images become links, since the page
   assert.doesNotMatch(html, /<script|<img|href="javascript:/);
   assert.match(html, /&lt;script&gt;/);
   assert.match(html, /<a href="https:\/\/example.com\/a.png">pic<\/a>/);
+  // A link the page refuses reads as its words, not as its source.
+  assert.match(html, /<a>x<\/a>/);
 });
 
 test('mathematics is drawn where a formula is meant, and text stays text where it is not', () => {
