@@ -12,6 +12,7 @@ import { texts } from './texts.js';
 /** @typedef {import('../workspace/model.ts').Turn} Turn */
 /** @typedef {import('../workspace/model.ts').SignInMethod} SignInMethod */
 /** @typedef {import('./threadView.js').Prepared} Prepared */
+/** @typedef {import('./threadView.js').Side} Side */
 /**
  * @typedef {{
  *   thread: import('./threadView.js').ThreadView, ask: import('./askView.js').AskView,
@@ -25,8 +26,8 @@ import { texts } from './texts.js';
  *   service: ServiceState | null, connected: boolean,
  *   open: string | null, at: number | null,
  *   complaint: string,
- *   fetching: { earlier: boolean, later: boolean },
- *   ahead: { thread: string, before: number, page: Promise<Page | null> } | null,
+ *   fetching: Record<Side, boolean>,
+ *   ahead: Record<Side, { thread: string, edge: number, page: Promise<Page | null> } | null>,
  * }} State
  */
 
@@ -44,9 +45,9 @@ export class Controller {
     open: null, at: null,
     /** Why the last account request failed, until the next one. */
     complaint: '',
-    fetching: { earlier: false, later: false },
-    /** The page of turns before the drawn ones, fetched and drawn while the reader reads. */
-    ahead: null,
+    fetching: { before: false, after: false },
+    /** The pages of turns beyond the drawn ones, fetched and drawn while the reader reads. */
+    ahead: { before: null, after: null },
   };
   #views;
   #socket;
@@ -55,8 +56,7 @@ export class Controller {
   constructor(views) {
     this.#views = views;
     this.#socket = new EventSocket(() => this.#address(), (event) => this.#onEvent(event), (connected) => this.#connection(connected));
-    views.thread.bindNearStart(() => this.#drawEarlier());
-    views.thread.bindNearEnd(() => this.#drawLater());
+    views.thread.bindNear((side) => this.#drawNear(side));
     views.ask.bindAsk(() => void this.#ask());
     views.ask.bindStop(() => void this.#stop());
     views.list.bindNewThread(() => {
@@ -133,7 +133,7 @@ export class Controller {
   /** @param {Thread | null} thread */
   #show(thread) {
     const views = this.#views;
-    this.#state.ahead = null;
+    this.#state.ahead = { before: null, after: null };
     views.thread.show(thread, this.#state.at);
     views.ask.running(thread?.running ?? false);
     views.attachments.reset(thread?.id ?? null);
@@ -198,7 +198,7 @@ export class Controller {
     ask.say('');
     try {
       // A thread opened at a search hit shows the new turn at its end, with the turns before it.
-      if (state.open && thread.latest !== null) {
+      if (state.open && thread.edge('after') !== null) {
         history.replaceState(null, '', `#${state.open}`);
         this.#listen(state.open, null);
       }
@@ -232,7 +232,7 @@ export class Controller {
   /**
    * The turns before (or after) a position, drawn ahead; null when the thread is no longer open
    * once they come, or they could not be had (the sentinel asks again).
-   * @param {string} thread @param {'before' | 'after'} side @param {number} position @returns {Promise<Page | null>}
+   * @param {string} thread @param {Side} side @param {number} position @returns {Promise<Page | null>}
    */
   async #page(thread, side, position) {
     try {
@@ -246,40 +246,28 @@ export class Controller {
     }
   }
 
-  /** Draws the page of turns before the earliest drawn, and fetches the one before that meanwhile. */
-  async #drawEarlier() {
+  /**
+   * Draws the page of turns before the earliest drawn (or after the latest), and fetches the one
+   * beyond it meanwhile, so the reader scrolling on finds it ready.
+   * @param {Side} side
+   */
+  async #drawNear(side) {
     const state = this.#state;
-    const { thread: view } = this.#views;
+    const view = this.#views.thread;
     const thread = state.open;
-    const before = view.earliest;
-    if (!thread || before === null || state.fetching.earlier) return;
-    state.fetching.earlier = true;
+    const edge = view.edge(side);
+    if (!thread || edge === null || state.fetching[side]) return;
+    state.fetching[side] = true;
     try {
-      const ahead = state.ahead;
-      state.ahead = null;
-      const page = await (ahead?.thread === thread && ahead.before === before ? ahead.page : this.#page(thread, 'before', before));
-      if (!page || state.open !== thread || view.earliest !== before) return;
-      await view.prepend(page.prepared, page.more);
-      const next = view.earliest;
-      if (state.open === thread && next !== null) state.ahead = { thread, before: next, page: this.#page(thread, 'before', next) };
+      const ahead = state.ahead[side];
+      state.ahead[side] = null;
+      const page = await (ahead?.thread === thread && ahead.edge === edge ? ahead.page : this.#page(thread, side, edge));
+      if (!page || state.open !== thread || view.edge(side) !== edge) return;
+      await view.add(side, page.prepared, page.more);
+      const next = view.edge(side);
+      if (state.open === thread && next !== null) state.ahead[side] = { thread, edge: next, page: this.#page(thread, side, next) };
     } finally {
-      state.fetching.earlier = false;
-    }
-  }
-
-  /** Draws the page of turns after the latest drawn; the reader's view stays where it is. */
-  async #drawLater() {
-    const state = this.#state;
-    const { thread: view } = this.#views;
-    const thread = state.open;
-    const after = view.latest;
-    if (!thread || after === null || state.fetching.later) return;
-    state.fetching.later = true;
-    try {
-      const page = await this.#page(thread, 'after', after);
-      if (page && state.open === thread && view.latest === after) view.append(page.prepared, page.more);
-    } finally {
-      state.fetching.later = false;
+      state.fetching[side] = false;
     }
   }
 

@@ -1,15 +1,13 @@
 // @ts-check
 // How each kind of item looks, and how it takes what streams into it.
-import { StreamingMarkdown } from './markdown.js';
+import { StreamingMarkdown, htmlInPieces } from './markdown.js';
 import { safeFragment } from './sanitize.js';
 import { element } from './dom.js';
 import { texts } from './texts.js';
 
 /** @typedef {import('../workspace/model.ts').Item} Item */
 /** @typedef {import('./markdown.js').Markdown} Markdown */
-
-/** Final blocks are drawn with their code coloured. */
-const FINAL = /** @type {const} */ ({ colour: true });
+/** @typedef {import('./code.js').CodeColours} CodeColours */
 
 // Drawing the growing rest again costs a parse and a sanitising pass: text that arrives in a
 // burst (many deltas in one network read) is drawn once a frame, not once a delta.
@@ -26,22 +24,41 @@ function finalTexts(item) {
   return [];
 }
 
+/** About this much Markdown is rendered and sanitised in one piece of work ahead of need. */
+const PIECE_CHARS = 2000;
+
+/** @param {Markdown} md @param {string} text @param {DocumentFragment} into */
+function* drawInPieces(md, text, into) {
+  for (const html of htmlInPieces(md, text, PIECE_CHARS)) {
+    into.append(safeFragment(html));
+    yield;
+  }
+}
+
 /**
- * The sanitised drawing of a final item's Markdown blocks. Made ahead of need, away from the
- * reader's scrolling: rendering and sanitising are most of what drawing an item costs.
- * @param {Item} item @param {Markdown} md @returns {DocumentFragment[]}
+ * The sanitised drawing of a final item's Markdown blocks, made ahead of need, away from the
+ * reader's scrolling (rendering and sanitising are most of what drawing an item costs), in pieces
+ * small enough to fit the moments the browser is idle: it yields between them.
+ * @param {Item} item @param {Markdown} md @returns {Generator<void, DocumentFragment[]>}
  */
-export function prepareItem(item, md) {
-  return finalTexts(item).map((text) => safeFragment(md.render(text, { ...FINAL })));
+export function* prepareItem(item, md) {
+  const drawn = [];
+  for (const text of finalTexts(item)) {
+    const fragment = document.createDocumentFragment();
+    yield* drawInPieces(md, text, fragment);
+    drawn.push(fragment);
+  }
+  return drawn;
 }
 
 /** Markdown in a container, drawn as it streams, checked once more when it is final. */
 class MarkdownBlock {
-  /** @param {Markdown} md @param {HTMLElement} container */
-  constructor(md, container) {
+  /** @param {Markdown} md @param {CodeColours} colours @param {HTMLElement} container */
+  constructor(md, colours, container) {
     this.md = md;
+    this.colours = colours;
     this.container = container;
-    this.stream = new StreamingMarkdown(md, FINAL);
+    this.stream = new StreamingMarkdown(md);
     /** Received but not drawn yet. */
     this.pending = '';
     this.frame = 0;
@@ -76,7 +93,11 @@ class MarkdownBlock {
     const { settledHtml, restHtml } = this.stream.append(this.pending);
     this.pending = '';
     for (const node of this.rest) node.remove();
-    if (settledHtml) this.container.append(safeFragment(settledHtml));
+    if (settledHtml) {
+      const settled = safeFragment(settledHtml);
+      this.colours.watch(settled);
+      this.container.append(settled);
+    }
     const fragment = safeFragment(restHtml);
     this.rest = [...fragment.childNodes];
     this.container.append(fragment);
@@ -90,7 +111,7 @@ class MarkdownBlock {
     cancelAnimationFrame(this.frame);
     this.frame = 0;
     this.container.replaceChildren();
-    this.stream = new StreamingMarkdown(this.md, FINAL);
+    this.stream = new StreamingMarkdown(this.md);
     this.pending = '';
     this.rest = [];
     this.settledHtml = '';
@@ -101,18 +122,19 @@ class MarkdownBlock {
 
   /**
    * The text is final: drawn whole, once, unless streaming drew exactly that already (streaming
-   * draws each block on its own, which the whole can draw otherwise: a reference defined later;
-   * and it leaves the growing rest's code plain). A drawing prepared ahead is taken as it is.
+   * draws each block on its own, which the whole can draw otherwise: a reference defined later).
+   * A drawing prepared ahead is taken as it is.
    * @param {string} text @param {DocumentFragment} [prepared]
    */
   settle(text, prepared) {
     if (this.final && text === this.text) return;
     cancelAnimationFrame(this.frame);
     this.frame = 0;
-    const whole = prepared ? '' : this.md.render(text, { ...FINAL });
+    const whole = prepared ? '' : this.md.render(text);
     const drawn = !prepared && this.pending === '' && text === this.stream.text && this.settledHtml + this.restHtml === whole;
     if (!drawn) this.container.replaceChildren(prepared ?? safeFragment(whole));
-    this.stream = new StreamingMarkdown(this.md, FINAL);
+    this.colours.watch(this.container);
+    this.stream = new StreamingMarkdown(this.md);
     this.stream.text = text;
     this.stream.settled = text.length;
     this.pending = '';
@@ -127,9 +149,13 @@ class MarkdownBlock {
  * The view of one item: built from its first state, then kept up to date.
  */
 export class ItemView {
-  /** @param {Item} item @param {Markdown} md @param {DocumentFragment[]} [prepared] from prepareItem, for a final item */
-  constructor(item, md, prepared = []) {
+  /**
+   * @param {Item} item @param {Markdown} md @param {CodeColours} colours
+   * @param {DocumentFragment[]} [prepared] from prepareItem, for a final item
+   */
+  constructor(item, md, colours, prepared = []) {
     this.md = md;
+    this.colours = colours;
     this.kind = item.kind;
     this.node = element('div', `item ${item.kind}`);
     /** @type {MarkdownBlock[]} */
@@ -147,7 +173,7 @@ export class ItemView {
     switch (item.kind) {
       case 'answer':
         this.node.classList.add('markdown');
-        this.blocks.push(new MarkdownBlock(this.md, this.node));
+        this.blocks.push(new MarkdownBlock(this.md, this.colours, this.node));
         break;
       case 'reasoning': {
         this.node.append(element('div', 'label', texts.reasoning));
@@ -155,7 +181,7 @@ export class ItemView {
       }
       case 'plan':
         this.node.append(element('div', 'label', texts.plan));
-        this.blocks.push(new MarkdownBlock(this.md, this.node.appendChild(element('div', 'markdown'))));
+        this.blocks.push(new MarkdownBlock(this.md, this.colours, this.node.appendChild(element('div', 'markdown'))));
         break;
       case 'command': {
         const details = element('details');
@@ -245,7 +271,7 @@ export class ItemView {
   /** @param {number} index */
   block(index) {
     while (this.blocks.length <= index) {
-      this.blocks.push(new MarkdownBlock(this.md, this.node.appendChild(element('div', 'markdown part'))));
+      this.blocks.push(new MarkdownBlock(this.md, this.colours, this.node.appendChild(element('div', 'markdown part'))));
     }
     return /** @type {MarkdownBlock} */ (this.blocks[index]);
   }

@@ -4,7 +4,7 @@
 // the whole answer on every delta would cost time growing with the square of its length.
 import markdownit from './vendor/markdown-it/markdown-it.esm.min.mjs';
 import { mathPlugin } from './math.js';
-import { codeBlockHtml } from './code.js';
+import { texts } from './texts.js';
 
 /** @typedef {ReturnType<typeof markdownit>} Markdown */
 /**
@@ -13,9 +13,21 @@ import { codeBlockHtml } from './code.js';
  *   attrGet(name: string): string | null, attrJoin(name: string, value: string): void,
  * }} Token
  */
-/** What a render is asked for: colour settles with a block, so the growing rest goes without. @typedef {{ colour?: boolean }} RenderEnv */
 
-/** Only web addresses are links: "#…" would open another thread of this page, and the rest (mailto:, file:, javascript:) have no business being one click away. @param {string} href */
+/**
+ * A code block's HTML, in a box with its copy button; coloured later, near the view (code.js).
+ * @param {(text: string) => string} escape @param {string} code @param {string} language
+ */
+function codeBlockHtml(escape, code, language) {
+  const named = language ? ` class="language-${escape(language)}"` : '';
+  return `<div class="code-block"><button type="button" class="copy-code" title="${texts.copyCode}">${texts.copy}</button>`
+    + `<pre><code${named}>${escape(code)}</code></pre></div>\n`;
+}
+
+/**
+ * Only web addresses are links: "#…" would open another thread of this page, and the rest
+ * (mailto:, file:, javascript:) have no business being one click away. @param {string} href
+ */
 export const isWebAddress = (href) => /^https?:/i.test(href);
 
 /** The page's Markdown: no raw HTML from answers, links made clickable, images shown as links. */
@@ -49,12 +61,12 @@ export function createMarkdown() {
     const alt = md.utils.escapeHtml(token.content || source);
     return isWebAddress(source) ? `<a href="${md.utils.escapeHtml(source)}">${alt}</a>` : alt;
   };
-  md.renderer.rules.fence = (/** @type {Token[]} */ tokens, /** @type {number} */ index, /** @type {unknown} */ _options, /** @type {RenderEnv} */ env) => {
+  md.renderer.rules.fence = (/** @type {Token[]} */ tokens, /** @type {number} */ index) => {
     const token = /** @type {Token} */ (tokens[index]);
-    return codeBlockHtml(md.utils.escapeHtml, token.content, token.info.trim().split(/\s+/)[0] ?? '', env?.colour === true);
+    return codeBlockHtml(md.utils.escapeHtml, token.content, token.info.trim().split(/\s+/)[0] ?? '');
   };
   md.renderer.rules.code_block = (/** @type {Token[]} */ tokens, /** @type {number} */ index) =>
-    codeBlockHtml(md.utils.escapeHtml, /** @type {Token} */ (tokens[index]).content, '', false);
+    codeBlockHtml(md.utils.escapeHtml, /** @type {Token} */ (tokens[index]).content, '');
   return md;
 }
 
@@ -82,14 +94,37 @@ export function settledLength(md, text) {
 }
 
 /**
+ * The HTML of text in runs of top-level blocks of about size characters each, which together are
+ * its whole HTML: parsed whole, so references resolve as in one render, and cut only between
+ * top-level blocks, which render on their own.
+ * @param {Markdown} md @param {string} text @param {number} size
+ * @returns {Generator<string>}
+ */
+export function* htmlInPieces(md, text, size) {
+  const env = {};
+  /** @type {Token[] & { level: number, nesting: number }[]} */
+  const tokens = md.parse(text, env);
+  let from = 0;
+  let length = 0;
+  for (let at = 0; at < tokens.length; at += 1) {
+    const token = /** @type {Token & { level: number, nesting: number }} */ (tokens[at]);
+    if (length >= size && token.level === 0 && token.nesting !== -1) {
+      yield md.renderer.render(tokens.slice(from, at), md.options, env);
+      [from, length] = [at, 0];
+    }
+    length += token.content.length;
+  }
+  yield md.renderer.render(tokens.slice(from), md.options, env);
+}
+
+/**
  * The HTML of a growing text, kept as settled chunks plus the growing rest.
  * Feed it text as it comes; it says which new chunk became settled and what the rest renders to.
  */
 export class StreamingMarkdown {
-  /** @param {Markdown} md @param {RenderEnv} [settledEnv] how settled chunks are rendered */
-  constructor(md, settledEnv = {}) {
+  /** @param {Markdown} md */
+  constructor(md) {
     this.md = md;
-    this.settledEnv = settledEnv;
     /** Everything received so far. */
     this.text = '';
     /** Where the settled part of text ends. */
@@ -104,7 +139,7 @@ export class StreamingMarkdown {
     this.text += more;
     const rest = this.text.slice(this.settled);
     const cut = settledLength(this.md, rest);
-    const settledHtml = cut > 0 ? this.md.render(rest.slice(0, cut), { ...this.settledEnv }) : '';
+    const settledHtml = cut > 0 ? this.md.render(rest.slice(0, cut)) : '';
     this.settled += cut;
     return { settledHtml, restHtml: this.md.render(this.text.slice(this.settled)) };
   }

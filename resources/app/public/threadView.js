@@ -5,6 +5,8 @@
 import { byId, element } from './dom.js';
 import { texts } from './texts.js';
 import { ItemView, prepareItem } from './items.js';
+import { CodeColours, copyFromCodeBlocks } from './code.js';
+import { idle } from './idle.js';
 import { ThreadActions } from './threadActions.js';
 
 /** @typedef {import('../workspace/model.ts').Thread} Thread */
@@ -16,66 +18,40 @@ import { ThreadActions } from './threadActions.js';
 /** @typedef {import('../workspace/model.ts').Rules} Rules */
 /** @typedef {import('./markdown.js').Markdown} Markdown */
 /** @typedef {{ node: HTMLElement, items: HTMLElement, foot: HTMLElement, head: TurnHead }} TurnParts */
+/** Before the drawn turns, or after them. @typedef {'before' | 'after'} Side */
 /** Turns with their items' Markdown drawn ahead (prepareTurns), by item key. @typedef {{ turns: Turn[], drawn: Map<string, DocumentFragment[]> }} Prepared */
 
 /** Within this of the end, the reader is at the end. */
 const END_SLACK_PX = 48;
 /** How much drawing one frame takes, when a page of turns goes in. */
 const FRAME_BUDGET_MS = 12;
-/** When the browser says it is idle only this late, work goes on anyway. */
-const IDLE_TIMEOUT_MS = 500;
-
 /** @param {string} turnId @param {number} position */
 const itemKey = (turnId, position) => `${turnId}/${position}`;
 
 const nextFrame = () => new Promise((resolve) => requestAnimationFrame(resolve));
 
-/** @returns {Promise<{ timeRemaining(): number }>} */
-function idle() {
-  if ('requestIdleCallback' in globalThis) return new Promise((resolve) => requestIdleCallback(resolve, { timeout: IDLE_TIMEOUT_MS }));
-  // Without idle callbacks (Safari): a short slice after the tasks already waiting.
-  return new Promise((resolve) => setTimeout(() => {
-    const until = performance.now() + FRAME_BUDGET_MS;
-    resolve({ timeRemaining: () => until - performance.now() });
-  }, 0));
-}
-
 /**
- * The Markdown of these turns' final items rendered and sanitised in the browser's idle time, an
- * item or a few at a time: so scrolling never waits for it. @param {Turn[]} turns @param {Markdown} md
+ * The Markdown of these turns' final items rendered and sanitised in the browser's idle time, a
+ * piece at a time: so scrolling never waits for it. @param {Turn[]} turns @param {Markdown} md
  * @returns {Promise<Prepared>}
  */
 export async function prepareTurns(turns, md) {
-  const items = turns.flatMap((turn) => turn.items.map((item) => ({ key: itemKey(turn.id, item.position), item })));
   /** @type {Map<string, DocumentFragment[]>} */
   const drawn = new Map();
-  for (let next = 0; next < items.length;) {
-    const deadline = await idle();
-    do {
-      const { key, item } = /** @type {{ key: string, item: Item }} */ (items[next]);
-      drawn.set(key, prepareItem(item, md));
-      next += 1;
-    } while (next < items.length && deadline.timeRemaining() > 0);
+  let deadline = await idle();
+  for (const turn of turns) {
+    for (const item of turn.items) {
+      const work = prepareItem(item, md);
+      for (;;) {
+        if (deadline.timeRemaining() <= 0) deadline = await idle();
+        const step = work.next();
+        if (!step.done) continue;
+        drawn.set(itemKey(turn.id, item.position), step.value);
+        break;
+      }
+    }
   }
   return { turns, drawn };
-}
-
-const COPIED_MS = 1500;
-
-/** Serves the copy buttons of every code block under root, with one listener. @param {HTMLElement} root */
-function copyFromCodeBlocks(root) {
-  root.addEventListener('click', async (event) => {
-    const button = event.target instanceof Element ? event.target.closest('.copy-code') : null;
-    const code = button?.parentElement?.querySelector('pre > code');
-    if (!button || !code) return;
-    try {
-      await navigator.clipboard.writeText(code.textContent ?? '');
-      button.textContent = texts.copied;
-    } catch {
-      button.textContent = texts.copyFailed;
-    }
-    setTimeout(() => { button.textContent = texts.copy; }, COPIED_MS);
-  });
 }
 
 /** @param {TurnHead} head */
@@ -108,15 +84,15 @@ export class ThreadView {
   #turns = new Map();
   /** @type {Map<string, ItemView>} */
   #items = new Map();
-  // Present while turns before (after) the drawn ones are left to fetch.
-  #top = element('div', 'sentinel');
-  #bottom = element('div', 'sentinel');
+  /** Present while turns before (after) the drawn ones are left to fetch. */
+  #sentinels = { before: element('div', 'sentinel'), after: element('div', 'sentinel') };
   #following = true;
   #lastTop = 0;
   /** Counts the threads shown: a page of turns still going in stops once another is. */
   #shown = 0;
 
   #actions;
+  #colours = new CodeColours();
 
   /** @param {Markdown} md @param {() => Rules | null} rules the service's, once it has said them */
   constructor(md, rules) {
@@ -143,14 +119,15 @@ export class ThreadView {
     hold.observe(this.#scroller);
   }
 
-  /** Where the earliest drawn turn is while earlier ones are left to fetch; null otherwise. */
-  get earliest() {
-    return this.#top.isConnected ? this.#positionOf(this.#top.nextElementSibling) : null;
-  }
-
-  /** Where the latest drawn turn is while later ones are left to fetch; null once the newest is drawn. */
-  get latest() {
-    return this.#bottom.isConnected ? this.#positionOf(this.#bottom.previousElementSibling) : null;
+  /**
+   * Where the earliest drawn turn is (before) while earlier ones are left to fetch, or the latest
+   * (after) while later ones are; null once there is nothing more that way.
+   * @param {Side} side
+   */
+  edge(side) {
+    const sentinel = this.#sentinels[side];
+    if (!sentinel.isConnected) return null;
+    return this.#positionOf(side === 'before' ? sentinel.nextElementSibling : sentinel.previousElementSibling);
   }
 
   /** @param {Element | null} node */
@@ -164,31 +141,24 @@ export class ThreadView {
     return prepareTurns(turns, this.#md);
   }
 
-  /** @param {() => Promise<void>} handler */
-  bindNearStart(handler) {
-    this.#drawNear(this.#top, handler, '600px 0px 0px 0px');
-  }
-
-  /** @param {() => Promise<void>} handler */
-  bindNearEnd(handler) {
-    this.#drawNear(this.#bottom, handler, '0px 0px 600px 0px');
-  }
-
   /**
-   * Calls handler whenever the sentinel comes near the view, and again while it stays there: a
-   * short page may not push it out.
-   * @param {HTMLElement} sentinel @param {() => Promise<void>} handler @param {string} rootMargin
+   * Calls handler whenever the start (or end) of what is drawn comes near the view while more lie
+   * beyond it, and again while it stays there: a short page may not push it out.
+   * @param {(side: Side) => Promise<void>} handler
    */
-  #drawNear(sentinel, handler, rootMargin) {
-    const observer = new IntersectionObserver((entries) => {
-      if (!entries.some((entry) => entry.isIntersecting)) return;
-      void handler().then(() => {
-        if (!sentinel.isConnected) return;
-        observer.unobserve(sentinel);
-        observer.observe(sentinel);
-      });
-    }, { root: this.#scroller, rootMargin });
-    observer.observe(sentinel);
+  bindNear(handler) {
+    for (const side of /** @type {Side[]} */ (['before', 'after'])) {
+      const sentinel = this.#sentinels[side];
+      const observer = new IntersectionObserver((entries) => {
+        if (!entries.some((entry) => entry.isIntersecting)) return;
+        void handler(side).then(() => {
+          if (!sentinel.isConnected) return;
+          observer.unobserve(sentinel);
+          observer.observe(sentinel);
+        });
+      }, { root: this.#scroller, rootMargin: side === 'before' ? '600px 0px 0px 0px' : '0px 0px 600px 0px' });
+      observer.observe(sentinel);
+    }
   }
 
   /**
@@ -212,8 +182,8 @@ export class ThreadView {
     this.usage(thread.usage);
     const fragment = document.createDocumentFragment();
     for (const turn of thread.turns) fragment.append(this.#drawTurn(turn));
-    if (thread.earlier && thread.turns.length > 0) fragment.prepend(this.#top);
-    if (thread.later && thread.turns.length > 0) fragment.append(this.#bottom);
+    if (thread.earlier && thread.turns.length > 0) fragment.prepend(this.#sentinels.before);
+    if (thread.later && thread.turns.length > 0) fragment.append(this.#sentinels.after);
     this.#conversation.append(fragment);
     this.#toEnd();
     if (at !== null) this.#bringIntoView(at);
@@ -266,7 +236,7 @@ export class ThreadView {
    */
   turn(head) {
     const isNew = !this.#turns.has(head.id);
-    if (isNew && this.#bottom.isConnected) return;
+    if (isNew && this.#sentinels.after.isConnected) return;
     const parts = this.#turnParts(head);
     if (isNew) this.#conversation.append(parts.node);
   }
@@ -285,12 +255,24 @@ export class ThreadView {
     this.#items.get(itemKey(turnId, position))?.append(field, part, text);
   }
 
-  /** Turns before the drawn ones, newest first, keeping what the reader sees where it is. @param {Prepared} page @param {boolean} more */
-  async prepend(page, more) {
-    // A frame's worth at a time: a whole page of turns at once blocks scrolling for longer than
-    // a reader will wait. One measurement and one scroll a frame: each forces a layout.
-    const turns = page.turns.toReversed();
+  /**
+   * Turns before (or after) the drawn ones; what the reader sees stays where it is.
+   * @param {Side} side @param {Prepared} page @param {boolean} more whether more lie beyond them
+   */
+  async add(side, page, more) {
     const shown = this.#shown;
+    if (side === 'before') await this.#prepend(page, shown);
+    else this.#sentinels.after.before(...page.turns.map((turn) => this.#drawTurn(turn, page.drawn)));
+    if (!more && shown === this.#shown) this.#sentinels[side].remove();
+  }
+
+  /**
+   * Newest first, a frame's worth at a time: a whole page of turns at once blocks scrolling for
+   * longer than a reader will wait. One measurement and one scroll a frame: each forces a layout.
+   * @param {Prepared} page @param {number} shown the thread they are for
+   */
+  async #prepend(page, shown) {
+    const turns = page.turns.toReversed();
     while (turns.length > 0) {
       const fromEnd = this.#scroller.scrollHeight - this.#scroller.scrollTop;
       const began = performance.now();
@@ -298,21 +280,12 @@ export class ThreadView {
       while (turns.length > 0 && performance.now() - began < FRAME_BUDGET_MS) {
         fragment.prepend(this.#drawTurn(/** @type {Turn} */ (turns.shift()), page.drawn));
       }
-      this.#top.after(fragment);
+      this.#sentinels.before.after(fragment);
       this.#scroller.scrollTop = this.#scroller.scrollHeight - fromEnd;
       this.#lastTop = this.#scroller.scrollTop;
       if (turns.length > 0) await nextFrame();
       if (shown !== this.#shown) return;
     }
-    if (!more) this.#top.remove();
-  }
-
-  /** Turns after the drawn ones; the reader's view stays where it is. @param {Prepared} page @param {boolean} more */
-  append(page, more) {
-    const fragment = document.createDocumentFragment();
-    for (const turn of page.turns) fragment.append(this.#drawTurn(turn, page.drawn));
-    this.#bottom.before(fragment);
-    if (!more) this.#bottom.remove();
   }
 
   /** @param {Turn} turn @param {Map<string, DocumentFragment[]>} [drawn] */
@@ -349,7 +322,7 @@ export class ThreadView {
       existing.update(item);
       return;
     }
-    const view = new ItemView(item, this.#md, drawn);
+    const view = new ItemView(item, this.#md, this.#colours, drawn);
     this.#items.set(key, view);
     if (existing) existing.node.replaceWith(view.node);
     else into.append(view.node);

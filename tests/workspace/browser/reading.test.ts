@@ -113,6 +113,8 @@ test('an answer reads well, the shortcuts do what they say, and a narrow window 
   assert.equal(await answer.locator('math').count(), 2);
   assert.equal(await answer.locator('.math-display math[display="block"] mfrac').count(), 1);
   assert.match(await answer.locator('p').first().textContent() ?? '', /价格 \$5 和 \$10 不是公式/);
+  // Code is coloured once it is near the view, when the page is idle.
+  await answer.locator('code.hljs').waitFor();
   assert.deepEqual(await answer.locator('code.hljs .hljs-keyword').allTextContents(), ['def', 'return']);
   for (const token of ['built_in', 'comment', 'string', 'number']) assert.ok(await answer.locator(`code.hljs .hljs-${token}`).count() > 0, token);
 
