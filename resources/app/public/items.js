@@ -27,14 +27,6 @@ function finalTexts(item) {
 /** About this much Markdown is rendered and sanitised in one piece of work ahead of need. */
 const PIECE_CHARS = 2000;
 
-/** @param {Markdown} md @param {string} text @param {DocumentFragment} into */
-function* drawInPieces(md, text, into) {
-  for (const html of htmlInPieces(md, text, PIECE_CHARS)) {
-    into.append(safeFragment(html));
-    yield;
-  }
-}
-
 /**
  * The sanitised drawing of a final item's Markdown blocks, made ahead of need, away from the
  * reader's scrolling (rendering and sanitising are most of what drawing an item costs), in pieces
@@ -45,7 +37,10 @@ export function* prepareItem(item, md) {
   const drawn = [];
   for (const text of finalTexts(item)) {
     const fragment = document.createDocumentFragment();
-    yield* drawInPieces(md, text, fragment);
+    for (const html of htmlInPieces(md, text, PIECE_CHARS)) {
+      fragment.append(safeFragment(html));
+      yield;
+    }
     drawn.push(fragment);
   }
   return drawn;

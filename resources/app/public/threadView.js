@@ -1,7 +1,7 @@
 // @ts-check
 // The open thread (or the welcome, when none is): its head, and its turns with their items, drawn
 // as the service's events come. A thread of years is drawn a page of turns at a time: the turns
-// before (or after) what is drawn are asked for through bindNear* as the reader scrolls close.
+// before (or after) what is drawn are asked for through bindNear as the reader scrolls close.
 import { byId, element } from './dom.js';
 import { texts } from './texts.js';
 import { ItemView, prepareItem } from './items.js';
@@ -19,7 +19,7 @@ import { ThreadActions } from './threadActions.js';
 /** @typedef {import('./markdown.js').Markdown} Markdown */
 /** @typedef {{ node: HTMLElement, items: HTMLElement, foot: HTMLElement, head: TurnHead }} TurnParts */
 /** Before the drawn turns, or after them. @typedef {'before' | 'after'} Side */
-/** Turns with their items' Markdown drawn ahead (prepareTurns), by item key. @typedef {{ turns: Turn[], drawn: Map<string, DocumentFragment[]> }} Prepared */
+/** Turns with their items' Markdown drawn ahead (prepare), by item key. @typedef {{ turns: Turn[], drawn: Map<string, DocumentFragment[]> }} Prepared */
 
 /** Within this of the end, the reader is at the end. */
 const END_SLACK_PX = 48;
@@ -29,30 +29,6 @@ const FRAME_BUDGET_MS = 12;
 const itemKey = (turnId, position) => `${turnId}/${position}`;
 
 const nextFrame = () => new Promise((resolve) => requestAnimationFrame(resolve));
-
-/**
- * The Markdown of these turns' final items rendered and sanitised in the browser's idle time, a
- * piece at a time: so scrolling never waits for it. @param {Turn[]} turns @param {Markdown} md
- * @returns {Promise<Prepared>}
- */
-export async function prepareTurns(turns, md) {
-  /** @type {Map<string, DocumentFragment[]>} */
-  const drawn = new Map();
-  let deadline = await idle();
-  for (const turn of turns) {
-    for (const item of turn.items) {
-      const work = prepareItem(item, md);
-      for (;;) {
-        if (deadline.timeRemaining() <= 0) deadline = await idle();
-        const step = work.next();
-        if (!step.done) continue;
-        drawn.set(itemKey(turn.id, item.position), step.value);
-        break;
-      }
-    }
-  }
-  return { turns, drawn };
-}
 
 /** @param {TurnHead} head */
 function footText(head) {
@@ -105,15 +81,15 @@ export class ThreadView {
       const open = this.#head.classList.toggle('expanded');
       more.setAttribute('aria-expanded', String(open));
     });
-    // Following the end: let go only when the reader scrolls up and away from it; content that
-    // grows under the view moves no scroll position of its own.
+    // Following the end: held through every change of height (turns laid out at their real
+    // height, an answer growing, the question box below growing or shrinking), and let go only
+    // when the reader scrolls up and away from it. Judging by position alone would let go of it
+    // whenever content grew before the view caught up.
     this.#scroller.addEventListener('scroll', () => {
       const top = this.#scroller.scrollTop;
       if (top < this.#lastTop || !this.#following) this.#following = this.#atEnd();
       this.#lastTop = top;
     }, { passive: true });
-    // Following the end: held through every change of height (turns laid out at their real
-    // height, an answer growing, the question box below growing or shrinking).
     const hold = new ResizeObserver(() => { if (this.#following) this.#toEnd(); });
     hold.observe(this.#conversation);
     hold.observe(this.#scroller);
@@ -136,9 +112,28 @@ export class ThreadView {
     return id === undefined ? null : this.#turns.get(id)?.head.position ?? null;
   }
 
-  /** Draws these turns' Markdown ahead of need. @param {Turn[]} turns */
-  prepare(turns) {
-    return prepareTurns(turns, this.#md);
+  /**
+   * The Markdown of these turns' final items rendered and sanitised in the browser's idle time, a
+   * piece at a time, ahead of need: so scrolling never waits for it.
+   * @param {Turn[]} turns @returns {Promise<Prepared>}
+   */
+  async prepare(turns) {
+    /** @type {Map<string, DocumentFragment[]>} */
+    const drawn = new Map();
+    let deadline = await idle();
+    for (const turn of turns) {
+      for (const item of turn.items) {
+        const work = prepareItem(item, this.#md);
+        for (;;) {
+          if (deadline.timeRemaining() <= 0) deadline = await idle();
+          const step = work.next();
+          if (!step.done) continue;
+          drawn.set(itemKey(turn.id, item.position), step.value);
+          break;
+        }
+      }
+    }
+    return { turns, drawn };
   }
 
   /**
