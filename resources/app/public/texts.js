@@ -1,8 +1,8 @@
 // @ts-check
 // Every word the page writes itself, in one place: index.html's too (its elements name theirs by
-// data-text and its kin, filled in at start). Sentences the service writes (its refusals, its
-// limits, Codex's errors) come from the service and are shown as they are; limits shown here are
-// the service's numbers, handed in.
+// data-text and its kin, filled in at start), all but the document's title, which a tab shows
+// before any script runs. Sentences the service writes (its refusals, its limits, Codex's errors)
+// come from the service and are shown as they are; limits shown here are the service's numbers.
 
 /** @typedef {import('../workspace/model.ts').Usage} Usage */
 

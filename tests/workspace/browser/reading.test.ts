@@ -9,6 +9,7 @@ import { ask, world } from '../support/world.ts';
 import { openPage, type Page } from '../support/browser.ts';
 import { until } from '../support/service.ts';
 
+// A string, a comment, a built-in and numbers besides the keywords: the contrast check reads each colour.
 const CODE = 'def area(r):\n    """圆的面积"""  # 半径\n    return 3.14 * r ** 2 + len([r])\n';
 // Cut so that formulas arrive in halves: "$$\\frac{1}{" must never show an error.
 const ANSWER = [
@@ -116,7 +117,6 @@ test('an answer reads well, the shortcuts do what they say, and a narrow window 
   // Code is coloured once it is near the view, when the page is idle.
   await answer.locator('code.hljs').waitFor();
   assert.deepEqual(await answer.locator('code.hljs .hljs-keyword').allTextContents(), ['def', 'return']);
-  for (const token of ['built_in', 'comment', 'string', 'number']) assert.ok(await answer.locator(`code.hljs .hljs-${token}`).count() > 0, token);
 
   await answer.locator('.copy-code').click();
   await answer.locator('.copy-code').getByText('已复制').waitFor();
