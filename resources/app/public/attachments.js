@@ -4,7 +4,7 @@
 // or the page's draft folder for a question that starts a thread) and shown as a chip under the
 // question box until it is sent or taken back. What is said about them (a refusal, a new name)
 // is said beside them, and goes when the next files come.
-import { element } from './dom.js';
+import { button, element } from './dom.js';
 import { texts } from './texts.js';
 import { postJson, upload } from './api.js';
 
@@ -102,8 +102,7 @@ export class Attachments {
   #upload(file) {
     const node = element('span', 'chip uploading');
     const label = node.appendChild(element('span', 'name', file.name));
-    const remove = node.appendChild(element('button', 'remove', '×'));
-    remove.type = 'button';
+    const remove = node.appendChild(button('×', 'remove'));
     remove.setAttribute('aria-label', texts.remove(file.name));
     this.#list.append(node);
     /** @type {Record<string, string>} */

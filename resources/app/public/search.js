@@ -2,7 +2,7 @@
 // The search box over every thread: while it holds text its hits stand in place of the thread
 // list, each opening its thread at the turn that matched. A hit's snippet is stored Markdown, cut
 // anywhere: it is shown as it reads, drawn as text nodes and <mark> elements, never as markup.
-import { element } from './dom.js';
+import { button, element } from './dom.js';
 import { texts } from './texts.js';
 import { getJson } from './api.js';
 import { readSnippet, searchRefusal } from './searchText.js';
@@ -56,15 +56,13 @@ export class SearchBox {
 
   /** @param {SearchHit} hit */
   #hit(hit) {
-    const entry = element('button', 'search-result');
-    entry.type = 'button';
+    const entry = button('', 'search-result', () => this.#open(hit.threadId, hit.turnPosition));
     entry.dataset.thread = hit.threadId;
     entry.dataset.turn = String(hit.turnPosition);
     const snippet = element('span', 'snippet');
     snippet.setAttribute('dir', 'auto');
     readSnippet(this.#md, hit.snippet).forEach((part, at) => snippet.append(at % 2 === 1 ? element('mark', '', part) : part));
     entry.append(element('span', 'title', hit.title), snippet);
-    entry.addEventListener('click', () => this.#open(hit.threadId, hit.turnPosition));
     return entry;
   }
 

@@ -3,7 +3,7 @@
 // the archived ones in a view of their own. Years of threads are not all sent at once: the
 // snapshot brings the pinned ones and the newest page, and older pages are fetched as the reader
 // scrolls to the end. Entries stay `.thread-entry` buttons in display order, for the keyboard.
-import { byId, element } from './dom.js';
+import { button, byId, element } from './dom.js';
 import { texts } from './texts.js';
 import { getJson } from './api.js';
 
@@ -32,10 +32,8 @@ export class ThreadList {
   /** @param {HTMLElement} nav */
   constructor(nav) {
     this.#nav = nav;
-    this.#toggle = /** @type {HTMLButtonElement} */ (element('button', 'archive-toggle'));
-    this.#toggle.type = 'button';
+    this.#toggle = button('', 'archive-toggle', () => this.#switchView());
     this.#toggle.id = 'archived-toggle';
-    this.#toggle.addEventListener('click', () => this.#switchView());
     nav.after(this.#toggle);
     // Fetching again while the sentinel stays in view: a short page may not push it out.
     this.#observer = new IntersectionObserver((seen) => {
@@ -113,13 +111,11 @@ export class ThreadList {
   #entry(thread) {
     let entry = this.#entries.get(thread.id);
     if (!entry) {
-      entry = /** @type {HTMLButtonElement} */ (element('button', 'thread-entry'));
-      entry.type = 'button';
-      entry.dataset.thread = thread.id;
-      entry.append(element('span', 'title'), element('span', 'when'));
-      entry.addEventListener('click', () => {
+      entry = button('', 'thread-entry', () => {
         location.hash = thread.id;
       });
+      entry.dataset.thread = thread.id;
+      entry.append(element('span', 'title'), element('span', 'when'));
       this.#entries.set(thread.id, entry);
     }
     /** @type {HTMLElement} */ (entry.firstChild).textContent = thread.title;
