@@ -60,11 +60,13 @@ function script(request: ResponsesRequest) {
   return reply.answer('好的。');
 }
 
-/** Asks in the open page and waits for the whole answer. */
+/** Asks in the open page and waits for the whole answer, its code coloured (that waits for an idle moment). */
 async function answered(page: Page, question: string) {
   await page.fill('#question', question);
   await page.press('#question', 'Enter');
   await page.locator('.turn-foot').getByText('本轮用量').waitFor();
+  const turn = page.locator('.turn').last();
+  if (await turn.locator('pre > code[class^="language-"]').count() > 0) await turn.locator('code.hljs').first().waitFor();
 }
 
 const standIn = await startStandIn(script);

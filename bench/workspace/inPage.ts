@@ -9,6 +9,7 @@ const PROBE = fileURLToPath(new URL('./probe.js', import.meta.url));
 export interface Recorded {
   seen: Record<string, number>;
   longTasks: { start: number; duration: number }[];
+  longFrames: { duration: number; scripts: number; rendering: number }[];
   handlers: { start: number; duration: number; bytes: number; kind: string }[];
   observerCost: number[];
   clicks: { event: number; handled: number }[];
@@ -56,7 +57,7 @@ export function recorded(page: Page): Promise<Recorded> {
 export function resetRecorded(page: Page, target: string | null = null): Promise<void> {
   return page.evaluate((selector) => {
     const bench = (globalThis as unknown as { __lmBench: Recorded }).__lmBench;
-    for (const key of ['longTasks', 'handlers', 'observerCost', 'clicks', 'hashChanges', 'painted'] as const) bench[key].length = 0;
+    for (const key of ['longTasks', 'longFrames', 'handlers', 'observerCost', 'clicks', 'hashChanges', 'painted'] as const) bench[key].length = 0;
     bench.seen = Object.create(null) as Record<string, number>;
     bench.target = selector;
     bench.arrived = bench.frame = bench.afterFrame = null;

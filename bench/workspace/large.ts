@@ -195,6 +195,8 @@ async function threadFigures(browser: Browser, service: Running, options: LargeO
   const toTop: number[] = [];
   const longest: number[] = [];
   const over50: number[] = [];
+  const framesScripts: number[] = [];
+  const framesRendering: number[] = [];
   const fetches: number[] = [];
   const heap: number[] = [];
   const metricHeap: number[] = [];
@@ -236,11 +238,15 @@ async function threadFigures(browser: Browser, service: Running, options: LargeO
     const scrolled = await recorded(page);
     drawn = await page.evaluate<number>(`document.querySelectorAll('#conversation .item').length`);
     const tasks = scrolled.longTasks.map((task) => task.duration);
-    options.log(`long thread ${run < 0 ? 'warm-up' : `run ${run + 1}`}: click → newest painted ${(at.at - click).toFixed(0)} ms (${at.how}); to the top in ${elapsed.toFixed(0)} ms with ${requests} fetches, ${drawn} items drawn, longest task ${Math.max(0, ...tasks).toFixed(0)} ms (${tasks.filter((task) => task > 50).length} over 50 ms)`);
+    const frames = scrolled.longFrames;
+    const sum = (key: 'scripts' | 'rendering') => frames.reduce((total, frame) => total + frame[key], 0);
+    options.log(`long thread ${run < 0 ? 'warm-up' : `run ${run + 1}`}: click → newest painted ${(at.at - click).toFixed(0)} ms (${at.how}); to the top in ${elapsed.toFixed(0)} ms with ${requests} fetches, ${drawn} items drawn, longest task ${Math.max(0, ...tasks).toFixed(0)} ms (${tasks.filter((task) => task > 50).length} over 50 ms); ${frames.length} long frames: scripts ${sum('scripts').toFixed(0)} ms, rendering ${sum('rendering').toFixed(0)} ms`);
     if (run < 0) continue;
     toTop.push(elapsed);
     longest.push(Math.max(0, ...tasks));
     over50.push(tasks.filter((task) => task > 50).length);
+    framesScripts.push(sum('scripts'));
+    framesRendering.push(sum('rendering'));
     fetches.push(requests);
 
     if (wantHeap) {
@@ -263,6 +269,7 @@ async function threadFigures(browser: Browser, service: Running, options: LargeO
       { name: `thread of ${items} items: click → newest painted`, unit: 'ms', runs: [opened], goal: { limit: 300, atMost: true, text: '≤ 300 ms' }, note: 'in the filled store, third in the list; Element Timing of the newest item' },
       { name: `thread of ${items} items: wheel to the top`, unit: 'ms', runs: [toTop], note: `wheel −2400 px every 50 ms until the first turn is drawn; earlier turns fetched per run: ${fetches.join(', ')}; ${drawn} items drawn at the top` },
       { name: `thread of ${items} items: longest task scrolling to the top`, unit: 'ms', runs: longest.map((value) => [value]), statistic: 'max', goal: { limit: 50, atMost: true, text: 'none over 50 ms' }, note: `Long Tasks API (0: none over 50 ms); tasks over 50 ms per run: ${over50.join(', ')}` },
+      { name: `thread of ${items} items: scripts in long frames scrolling to the top`, unit: 'ms', runs: [framesScripts], note: `Long Animation Frames that held input back, summed per run; their rendering (style, layout, paint): ${framesRendering.map((value) => value.toFixed(0)).join(', ')} ms` },
     );
   }
   if (wantHeap) {

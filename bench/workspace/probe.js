@@ -11,6 +11,8 @@
     seen: Object.create(null),
     /** every long task the page reports (Chromium: over 50 ms) */
     longTasks: [],
+    /** every frame that held input back (Long Animation Frames): its scripts' time and its rendering's */
+    longFrames: [],
     /** each message of the event stream: when its handler began, how long it took, its size */
     handlers: [],
     /** the observer's own cost per batch of mutations */
@@ -31,6 +33,13 @@
   new PerformanceObserver((list) => {
     for (const entry of list.getEntries()) bench.longTasks.push({ start: performance.timeOrigin + entry.startTime, duration: entry.duration });
   }).observe({ type: 'longtask', buffered: true });
+  new PerformanceObserver((list) => {
+    for (const entry of list.getEntries()) {
+      if (entry.blockingDuration === 0) continue;
+      const rendering = entry.renderStart ? entry.startTime + entry.duration - entry.renderStart : 0;
+      bench.longFrames.push({ duration: entry.duration, scripts: entry.scripts.reduce((sum, script) => sum + script.duration, 0), rendering });
+    }
+  }).observe({ type: 'long-animation-frame', buffered: true });
   new PerformanceObserver((list) => {
     for (const entry of list.getEntries()) {
       if (entry.identifier === 'lm-target') bench.painted.push(performance.timeOrigin + entry.renderTime);

@@ -2,20 +2,13 @@
 // Files the user brings to the next question: dropped anywhere on the page, pasted into the
 // question, or chosen with the paper clip. Each is uploaded at once (into the open thread's folder,
 // or the page's draft folder for a question that starts a thread) and shown as a chip under the
-// question box until it is sent or taken back.
-import { element } from './items.js';
+// question box until it is sent or taken back. What is said about them (a refusal, a new name)
+// is said beside them, and goes when the next files come.
+import { button, element } from './dom.js';
+import { texts } from './texts.js';
+import { postJson, upload } from './api.js';
 
-export const FILE_LIMIT_BYTES = 50 * 1024 * 1024;
-export const FILE_LIMIT_TEXT = '每个文件最多 50 MB';
-
-/** The files a question brought, as the thread shows them. @param {string[]} names */
-export function attachmentList(names) {
-  const list = element('ul', 'turn-attachments');
-  list.setAttribute('aria-label', '附件');
-  for (const name of names) list.append(element('li', 'chip', name));
-  return list;
-}
-
+/** @typedef {import('../workspace/model.ts').Rules} Rules */
 /** @typedef {{ name: string, node: HTMLElement, upload: Promise<string | null> }} Chip */
 
 export class Attachments {
@@ -27,17 +20,18 @@ export class Attachments {
   #chips = [];
   #list;
   #note;
-  #report;
+  #button;
+  #rules;
 
   /**
-   * @param {{ list: HTMLElement, note: HTMLElement, button: HTMLElement, input: HTMLInputElement, question: HTMLElement,
-   *   report(message: string): void }} parts
+   * @param {{ list: HTMLElement, note: HTMLElement, button: HTMLElement, input: HTMLInputElement, question: HTMLElement }} parts
+   * @param {() => Rules | null} rules the service's, once it has said them
    */
-  constructor(parts) {
+  constructor(parts, rules) {
     this.#list = parts.list;
     this.#note = parts.note;
-    this.#report = parts.report;
-    parts.button.title = `添加文件（${FILE_LIMIT_TEXT}），也可以把文件拖到页面上或粘贴进来`;
+    this.#button = parts.button;
+    this.#rules = rules;
     parts.button.addEventListener('click', () => parts.input.click());
     parts.input.addEventListener('change', () => {
       this.add([...(parts.input.files ?? [])]);
@@ -66,6 +60,11 @@ export class Attachments {
     });
   }
 
+  /** The limit the paper clip names. @param {Rules} rules */
+  showRules(rules) {
+    this.#button.title = texts.attachHint(texts.fileLimit(rules.fileBytes));
+  }
+
   /**
    * Another thread (or none) is open: what was brought for the one before stays in its folder. The
    * same one again (the event stream reconnected) keeps the chips. @param {string | null} thread
@@ -79,18 +78,23 @@ export class Attachments {
     this.#thread = thread;
     this.#chips = [];
     this.#list.replaceChildren();
-    this.#note.textContent = '';
+    this.#say('', false);
+  }
+
+  /** @param {string} sentence @param {boolean} refusal */
+  #say(sentence, refusal) {
+    this.#note.textContent = sentence;
+    this.#note.classList.toggle('refusal', refusal);
   }
 
   /** @param {File[]} files */
   add(files) {
-    this.#note.textContent = '';
+    this.#say('', false);
+    const rules = this.#rules();
     for (const file of files) {
-      if (file.size > FILE_LIMIT_BYTES) {
-        this.#report(`“${file.name}”太大了：${FILE_LIMIT_TEXT}。`);
-        continue;
-      }
-      this.#upload(file);
+      if (rules && file.size > rules.fileBytes) this.#say(texts.fileRefused(file.name, rules.refusals.fileTooLarge), true);
+      else if (rules && this.#chips.length >= rules.attachments) this.#say(rules.refusals.tooManyFiles, true);
+      else this.#upload(file);
     }
   }
 
@@ -98,38 +102,30 @@ export class Attachments {
   #upload(file) {
     const node = element('span', 'chip uploading');
     const label = node.appendChild(element('span', 'name', file.name));
-    const remove = node.appendChild(element('button', 'remove', '×'));
-    remove.setAttribute('type', 'button');
-    remove.setAttribute('aria-label', `移除 ${file.name}`);
+    const remove = node.appendChild(button('×', 'remove'));
+    remove.setAttribute('aria-label', texts.remove(file.name));
     this.#list.append(node);
     /** @type {Record<string, string>} */
     const place = this.#thread ? { thread: this.#thread } : { draft: this.#draft };
     /** @type {Chip} */
     const chip = { name: file.name, node, upload: Promise.resolve(null) };
-    chip.upload = fetch(`/api/uploads?${new URLSearchParams(place)}`, {
-      method: 'POST',
-      headers: { 'Content-Type': 'application/octet-stream', 'X-File-Name': encodeURIComponent(file.name) },
-      body: file,
-    }).then(async (answer) => {
-      const result = await answer.json().catch(() => ({}));
-      if (!answer.ok) throw new Error(result.error ?? `上传“${file.name}”失败（${answer.status}）。`);
-      chip.name = result.name;
-      label.textContent = result.name;
+    chip.upload = upload(place, file).then((name) => {
+      chip.name = name;
+      label.textContent = name;
+      remove.setAttribute('aria-label', texts.remove(name));
       node.classList.remove('uploading');
-      if (result.name !== file.name) this.#note.textContent = `已有同名文件，“${file.name}”改名为“${result.name}”。`;
-      return /** @type {string} */ (result.name);
-    }).catch((error) => {
+      if (name !== file.name) this.#say(texts.renamedFile(file.name, name), false);
+      return name;
+    }, (/** @type {Error} */ error) => {
       this.#drop(chip);
-      this.#report(error instanceof Error && error.message !== 'Failed to fetch' ? error.message : `上传“${file.name}”失败：无法连接工作区服务。`);
+      this.#say(texts.fileRefused(file.name, error.message), true);
       return null;
     });
     this.#chips.push(chip);
     remove.addEventListener('click', async () => {
       this.#drop(chip);
       if ((await chip.upload) === null) return;
-      await fetch('/api/uploads/remove', {
-        method: 'POST', headers: { 'Content-Type': 'application/json' }, body: JSON.stringify({ ...place, name: chip.name }),
-      }).catch(() => {});
+      await postJson('/api/uploads/remove', { ...place, name: chip.name }).catch(() => {});
     });
   }
 

@@ -1,35 +1,57 @@
 // @ts-check
 // How each kind of item looks, and how it takes what streams into it.
-import { StreamingMarkdown } from './markdown.js';
+import { StreamingMarkdown, htmlInPieces } from './markdown.js';
 import { safeFragment } from './sanitize.js';
-import { decorateCode } from './code.js';
+import { element } from './dom.js';
+import { texts } from './texts.js';
 
 /** @typedef {import('../workspace/model.ts').Item} Item */
 /** @typedef {import('./markdown.js').Markdown} Markdown */
-
-/**
- * @template {keyof HTMLElementTagNameMap} K
- * @param {K} tag
- * @param {string} [className]
- * @param {string} [text]
- * @returns {HTMLElementTagNameMap[K]}
- */
-export function element(tag, className, text) {
-  const node = document.createElement(tag);
-  if (className) node.className = className;
-  if (text !== undefined) node.textContent = text;
-  return node;
-}
+/** @typedef {import('./code.js').CodeColours} CodeColours */
 
 // Drawing the growing rest again costs a parse and a sanitising pass: text that arrives in a
 // burst (many deltas in one network read) is drawn once a frame, not once a delta.
 const FRAME_MS = 16;
 
+/**
+ * The texts of an item's Markdown blocks, in order, once the item is final; none while it runs.
+ * @param {Item} item
+ */
+function finalTexts(item) {
+  if (item.status === 'running') return [];
+  if (item.kind === 'answer' || item.kind === 'plan') return [item.text];
+  if (item.kind === 'reasoning') return item.parts;
+  return [];
+}
+
+/** About this much Markdown is rendered and sanitised in one piece of work ahead of need. */
+const PIECE_CHARS = 2000;
+
+/**
+ * The sanitised drawing of a final item's Markdown blocks, made ahead of need, away from the
+ * reader's scrolling (rendering and sanitising are most of what drawing an item costs), in pieces
+ * small enough to fit the moments the browser is idle: it yields between them.
+ * @param {Item} item @param {Markdown} md @returns {Generator<void, DocumentFragment[]>}
+ */
+export function* prepareItem(item, md) {
+  const drawn = [];
+  for (const text of finalTexts(item)) {
+    const fragment = document.createDocumentFragment();
+    for (const html of htmlInPieces(md, text, PIECE_CHARS)) {
+      fragment.append(safeFragment(html));
+      yield;
+    }
+    drawn.push(fragment);
+  }
+  return drawn;
+}
+
 /** Markdown in a container, drawn as it streams, checked once more when it is final. */
 class MarkdownBlock {
-  /** @param {Markdown} md @param {HTMLElement} container */
-  constructor(md, container) {
+  /** @param {Markdown} md @param {CodeColours} colours @param {HTMLElement} container */
+  constructor(md, colours, container) {
     this.md = md;
+    this.colours = colours;
     this.container = container;
     this.stream = new StreamingMarkdown(md);
     /** Received but not drawn yet. */
@@ -68,7 +90,7 @@ class MarkdownBlock {
     for (const node of this.rest) node.remove();
     if (settledHtml) {
       const settled = safeFragment(settledHtml);
-      decorateCode(settled);
+      this.colours.watch(settled);
       this.container.append(settled);
     }
     const fragment = safeFragment(restHtml);
@@ -94,18 +116,19 @@ class MarkdownBlock {
   }
 
   /**
-   * The text is final: drawn whole, once, unless streaming drew exactly that already. (Streaming
-   * draws each block on its own, which the whole can draw otherwise: a reference defined later.)
-   * @param {string} text
+   * The text is final: drawn whole, once, unless streaming drew exactly that already (streaming
+   * draws each block on its own, which the whole can draw otherwise: a reference defined later).
+   * A drawing prepared ahead is taken as it is.
+   * @param {string} text @param {DocumentFragment} [prepared]
    */
-  settle(text) {
+  settle(text, prepared) {
     if (this.final && text === this.text) return;
     cancelAnimationFrame(this.frame);
     this.frame = 0;
-    const whole = this.md.render(text);
-    const drawn = this.pending === '' && text === this.stream.text && this.settledHtml + this.restHtml === whole;
-    if (!drawn) this.container.replaceChildren(safeFragment(whole));
-    decorateCode(this.container);
+    const whole = prepared ? '' : this.md.render(text);
+    const drawn = !prepared && this.pending === '' && text === this.stream.text && this.settledHtml + this.restHtml === whole;
+    if (!drawn) this.container.replaceChildren(prepared ?? safeFragment(whole));
+    this.colours.watch(this.container);
     this.stream = new StreamingMarkdown(this.md);
     this.stream.text = text;
     this.stream.settled = text.length;
@@ -117,21 +140,17 @@ class MarkdownBlock {
   }
 }
 
-const STATUS_TEXT = { running: '运行中……', completed: '已完成', failed: '失败', stopped: '已停止' };
-
-/** @param {number | null} ms */
-function duration(ms) {
-  if (ms === null) return '';
-  return ms < 1000 ? `${ms} 毫秒` : `${(ms / 1000).toFixed(1)} 秒`;
-}
-
 /**
  * The view of one item: built from its first state, then kept up to date.
  */
 export class ItemView {
-  /** @param {Item} item @param {Markdown} md */
-  constructor(item, md) {
+  /**
+   * @param {Item} item @param {Markdown} md @param {CodeColours} colours
+   * @param {DocumentFragment[]} [prepared] from prepareItem, for a final item
+   */
+  constructor(item, md, colours, prepared = []) {
     this.md = md;
+    this.colours = colours;
     this.kind = item.kind;
     this.node = element('div', `item ${item.kind}`);
     /** @type {MarkdownBlock[]} */
@@ -141,7 +160,7 @@ export class ItemView {
     /** @type {HTMLElement | null} */
     this.state = null;
     this.build(item);
-    this.update(item);
+    this.update(item, prepared);
   }
 
   /** @param {Item} item */
@@ -149,20 +168,20 @@ export class ItemView {
     switch (item.kind) {
       case 'answer':
         this.node.classList.add('markdown');
-        this.blocks.push(new MarkdownBlock(this.md, this.node));
+        this.blocks.push(new MarkdownBlock(this.md, this.colours, this.node));
         break;
       case 'reasoning': {
-        this.node.append(element('div', 'label', '思考'));
+        this.node.append(element('div', 'label', texts.reasoning));
         break;
       }
       case 'plan':
-        this.node.append(element('div', 'label', '计划'));
-        this.blocks.push(new MarkdownBlock(this.md, this.node.appendChild(element('div', 'markdown'))));
+        this.node.append(element('div', 'label', texts.plan));
+        this.blocks.push(new MarkdownBlock(this.md, this.colours, this.node.appendChild(element('div', 'markdown'))));
         break;
       case 'command': {
         const details = element('details');
         const summary = element('summary');
-        summary.append(element('span', 'label', '命令'), element('code', 'command-line', item.command));
+        summary.append(element('span', 'label', texts.command), element('code', 'command-line', item.command));
         this.state = summary.appendChild(element('span', 'state'));
         this.output = element('pre', 'output');
         details.append(summary, this.output);
@@ -170,10 +189,10 @@ export class ItemView {
         break;
       }
       case 'webSearch':
-        this.node.append(element('span', 'label', '网页搜索'), element('span', 'query', item.query));
+        this.node.append(element('span', 'label', texts.webSearch), element('span', 'query', item.query));
         break;
       case 'tool':
-        this.node.append(element('span', 'label', '调用工具'), element('code', '', item.name));
+        this.node.append(element('span', 'label', texts.tool), element('code', '', item.name));
         break;
       case 'fileChange': {
         const details = element('details');
@@ -189,36 +208,35 @@ export class ItemView {
     }
   }
 
-  /** The item's whole state, as it now is. @param {Item} item */
-  update(item) {
+  /** The item's whole state, as it now is. @param {Item} item @param {DocumentFragment[]} [prepared] */
+  update(item, prepared = []) {
     this.node.dataset.status = item.status;
+    const final = item.status !== 'running';
     switch (item.kind) {
       case 'answer':
-        this.settleOrGrow(0, item.text, item.status !== 'running');
-        break;
       case 'plan':
-        this.settleOrGrow(0, item.text, item.status !== 'running');
+        this.settleOrGrow(0, item.text, final, prepared[0]);
         break;
       case 'reasoning':
-        item.parts.forEach((part, index) => this.settleOrGrow(index, part, item.status !== 'running'));
+        item.parts.forEach((part, index) => this.settleOrGrow(index, part, final, prepared[index]));
         break;
       case 'command': {
         const output = /** @type {HTMLElement} */ (this.output);
         if (output.textContent !== item.output) output.textContent = item.output;
-        const exit = item.exitCode === null ? '' : `退出码 ${item.exitCode}`;
-        const dropped = item.dropped > 0 ? `另有 ${item.dropped} 个字符的输出未保留` : '';
-        const parts = item.status === 'running' ? [STATUS_TEXT.running, dropped] : [exit || STATUS_TEXT[item.status], duration(item.durationMs), dropped];
+        const exit = item.exitCode === null ? '' : texts.exitCode(item.exitCode);
+        const dropped = item.dropped > 0 ? texts.dropped(item.dropped) : '';
+        const took = item.durationMs === null ? '' : texts.duration(item.durationMs);
+        const parts = item.status === 'running' ? [texts.itemStatus.running, dropped] : [exit || texts.itemStatus[item.status], took, dropped];
         /** @type {HTMLElement} */ (this.state).textContent = parts.filter(Boolean).join(' · ');
         this.node.classList.toggle('nonzero', item.exitCode !== null && item.exitCode !== 0);
         break;
       }
       case 'fileChange': {
-        const names = { add: '新建', delete: '删除', update: '修改' };
-        /** @type {HTMLElement} */ (this.state).textContent = `修改文件 ${item.changes.length} 个 · ${STATUS_TEXT[item.status]}`;
+        /** @type {HTMLElement} */ (this.state).textContent = texts.fileChanges(item.changes.length, texts.itemStatus[item.status]);
         const list = /** @type {HTMLElement} */ (this.output);
         list.replaceChildren(...item.changes.map((change) => {
           const entry = element('div', 'change');
-          entry.append(element('div', 'path', `${names[change.change]}：${change.path}`), element('pre', 'diff', change.diff));
+          entry.append(element('div', 'path', texts.changedFile(texts.change[change.change], change.path)), element('pre', 'diff', change.diff));
           return entry;
         }));
         break;
@@ -248,15 +266,15 @@ export class ItemView {
   /** @param {number} index */
   block(index) {
     while (this.blocks.length <= index) {
-      this.blocks.push(new MarkdownBlock(this.md, this.node.appendChild(element('div', 'markdown part'))));
+      this.blocks.push(new MarkdownBlock(this.md, this.colours, this.node.appendChild(element('div', 'markdown part'))));
     }
     return /** @type {MarkdownBlock} */ (this.blocks[index]);
   }
 
-  /** @param {number} index @param {string} text @param {boolean} final */
-  settleOrGrow(index, text, final) {
+  /** @param {number} index @param {string} text @param {boolean} final @param {DocumentFragment} [prepared] */
+  settleOrGrow(index, text, final, prepared) {
     const block = this.block(index);
-    if (final) block.settle(text);
+    if (final) block.settle(text, prepared);
     else if (text.startsWith(block.text)) block.append(text.slice(block.text.length));
     else block.reset(text);
   }

@@ -4,6 +4,8 @@
 // None of them is a key typing in the question box could mean: they take Ctrl (⌘ on a Mac) with
 // Shift or a letter the box does not use, or Alt with an arrow.
 import { listShown, showList } from './narrow.js';
+import { byId, element } from './dom.js';
+import { texts } from './texts.js';
 
 const MAC = /Mac|iPhone|iPad/.test(navigator.platform);
 const MOD = MAC ? '⌘' : 'Ctrl+';
@@ -18,9 +20,6 @@ const SHORTCUTS = {
   previous: `${ALT}↑`,
   next: `${ALT}↓`,
 };
-
-/** @param {string} id */
-const byId = (id) => document.getElementById(id);
 
 /** @param {KeyboardEvent} event */
 const modifier = (event) => (MAC ? event.metaKey && !event.ctrlKey : event.ctrlKey && !event.metaKey);
@@ -40,17 +39,9 @@ function move(step) {
 }
 
 function stop() {
-  const button = /** @type {HTMLButtonElement | null} */ (byId('stop'));
-  if (!button || button.hidden || button.disabled) return false;
+  const button = /** @type {HTMLButtonElement} */ (byId('stop'));
+  if (button.hidden || button.disabled) return false;
   button.click();
-  return true;
-}
-
-function focusSearch() {
-  const search = byId('search');
-  if (!search) return false;
-  showList(true);
-  search.focus();
   return true;
 }
 
@@ -65,10 +56,12 @@ function onKey(event) {
   if (event.defaultPrevented || event.isComposing) return;
   let handled = false;
   if (modifier(event) && event.shiftKey && !event.altKey && event.code === 'KeyO') {
-    byId('new-thread')?.click();
+    byId('new-thread').click();
     handled = true;
   } else if (modifier(event) && !event.shiftKey && !event.altKey && event.code === 'KeyK') {
-    handled = focusSearch();
+    showList(true);
+    byId('search').focus();
+    handled = true;
   } else if (event.altKey && !event.ctrlKey && !event.metaKey && !event.shiftKey && (event.key === 'ArrowUp' || event.key === 'ArrowDown')) {
     // On a Mac, ⌥↑ and ⌥↓ move the caret by paragraphs in a text box: there they stay its own.
     if (MAC && event.target instanceof HTMLTextAreaElement) return;
@@ -89,25 +82,23 @@ function onKey(event) {
 
 /** Names each shortcut in the help list and in the title of the button it stands for. */
 function describe() {
+  const names = texts.shortcuts;
   /** @type {[string, string, string | null][]} */
   const rows = [
-    ['新的研究', SHORTCUTS.newThread, 'new-thread'],
-    ['搜索', SHORTCUTS.search, 'search'],
-    ['停止回答', SHORTCUTS.stop, 'stop'],
-    ['上一个研究线程', SHORTCUTS.previous, null],
-    ['下一个研究线程', SHORTCUTS.next, null],
+    [names.newThread, SHORTCUTS.newThread, 'new-thread'],
+    [names.search, SHORTCUTS.search, 'search'],
+    [names.stop, SHORTCUTS.stop, 'stop'],
+    [names.previous, SHORTCUTS.previous, null],
+    [names.next, SHORTCUTS.next, null],
   ];
-  const list = byId('keys-list');
-  list?.replaceChildren(...rows.flatMap(([what, keys]) => {
-    const term = document.createElement('dt');
-    term.textContent = what;
-    const value = document.createElement('dd');
-    value.append(Object.assign(document.createElement('kbd'), { textContent: keys }));
-    return [term, value];
+  byId('keys-list').replaceChildren(...rows.flatMap(([what, keys]) => {
+    const value = element('dd');
+    value.append(element('kbd', '', keys));
+    return [element('dt', '', what), value];
   }));
   for (const [what, keys, id] of rows) {
     const target = id ? byId(id) : null;
-    if (target && !target.title) target.title = `${what}（${keys}）`;
+    if (target && !target.title) target.title = texts.withShortcut(what, keys);
   }
 }
 

@@ -1,16 +1,15 @@
 // @ts-check
 // The model and reasoning effort for the open thread (or the next one), from what Codex offers.
 // "Default" is Codex's own choice; the last choice made starts the next thread.
+import { texts } from './texts.js';
+import { getJson } from './api.js';
+
 /** @typedef {import('../workspace/model.ts').Choice} Choice */
 /** @typedef {import('../workspace/model.ts').ModelCatalog} ModelCatalog */
 /** @typedef {import('../workspace/model.ts').ServiceState} ServiceState */
 
-const EFFORTS = /** @type {Record<string, string>} */ ({
-  none: '不推理', minimal: '最少', low: '低', medium: '中', high: '高', xhigh: '很高', max: '最高', ultra: '极致',
-});
-
 /** @param {string | null} effort */
-export const effortLabel = (effort) => (effort ? EFFORTS[effort] ?? effort : '—');
+const effortLabel = (effort) => (effort ? texts.effortNames[effort] ?? effort : texts.noEffort);
 
 export class ModelPicker {
   /** @type {ModelCatalog | null} */
@@ -45,7 +44,7 @@ export class ModelPicker {
   serviceChanged(service) {
     if (service.codex.state !== 'ready' || this.#catalog || this.#loading) return;
     this.#loading = true;
-    fetch('/api/models').then((answer) => (answer.ok ? answer.json() : null)).then((catalog) => {
+    getJson('/api/models').then((catalog) => {
       this.#catalog = catalog;
       this.show(this.#thread);
     }, () => {}).finally(() => {
@@ -60,7 +59,7 @@ export class ModelPicker {
     this.#choice = thread ? { model: thread.model, effort: thread.effort } : { ...(this.#catalog?.last ?? { model: null, effort: null }) };
     const catalog = this.#catalog;
     if (catalog && this.#choice.model && !catalog.models.some((model) => model.id === this.#choice.model)) {
-      this.#note.textContent = `之前选的模型“${this.#choice.model}”现在不再提供，已改用默认模型。`;
+      this.#note.textContent = texts.modelGone(this.#choice.model);
       this.#choice = { model: null, effort: null };
     }
     this.#draw();
@@ -83,15 +82,15 @@ export class ModelPicker {
     if (!catalog) return;
     const byId = new Map(catalog.models.map((model) => [model.id, model]));
     const fallback = catalog.codexDefault.model;
-    const defaultName = fallback ? byId.get(fallback)?.name ?? fallback : 'Codex 的设置';
-    this.#model.replaceChildren(new Option(`默认（${defaultName}）`, ''),
+    const defaultName = fallback ? byId.get(fallback)?.name ?? fallback : texts.codexSettings;
+    this.#model.replaceChildren(new Option(texts.defaultModel(defaultName), ''),
       ...catalog.models.map((model) => new Option(model.name, model.id)));
     this.#model.value = this.#choice.model ?? '';
     const model = byId.get(this.#choice.model ?? fallback ?? '');
     const ownDefault = this.#choice.model ? model?.defaultEffort ?? null : catalog.codexDefault.effort ?? model?.defaultEffort ?? null;
     const efforts = model?.efforts ?? [];
-    this.#effort.replaceChildren(new Option(`推理：默认（${effortLabel(ownDefault)}）`, ''),
-      ...efforts.map((effort) => new Option(`推理：${effortLabel(effort)}`, effort)));
+    this.#effort.replaceChildren(new Option(texts.defaultEffort(effortLabel(ownDefault)), ''),
+      ...efforts.map((effort) => new Option(texts.effortChoice(effortLabel(effort)), effort)));
     if (this.#choice.effort && !efforts.includes(this.#choice.effort)) this.#choice = { ...this.#choice, effort: null };
     this.#effort.value = this.#choice.effort ?? '';
     this.#effort.disabled = efforts.length === 0;

@@ -3,6 +3,7 @@
 // link opens in a new tab, without telling the other site where it came from.
 // DOMPurify's browser build: loaded for its effect, it puts DOMPurify on the global object.
 import './vendor/dompurify/purify.min.js';
+import { isWebAddress } from './markdown.js';
 
 /**
  * The part of DOMPurify used here.
@@ -16,12 +17,11 @@ const purifier = /** @type {any} */ (globalThis).DOMPurify;
 purifier.addHook('afterSanitizeAttributes', (node) => {
   if (node.nodeName !== 'A') return;
   const href = node.getAttribute('href') ?? '';
-  if (/^https?:/i.test(href)) {
+  if (isWebAddress(href)) {
     node.setAttribute('target', '_blank');
     node.setAttribute('rel', 'noopener noreferrer');
   } else {
-    // Only web addresses are links: "#…" would open another thread of this page, and the rest
-    // (mailto:, file:, javascript:) have no business being one click away. Unwrapped below.
+    // The Markdown makes no other link; should one come, it is its words, unwrapped below.
     node.removeAttribute('href');
   }
 });

@@ -1,77 +1,93 @@
 // @ts-check
 // The search box over every thread: while it holds text its hits stand in place of the thread
-// list, each opening its thread at the turn that matched. Hits are stored text: they are drawn
-// as text nodes and <mark> elements, never as markup.
-import { element } from './items.js';
+// list, each opening its thread at the turn that matched. A hit's snippet is stored Markdown, cut
+// anywhere: it is shown as it reads, drawn as text nodes and <mark> elements, never as markup.
+import { button, element } from './dom.js';
+import { texts } from './texts.js';
+import { getJson } from './api.js';
+import { readSnippet, searchRefusal } from './searchText.js';
 
 /** @typedef {import('../workspace/model.ts').SearchHit} SearchHit */
+/** @typedef {import('../workspace/model.ts').Rules} Rules */
+/** @typedef {import('./markdown.js').Markdown} Markdown */
 
-/**
- * @param {{ input: HTMLInputElement, results: HTMLElement, threads: HTMLElement }} ui
- * @param {(threadId: string, turnPosition: number) => void} open
- */
-export function startSearch(ui, open) {
+export class SearchBox {
   /** @type {AbortController | null} */
-  let pending = null;
+  #pending = null;
+  #parts;
+  #md;
+  #rules;
+  #open;
 
-  function clear() {
-    pending?.abort();
-    pending = null;
-    ui.results.hidden = true;
-    ui.results.replaceChildren();
-    ui.threads.hidden = false;
+  /**
+   * @param {{ input: HTMLInputElement, results: HTMLElement, threads: HTMLElement }} parts
+   * @param {Markdown} md
+   * @param {() => Rules | null} rules the service's, once it has said them
+   * @param {(threadId: string, turnPosition: number) => void} open
+   */
+  constructor(parts, md, rules, open) {
+    this.#parts = parts;
+    this.#md = md;
+    this.#rules = rules;
+    this.#open = open;
+    parts.input.addEventListener('input', () => void this.#search());
+    parts.input.addEventListener('keydown', (event) => {
+      if (event.key !== 'Escape') return;
+      event.preventDefault();
+      parts.input.value = '';
+      this.#clear();
+    });
+  }
+
+  #clear() {
+    this.#pending?.abort();
+    this.#pending = null;
+    this.#parts.results.hidden = true;
+    this.#parts.results.replaceChildren();
+    this.#parts.threads.hidden = false;
+  }
+
+  /** @param {Node[]} nodes */
+  #show(nodes) {
+    this.#parts.threads.hidden = true;
+    this.#parts.results.hidden = false;
+    this.#parts.results.replaceChildren(...nodes);
   }
 
   /** @param {SearchHit} hit */
-  function drawHit(hit) {
-    const entry = element('button', 'search-result');
-    entry.type = 'button';
+  #hit(hit) {
+    const entry = button('', 'search-result', () => this.#open(hit.threadId, hit.turnPosition));
     entry.dataset.thread = hit.threadId;
     entry.dataset.turn = String(hit.turnPosition);
     const snippet = element('span', 'snippet');
     snippet.setAttribute('dir', 'auto');
-    hit.snippet.forEach((part, at) => snippet.append(at % 2 === 1 ? element('mark', '', part) : part));
+    readSnippet(this.#md, hit.snippet).forEach((part, at) => snippet.append(at % 2 === 1 ? element('mark', '', part) : part));
     entry.append(element('span', 'title', hit.title), snippet);
-    entry.addEventListener('click', () => open(hit.threadId, hit.turnPosition));
     return entry;
   }
 
-  async function search() {
-    const text = ui.input.value;
+  async #search() {
+    const text = this.#parts.input.value;
     if (text.trim() === '') {
-      clear();
+      this.#clear();
       return;
     }
-    pending?.abort();
+    this.#pending?.abort();
+    const refusal = searchRefusal(text, this.#rules());
+    if (refusal) {
+      this.#show([element('p', 'empty', refusal)]);
+      return;
+    }
     const controller = new AbortController();
-    pending = controller;
+    this.#pending = controller;
     try {
-      const answer = await fetch(`/api/search?q=${encodeURIComponent(text)}`, { signal: controller.signal });
-      /** @type {{ results?: SearchHit[], error?: string }} */
-      const body = await answer.json().catch(() => ({}));
+      /** @type {{ results: SearchHit[] }} */
+      const { results } = await getJson(`/api/search?q=${encodeURIComponent(text)}`, controller.signal);
       if (controller.signal.aborted) return;
-      ui.threads.hidden = true;
-      ui.results.hidden = false;
-      if (!answer.ok || !body.results) {
-        ui.results.replaceChildren(element('p', 'empty', body.error ?? `搜索失败了（${answer.status}）。`));
-      } else if (body.results.length === 0) {
-        ui.results.replaceChildren(element('p', 'empty', `没有找到“${text.trim()}”。`));
-      } else {
-        ui.results.replaceChildren(...body.results.map(drawHit));
-      }
+      this.#show(results.length === 0 ? [element('p', 'empty', texts.nothingFound(text.trim()))] : results.map((hit) => this.#hit(hit)));
     } catch (error) {
       if (controller.signal.aborted) return;
-      ui.results.hidden = false;
-      ui.threads.hidden = true;
-      ui.results.replaceChildren(element('p', 'empty', '无法连接工作区服务。'));
+      this.#show([element('p', 'empty', error instanceof Error ? error.message : String(error))]);
     }
   }
-
-  ui.input.addEventListener('input', () => void search());
-  ui.input.addEventListener('keydown', (event) => {
-    if (event.key !== 'Escape') return;
-    event.preventDefault();
-    ui.input.value = '';
-    clear();
-  });
 }

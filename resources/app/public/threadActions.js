@@ -3,54 +3,45 @@
 // export as a Markdown file, delete. Each change goes to the service with what this page saw, so
 // of two pages changing the same thread one wins and the other is told why in a sentence; what
 // the service then publishes redraws every page, this one included.
-import { element } from './items.js';
+import { button, element } from './dom.js';
+import { texts } from './texts.js';
+import { download, postJson } from './api.js';
 
 /** @typedef {import('../workspace/model.ts').ThreadSummary} ThreadSummary */
-/** @typedef {(path: string, body: unknown) => Promise<any>} Post */
+/** @typedef {import('../workspace/model.ts').Rules} Rules */
 
-/** The same limit the service keeps; checked here first so the reader learns it while typing. */
-const TITLE_LIMIT = 100;
-
-/** @param {string} text @param {string} className */
-function button(text, className) {
-  const node = /** @type {HTMLButtonElement} */ (element('button', className, text));
-  node.type = 'button';
-  return node;
-}
-
-/** The name in a Content-Disposition header (its UTF-8 form when given). @param {string | null} header */
-function fileNameOf(header) {
-  const utf8 = /filename\*=UTF-8''([^;]+)/i.exec(header ?? '');
-  if (utf8) return decodeURIComponent(utf8[1]);
-  return /filename="([^"]+)"/.exec(header ?? '')?.[1] ?? 'thread.md';
-}
+/** @param {unknown} error */
+const sentence = (error) => (error instanceof Error ? error.message : String(error));
 
 export class ThreadActions {
   /** @type {ThreadSummary | null} */
   #thread = null;
   #title;
-  #post;
-  #input = /** @type {HTMLInputElement} */ (element('input', 'title-edit'));
+  #rules;
+  #input = element('input', 'title-edit');
   #note = element('span', 'thread-note');
-  #pin = button('置顶', 'thread-action');
-  #archive = button('归档', 'thread-action');
-  #export = button('导出', 'thread-action');
-  #delete = button('删除', 'thread-action danger');
+  #pin = button(texts.pin, 'thread-action');
+  #archive = button(texts.archive, 'thread-action');
+  #export = button(texts.export, 'thread-action');
+  #delete = button(texts.delete, 'thread-action danger');
   #confirm = element('div', 'confirm-delete');
 
-  /** @param {HTMLElement} head @param {HTMLElement} title @param {Post} post */
-  constructor(head, title, post) {
+  /**
+   * @param {{ node: HTMLElement, title: HTMLElement, more: HTMLElement }} head where the title is, and where the actions go
+   * @param {() => Rules | null} rules the service's, once it has said them
+   */
+  constructor(head, rules) {
+    const { title } = head;
     this.#title = title;
-    this.#post = post;
+    this.#rules = rules;
     title.tabIndex = 0;
-    title.title = '点击改名';
+    title.title = texts.renameHint;
     title.addEventListener('click', () => this.#startRename());
     title.addEventListener('keydown', (event) => {
       if (event.key === 'Enter') this.#startRename();
     });
     this.#input.hidden = true;
-    this.#input.setAttribute('aria-label', '线程标题');
-    this.#input.maxLength = TITLE_LIMIT * 2; // characters outside the BMP count twice here
+    this.#input.setAttribute('aria-label', texts.titleLabel);
     this.#input.addEventListener('keydown', (event) => {
       if (event.isComposing || event.keyCode === 229) return;
       if (event.key === 'Enter') {
@@ -65,13 +56,14 @@ export class ThreadActions {
     });
     title.after(this.#input);
     this.#note.setAttribute('role', 'alert');
-    const confirmYes = button('删除线程和文件夹', 'thread-action danger');
-    const confirmNo = button('取消', 'thread-action');
-    this.#confirm.append(element('span', '', '删除这个线程、它的全部对话和它的文件夹？此操作无法撤销。'), confirmYes, confirmNo);
+    const confirmYes = button(texts.deleteForGood, 'thread-action danger');
+    const confirmNo = button(texts.cancel, 'thread-action');
+    this.#confirm.append(element('span', '', texts.deleteQuestion), confirmYes, confirmNo);
     this.#confirm.hidden = true;
     const bar = element('div', 'thread-actions');
     bar.append(this.#pin, this.#archive, this.#export, this.#delete);
-    head.append(bar, this.#confirm, this.#note);
+    head.more.append(bar, this.#confirm);
+    head.node.append(this.#note);
 
     this.#pin.addEventListener('click', () => this.#change('pin', { pinned: !this.#thread?.pinned }));
     this.#archive.addEventListener('click', () => this.#change('archive', { archived: !this.#thread?.archived }));
@@ -99,8 +91,8 @@ export class ThreadActions {
       this.#note.textContent = '';
     }
     if (!thread) return;
-    this.#pin.textContent = thread.pinned ? '取消置顶' : '置顶';
-    this.#archive.textContent = thread.archived ? '取消归档' : '归档';
+    this.#pin.textContent = thread.pinned ? texts.unpin : texts.pin;
+    this.#archive.textContent = thread.archived ? texts.unarchive : texts.archive;
   }
 
   #startRename() {
@@ -108,6 +100,8 @@ export class ThreadActions {
     this.#note.textContent = '';
     this.#input.value = this.#thread.title;
     this.#input.dataset.from = this.#thread.title;
+    const rules = this.#rules();
+    if (rules) this.#input.maxLength = rules.titleChars * 2; // characters outside the BMP count twice here
     this.#title.hidden = true;
     this.#input.hidden = false;
     this.#input.focus();
@@ -123,23 +117,22 @@ export class ThreadActions {
   async #rename() {
     const thread = this.#thread;
     if (!thread) return;
+    // Checked here first so the reader learns the limit while typing; an empty title is the
+    // service's to refuse.
     const title = this.#input.value.replace(/\s+/g, ' ').trim();
-    if (title === '') {
-      this.#note.textContent = '标题不能为空。';
-      return;
-    }
-    if ([...title].length > TITLE_LIMIT) {
-      this.#note.textContent = `标题太长了：请不要超过 ${TITLE_LIMIT} 个字。`;
+    const rules = this.#rules();
+    if (rules && [...title].length > rules.titleChars) {
+      this.#note.textContent = rules.refusals.titleTooLong;
       return;
     }
     this.#input.disabled = true;
     try {
-      await this.#post(`/api/threads/${encodeURIComponent(thread.id)}/title`, { title, from: this.#input.dataset.from });
+      await postJson(`/api/threads/${encodeURIComponent(thread.id)}/title`, { title, from: this.#input.dataset.from });
       this.#note.textContent = '';
       this.#endRename();
       this.#title.focus();
     } catch (error) {
-      this.#note.textContent = error instanceof Error ? error.message : String(error);
+      this.#note.textContent = sentence(error);
       this.#input.disabled = false;
       this.#input.focus();
     }
@@ -151,9 +144,9 @@ export class ThreadActions {
     if (!thread) return;
     this.#note.textContent = '';
     try {
-      await this.#post(`/api/threads/${encodeURIComponent(thread.id)}/${action}`, body);
+      await postJson(`/api/threads/${encodeURIComponent(thread.id)}/${action}`, body);
     } catch (error) {
-      if (this.#thread?.id === thread.id) this.#note.textContent = error instanceof Error ? error.message : String(error);
+      if (this.#thread?.id === thread.id) this.#note.textContent = sentence(error);
     }
   }
 
@@ -162,20 +155,8 @@ export class ThreadActions {
     const thread = this.#thread;
     if (!thread) return;
     this.#note.textContent = '';
-    try {
-      const answer = await fetch(`/api/threads/${encodeURIComponent(thread.id)}/export`);
-      if (!answer.ok) {
-        const refusal = await answer.json().catch(() => ({}));
-        throw new Error(refusal.error ?? `导出失败（${answer.status}）。`);
-      }
-      const url = URL.createObjectURL(await answer.blob());
-      const link = /** @type {HTMLAnchorElement} */ (element('a'));
-      link.href = url;
-      link.download = fileNameOf(answer.headers.get('Content-Disposition'));
-      link.click();
-      setTimeout(() => URL.revokeObjectURL(url), 60_000);
-    } catch (error) {
-      this.#note.textContent = error instanceof Error && error.message !== 'Failed to fetch' ? error.message : '无法连接工作区服务。';
-    }
+    await download(`/api/threads/${encodeURIComponent(thread.id)}/export`).catch((error) => {
+      this.#note.textContent = sentence(error);
+    });
   }
 }

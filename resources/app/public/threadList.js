@@ -3,13 +3,13 @@
 // the archived ones in a view of their own. Years of threads are not all sent at once: the
 // snapshot brings the pinned ones and the newest page, and older pages are fetched as the reader
 // scrolls to the end. Entries stay `.thread-entry` buttons in display order, for the keyboard.
-import { element } from './items.js';
+import { button, byId, element } from './dom.js';
+import { texts } from './texts.js';
+import { getJson } from './api.js';
 
 /** @typedef {import('../workspace/model.ts').ThreadSummary} ThreadSummary */
 /** @typedef {{ updatedAt: number, id: string }} Cursor */
 /** @typedef {{ cursor: Cursor | null, more: boolean }} Paging */
-
-const time = new Intl.DateTimeFormat('zh-CN', { month: 'numeric', day: 'numeric', hour: '2-digit', minute: '2-digit' });
 
 /** The list's order: newest first, then by id, as the service pages it. @param {Cursor} a @param {Cursor} b */
 const compare = (a, b) => b.updatedAt - a.updatedAt || (a.id < b.id ? -1 : a.id > b.id ? 1 : 0);
@@ -32,15 +32,18 @@ export class ThreadList {
   /** @param {HTMLElement} nav */
   constructor(nav) {
     this.#nav = nav;
-    this.#toggle = /** @type {HTMLButtonElement} */ (element('button', 'archive-toggle'));
-    this.#toggle.type = 'button';
+    this.#toggle = button('', 'archive-toggle', () => this.#switchView());
     this.#toggle.id = 'archived-toggle';
-    this.#toggle.addEventListener('click', () => this.#switchView());
     nav.after(this.#toggle);
     // Fetching again while the sentinel stays in view: a short page may not push it out.
     this.#observer = new IntersectionObserver((seen) => {
       if (seen.some((entry) => entry.isIntersecting)) void this.#fetchMore();
     }, { root: nav, rootMargin: '0px 0px 400px 0px' });
+  }
+
+  /** @param {() => void} handler */
+  bindNewThread(handler) {
+    byId('new-thread').addEventListener('click', handler);
   }
 
   /**
@@ -84,21 +87,21 @@ export class ThreadList {
     /** @type {HTMLElement[]} */
     const nodes = [];
     if (this.#view === 'archived') {
-      nodes.push(element('h2', 'thread-group', '已归档'), ...shown.map((thread) => this.#entry(thread)));
+      nodes.push(element('h2', 'thread-group', texts.archived), ...shown.map((thread) => this.#entry(thread)));
     } else {
       const pinned = shown.filter((thread) => thread.pinned);
       if (pinned.length > 0) {
-        nodes.push(element('h2', 'thread-group', '已置顶'), ...pinned.map((thread) => this.#entry(thread)));
-        nodes.push(element('h2', 'thread-group', '最近'));
+        nodes.push(element('h2', 'thread-group', texts.pinned), ...pinned.map((thread) => this.#entry(thread)));
+        nodes.push(element('h2', 'thread-group', texts.recent));
       }
       nodes.push(...shown.filter((thread) => !thread.pinned).map((thread) => this.#entry(thread)));
     }
     if (shown.length === 0 && !this.#paging[this.#view].more) {
-      nodes.push(element('p', 'empty', this.#view === 'archived' ? '没有归档的研究线程。' : '还没有研究线程。'));
+      nodes.push(element('p', 'empty', this.#view === 'archived' ? texts.noArchived : texts.noThreads));
     }
     nodes.push(this.#sentinel);
     this.#nav.replaceChildren(...nodes);
-    this.#toggle.textContent = this.#view === 'archived' ? '← 返回研究线程' : '已归档的线程';
+    this.#toggle.textContent = this.#view === 'archived' ? texts.backToThreads : texts.showArchived;
     this.#toggle.setAttribute('aria-pressed', String(this.#view === 'archived'));
     this.#observer.unobserve(this.#sentinel);
     if (this.#paging[this.#view].more) this.#observer.observe(this.#sentinel);
@@ -108,18 +111,15 @@ export class ThreadList {
   #entry(thread) {
     let entry = this.#entries.get(thread.id);
     if (!entry) {
-      entry = /** @type {HTMLButtonElement} */ (element('button', 'thread-entry'));
-      entry.type = 'button';
-      entry.dataset.thread = thread.id;
-      entry.append(element('span', 'title'), element('span', 'when'));
-      entry.addEventListener('click', () => {
+      entry = button('', 'thread-entry', () => {
         location.hash = thread.id;
       });
+      entry.dataset.thread = thread.id;
+      entry.append(element('span', 'title'), element('span', 'when'));
       this.#entries.set(thread.id, entry);
     }
     /** @type {HTMLElement} */ (entry.firstChild).textContent = thread.title;
-    /** @type {HTMLElement} */ (entry.lastChild).textContent = time.format(thread.updatedAt);
-    entry.classList.toggle('running', thread.running);
+    /** @type {HTMLElement} */ (entry.lastChild).replaceChildren(...(thread.running ? [element('span', 'live', texts.answeringNow)] : []), texts.when(thread.updatedAt));
     entry.classList.toggle('pinned', thread.pinned);
     entry.classList.toggle('open', thread.id === this.#open);
     entry.setAttribute('aria-current', thread.id === this.#open ? 'page' : 'false');
@@ -143,14 +143,15 @@ export class ThreadList {
         query.set('updated', String(paging.cursor.updatedAt));
         query.set('after', paging.cursor.id);
       }
-      const answer = await fetch(`/api/threads?${query}`);
-      if (!answer.ok || this.#paging[view] !== paging) return;
       /** @type {{ threads: ThreadSummary[], more: boolean }} */
-      const { threads, more } = await answer.json();
+      const { threads, more } = await getJson(`/api/threads?${query}`);
+      if (this.#paging[view] !== paging) return;
       for (const thread of threads) if (!this.#threads.has(thread.id)) this.#threads.set(thread.id, thread);
       paging.cursor = threads.at(-1) ?? paging.cursor;
       paging.more = more;
       this.draw();
+    } catch {
+      // The list stays as it is; the sentinel asks again when it next comes into view.
     } finally {
       this.#fetching = false;
     }

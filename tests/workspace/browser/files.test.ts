@@ -1,6 +1,8 @@
 // Files and the model choice as a user meets them: a text file dropped on the page and an image
 // chosen with the paper clip reach Codex (the stand-in sees the file named and the image itself),
-// the chosen model and effort reach it too, and all of it is still there after a reload.
+// the chosen model and effort reach it too, and all of it is still there after a reload. A file
+// refused on the way is said beside the files until the next ones come; a renamed one is named
+// as it now is.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
@@ -9,6 +11,7 @@ import { lastQuestion, reply, type ResponsesRequest } from '../support/standin.t
 import { Launcher, WORKSPACE } from '../support/launcher.ts';
 import { ask, newThread, world } from '../support/world.ts';
 import { openPage } from '../support/browser.ts';
+import { FILE_LIMIT_BYTES } from '../../../resources/app/workspace/files/uploads.ts';
 
 // A 1×1 PNG: Codex reads the image it is given, so it must be a real one.
 const PNG = Buffer.from('iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mP8z8BQDwAEhQGAhKmMIQAAAABJRU5ErkJggg==', 'base64');
@@ -29,12 +32,18 @@ test('an attached text file and image and the chosen model reach Codex, and the 
   await page.selectOption('#effort', 'high');
 
   // Written as text: the tests are checked without the browser's types.
-  const dropped = await page.evaluateHandle(`(() => {
+  const drop = async (file: string) => page.dispatchEvent('#scroller', 'drop', { dataTransfer: await page.evaluateHandle(`(() => {
     const transfer = new DataTransfer();
-    transfer.items.add(new File(['第一行\\n'], '笔记.txt', { type: 'text/plain' }));
+    transfer.items.add(${file});
     return transfer;
-  })()`);
-  await page.dispatchEvent('#scroller', 'drop', { dataTransfer: dropped });
+  })()`) });
+  await drop(`new File([new ArrayBuffer(${FILE_LIMIT_BYTES + 1})], '太大.bin')`);
+  await page.getByText('太大.bin').waitFor();
+  await drop(`new File(['第一行\\n'], '笔记.txt', { type: 'text/plain' })`);
+  await page.locator('#attachments .chip:not(.uploading)').waitFor();
+  assert.equal(await page.getByText('太大.bin').count(), 0, 'the refusal went when the next file came');
+  await page.setInputFiles('#attach-input', { name: '笔记.txt', mimeType: 'text/plain', buffer: Buffer.from('另一份\n') });
+  await page.getByRole('button', { name: '移除 笔记 (2).txt' }).click();
   await page.setInputFiles('#attach-input', { name: '图.png', mimeType: 'image/png', buffer: PNG });
   await page.locator('#attachments .chip:not(.uploading)').nth(1).waitFor();
 

@@ -59,6 +59,10 @@ test('sign in from the page, see the account, its plan and usage, sign out; a ta
   const account = page.locator('#account');
   await account.getByText('5 小时用量：已用 37%').waitFor();
   assert.deepEqual(await account.locator('.account-name, .account-plan').allTextContents(), ['ada@example.com', 'Plus']);
+  // With the account shown and a panel open too, the thread list keeps most of the sidebar.
+  await page.locator('#about summary').click();
+  const [list, sidebar] = [await page.locator('#threads').boundingBox(), await page.locator('.sidebar').boundingBox()];
+  assert.ok(list!.height > sidebar!.height / 2, `the list is ${list!.height} of ${sidebar!.height} px`);
   await (await ask(page, '登录以后能提问吗')).locator('.answer').getByText('收到：登录以后能提问吗').waitFor();
 
   // Signed out, the banner is back.

@@ -176,8 +176,11 @@ test('a Codex that is not signed in: the page offers the sign-in, and sees one m
   await launcher.quit();
 });
 
-test('a long thread opens at its end, and its earlier turns come as the reader scrolls up, each once, in order', async (t) => {
-  const { sandbox, browser } = await world(t, () => reply.answer('never asked'));
+test('a long thread of uneven turns opens at its newest, stays there while an answer streams, and its earlier turns come as the reader scrolls up, each once, in order', async (t) => {
+  let release!: () => void;
+  const held = new Promise<void>((resolve) => { release = resolve; });
+  const paragraphs = (count: number) => Array.from({ length: count }, (_, i) => `第 ${i} 段。${'内容 '.repeat(10 + (i * 37) % 90)}\n\n`);
+  const { sandbox, browser } = await world(t, () => ({ steps: [{ text: paragraphs(30), gapMs: 5, holdAfter: { index: 14, until: held } }] }));
   mkdirSync(sandbox.dataFolder, { recursive: true, mode: 0o700 });
   const store = ThreadStore.open(join(sandbox.dataFolder, 'workspace.db'));
   const head = (position: number): TurnHead => ({
@@ -187,19 +190,34 @@ test('a long thread opens at its end, and its earlier turns come as the reader s
   store.createThread({ id: 'long', title: '很长的线程', folder: 'threads/long', createdAt: 0 }, head(0));
   for (let position = 0; position < 60; position += 1) {
     if (position > 0) store.addTurn(head(position));
-    const text = `第 ${position} 轮。\n\n${'内容 '.repeat(120)}`;
+    // Heights far from any guess, and the newest turn short after two long ones.
+    const long = position % 7 === 0 || position === 57 || position === 58;
+    const text = `第 ${position} 轮。\n\n${long ? paragraphs(40).join('') : '简短。'}`;
     store.commit({ turns: [], items: [{ turnId: `turn-${position}`, item: { kind: 'answer', position: 0, status: 'completed', text } }] });
   }
   store.close();
   const launcher = await Launcher.ready(sandbox);
   const { page, problems } = await openPage(browser, `${WORKSPACE}#long`);
+  const atEnd = (what: string) => until(what, () => page.locator('#scroller').evaluate((scroller) => scroller.scrollHeight - scroller.scrollTop - scroller.clientHeight < 2));
   await page.locator('.turn .question').getByText('问题 59', { exact: true }).waitFor();
+  await atEnd('the thread to open at its newest turn');
   assert.ok(await page.locator('.turn').count() < 60, 'a page opens with its newest turns only');
+  await page.reload();
+  await page.locator('.turn .question').getByText('问题 59', { exact: true }).waitFor();
+  await atEnd('the thread to open again at its newest turn');
+
   for (let scrolls = 0; (await page.locator('.turn').count()) < 60 && scrolls < 40; scrolls += 1) {
     await page.locator('#scroller').evaluate((scroller) => { scroller.scrollTop = 0; });
     await page.waitForTimeout(100);
   }
   assert.deepEqual(await page.locator('.turn .question').allTextContents(), Array.from({ length: 60 }, (_, i) => `问题 ${i}`));
+
+  const streaming = await ask(page, '再写一段很长的');
+  await streaming.locator('.answer').getByText('第 14 段').waitFor();
+  await atEnd('the view to follow the answer as it streams');
+  release();
+  await streaming.locator('.turn-foot').getByText('本轮用量').waitFor();
+  await atEnd('the view to stay at the end of the answer');
   assert.deepEqual(problems, []);
   await launcher.quit();
 });

@@ -4,7 +4,7 @@
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import '../support/pageGlobals.ts';
-import { createMarkdown, StreamingMarkdown } from '../../../resources/app/public/markdown.js';
+import { createMarkdown, htmlInPieces, StreamingMarkdown } from '../../../resources/app/public/markdown.js';
 
 const md = createMarkdown();
 
@@ -63,6 +63,13 @@ for (const [name, text] of Object.entries(ANSWERS)) {
   });
 }
 
+test('drawn ahead in pieces, cut at every top-level block, an answer is its whole HTML', () => {
+  const references = '见 [文档][doc] 与 [另一篇][]。\n\n中间一段。\n\n[doc]: https://example.com/doc\n[另一篇]: https://example.com/other\n';
+  for (const [name, text] of Object.entries({ ...ANSWERS, references })) {
+    assert.equal([...htmlInPieces(md, text, 1)].join(''), md.render(text), name);
+  }
+});
+
 test('answers keep no raw HTML or style, and images become links, since the page loads nothing from elsewhere', () => {
   assert.match(md.render('| a | b |\n|:--|--:|\n| 1 | 2 |\n'), /<th class="align-left">a<\/th>\n<th class="align-right">b<\/th>/);
   assert.doesNotMatch(md.render(ANSWERS.table!), /style=/);
@@ -70,6 +77,8 @@ test('answers keep no raw HTML or style, and images become links, since the page
   assert.doesNotMatch(html, /<script|<img|href="javascript:/);
   assert.match(html, /&lt;script&gt;/);
   assert.match(html, /<a href="https:\/\/example.com\/a.png">pic<\/a>/);
+  // A link the page refuses reads as its words, not as its source.
+  assert.match(html, /<a>x<\/a>/);
 });
 
 test('mathematics is drawn where a formula is meant, and text stays text where it is not', () => {

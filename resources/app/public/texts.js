@@ -1,0 +1,174 @@
+// @ts-check
+// Every word the page writes itself, in one place: index.html's too (its elements name theirs by
+// data-text and its kin, filled in at start), all but the document's title, which a tab shows
+// before any script runs. Sentences the service writes (its refusals, its limits, Codex's errors)
+// come from the service and are shown as they are; limits shown here are the service's numbers.
+
+/** @typedef {import('../workspace/model.ts').Usage} Usage */
+
+const number = new Intl.NumberFormat('zh-CN');
+const clock = new Intl.DateTimeFormat('zh-CN', { month: 'numeric', day: 'numeric', hour: '2-digit', minute: '2-digit' });
+const MIB = 1024 * 1024;
+
+/** @param {Usage} usage */
+const tokens = (usage) => `输入 ${number.format(usage.input)} · 输出 ${number.format(usage.output)} 个 token`;
+
+export const texts = {
+  // The page's own elements.
+  newThread: '＋ 新的研究',
+  search: '搜索所有线程',
+  searchPlaceholder: '搜索所有线程……',
+  searchResults: '搜索结果',
+  threads: '研究线程',
+  account: 'Codex 账户',
+  keys: '快捷键',
+  about: '关于本机服务',
+  welcomeTitle: '向 Codex 提出一个研究问题',
+  welcome: '回答来自你自己的 Codex 命令行工具，并用你自己的 ChatGPT 账户登录。每个研究线程都有自己的文件夹，Codex 只能在其中写入；所有问题和回答都保存在这台电脑上。',
+  question: '问题',
+  questionPlaceholder: '提出一个研究问题……',
+  attachments: '要附带的文件',
+  attach: '添加文件',
+  model: '模型',
+  effort: '推理强度',
+  stop: '停止',
+  send: '发送',
+  more: '更多',
+
+  // Requests.
+  unreachable: '无法连接工作区服务。',
+  /** @param {number} status */
+  refused: (status) => `工作区服务拒绝了这个请求（${status}）。`,
+  disconnected: '与工作区服务的连接断开了，正在重新连接……如果 Lanternmoor Pro 已退出，请重新打开它。',
+  threadDeleted: '这个研究线程已被删除。',
+
+  // The thread and its turns.
+  /** @param {string} folder */
+  folder: (folder) => `文件夹：${folder}`,
+  /** @param {Usage} usage */
+  threadUsage: (usage) => `全部用量：${tokens(usage)}`,
+  /** @param {Usage} usage */
+  turnUsage: (usage) => `本轮用量：${tokens(usage)}`,
+  answering: 'Codex 正在回答……',
+  stopped: '已停止，之前的内容已保留。',
+  interrupted: '回答被中断了。',
+  failed: '这个问题没有得到回答。',
+  attached: '附件',
+  reasoning: '思考',
+  plan: '计划',
+  command: '命令',
+  webSearch: '网页搜索',
+  tool: '调用工具',
+  itemStatus: { running: '运行中……', completed: '已完成', failed: '失败', stopped: '已停止' },
+  /** @param {number} code */
+  exitCode: (code) => `退出码 ${code}`,
+  /** @param {number} ms */
+  duration: (ms) => (ms < 1000 ? `${ms} 毫秒` : `${(ms / 1000).toFixed(1)} 秒`),
+  /** @param {number} count */
+  dropped: (count) => `另有 ${count} 个字符的输出未保留`,
+  /** @param {number} count @param {string} status */
+  fileChanges: (count, status) => `修改文件 ${count} 个 · ${status}`,
+  change: { add: '新建', delete: '删除', update: '修改' },
+  /** @param {string} what @param {string} path */
+  changedFile: (what, path) => `${what}：${path}`,
+  copy: '复制',
+  copyCode: '复制代码',
+  copied: '已复制',
+  copyFailed: '复制失败',
+
+  // The thread's head.
+  renameHint: '点击改名',
+  titleLabel: '线程标题',
+  pin: '置顶',
+  unpin: '取消置顶',
+  archive: '归档',
+  unarchive: '取消归档',
+  export: '导出',
+  delete: '删除',
+  deleteForGood: '删除线程和文件夹',
+  cancel: '取消',
+  deleteQuestion: '删除这个线程、它的全部对话和它的文件夹？此操作无法撤销。',
+
+  // The thread list.
+  pinned: '已置顶',
+  recent: '最近',
+  archived: '已归档',
+  noThreads: '还没有研究线程。',
+  noArchived: '没有归档的研究线程。',
+  showArchived: '已归档的线程',
+  backToThreads: '← 返回研究线程',
+  answeringNow: '● 回答中 · ',
+  /** @param {number} at */
+  when: (at) => clock.format(at),
+
+  // Search.
+  /** @param {string} text */
+  nothingFound: (text) => `没有找到“${text}”。`,
+
+  // Files and the model.
+  /** @param {number} bytes */
+  fileLimit: (bytes) => `每个文件最多 ${number.format(Math.round(bytes / MIB))} MB`,
+  /** @param {string} limit */
+  ask: (limit) => `Enter 发送 · Shift+Enter 换行 · ${limit}`,
+  /** @param {string} limit */
+  attachHint: (limit) => `添加文件（${limit}），也可以把文件拖到页面上或粘贴进来`,
+  /** @param {string} name */
+  remove: (name) => `移除 ${name}`,
+  /** @param {string} name @param {string} sentence */
+  fileRefused: (name, sentence) => `“${name}”：${sentence}`,
+  /** @param {string} from @param {string} to */
+  renamedFile: (from, to) => `已有同名文件，“${from}”改名为“${to}”。`,
+  effortNames: /** @type {Record<string, string>} */ ({
+    none: '不推理', minimal: '最少', low: '低', medium: '中', high: '高', xhigh: '很高', max: '最高', ultra: '极致',
+  }),
+  noEffort: '—',
+  codexSettings: 'Codex 的设置',
+  /** @param {string} name */
+  defaultModel: (name) => `默认（${name}）`,
+  /** @param {string} name */
+  effortChoice: (name) => `推理：${name}`,
+  /** @param {string} name */
+  defaultEffort: (name) => `推理：默认（${name}）`,
+  /** @param {string} model */
+  modelGone: (model) => `之前选的模型“${model}”现在不再提供，已改用默认模型。`,
+
+  // The service and the account.
+  aboutRows: {
+    address: '工作区地址', dataFolder: '数据文件夹', codex: 'Codex 工具', account: 'Codex 账户', node: 'Node.js', startedAt: '启动时间',
+  },
+  /** @param {string} path @param {string} version */
+  codexVersion: (path, version) => `${path}（版本 ${version}）`,
+  noCodexPath: '（未提供）',
+  signedOut: '未登录',
+  noAccount: '—',
+  /** @param {number} at */
+  startedAt: (at) => new Date(at).toLocaleString('zh-CN'),
+  notSignedIn: 'Codex 还没有登录，登录后才能提问。',
+  signInWithChatGpt: '使用 ChatGPT 登录',
+  signInWithCode: '改用设备码登录',
+  signInStarting: '正在启动登录……',
+  signInInTab: '请在新打开的标签页中登录 ChatGPT，完成后这里会自动更新。没有看到标签页？',
+  signInAgain: '再次打开登录页',
+  signInOpen: '请在浏览器中打开 ',
+  signInCode: '，登录后输入这个一次性代码：',
+  cancelSignIn: '取消登录',
+  signOut: '退出登录',
+  signOutQuestion: '退出 Codex 的登录？退出后需要重新登录才能提问。',
+  /** @param {number | null} minutes */
+  usageWindow: (minutes) => {
+    if (minutes === null) return '用量';
+    if (minutes === 10_080) return '每周用量';
+    if (minutes % 1440 === 0) return `${minutes / 1440} 天用量`;
+    if (minutes % 60 === 0) return `${minutes / 60} 小时用量`;
+    return `${minutes} 分钟用量`;
+  },
+  /** @param {string} window @param {number} used @param {number | null} resetsAt */
+  usageLimit: (window, used, resetsAt) => `${window}：已用 ${used}%${resetsAt ? `，${clock.format(resetsAt)} 重置` : ''}`,
+
+  // The keyboard.
+  shortcuts: {
+    newThread: '新的研究', search: '搜索', stop: '停止回答', previous: '上一个研究线程', next: '下一个研究线程',
+  },
+  /** @param {string} what @param {string} keys */
+  withShortcut: (what, keys) => `${what}（${keys}）`,
+};
