@@ -2,11 +2,11 @@
 // links, the thread's usage, the shortcuts, and a window as narrow as a phone's.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { lastQuestion, reply, type ResponsesRequest } from '../support/standin.ts';
-import { Launcher, WORKSPACE } from '../support/launcher.ts';
-import { ask, world } from '../support/world.ts';
-import { openPage, type Page } from '../support/browser.ts';
-import { until } from '../support/service.ts';
+import { lastQuestion, reply, type ResponsesRequest } from '../../harness/standin.ts';
+import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
+import { ask, world } from '../../harness/world.ts';
+import { openPage, type Page } from '../../harness/browser.ts';
+import { until } from '../../harness/service.ts';
 
 const CODE = 'def area(r):\n    return 3.14 * r ** 2\n';
 // Cut so that formulas arrive in halves: "$$\\frac{1}{" must never show an error.

@@ -7,8 +7,8 @@ import { join } from 'node:path';
 import { ResearchDesk, STOP_DEADLINE_MS } from '../../../resources/app/workspace/research/desk.ts';
 import { ThreadStore, StoreError } from '../../../resources/app/workspace/store/store.ts';
 import { RpcError } from '../../../resources/app/workspace/codex/rpc.ts';
-import { VirtualClock, settle } from '../support/clock.ts';
-import { temporaryFolder } from '../support/service.ts';
+import { VirtualClock, settle } from '../../harness/clock.ts';
+import { temporaryFolder } from '../../harness/service.ts';
 
 /** Codex as the test scripts it: each method answers, fails, or waits for the test. */
 class ScriptedCodex {

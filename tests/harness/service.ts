@@ -8,9 +8,9 @@ import { request as httpRequest } from 'node:http';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { fileURLToPath } from 'node:url';
-import type { PageEvent } from '../../../resources/app/workspace/model.ts';
+import type { PageEvent } from '../../resources/app/workspace/model.ts';
 
-export const SOURCE = fileURLToPath(new URL('../../../', import.meta.url));
+export const SOURCE = fileURLToPath(new URL('../../', import.meta.url));
 export const APP = join(SOURCE, 'resources/app');
 export const NODE = process.execPath;
 export const CODEX = process.env.LM_TEST_CODEX ?? join(SOURCE, '.tools/codex/node_modules/.bin/codex');
@@ -41,7 +41,7 @@ export function isRunning(pid: number): boolean {
 /** An executable that runs the fake app-server under this test's Node.js. */
 export function fakeCodex(folder: string): string {
   const path = join(folder, 'codex');
-  writeFileSync(path, `#!/bin/sh\nexec "${NODE}" --experimental-strip-types "${join(SOURCE, 'tests/workspace/support/fake-app-server.ts')}" "$@"\n`);
+  writeFileSync(path, `#!/bin/sh\nexec "${NODE}" --experimental-strip-types "${join(SOURCE, 'tests/harness/fake-app-server.ts')}" "$@"\n`);
   chmodSync(path, 0o755);
   return path;
 }
@@ -74,7 +74,7 @@ export function upgradeRequest(port: number, path: string, headers: Record<strin
 }
 
 /** A page's event stream, read as the page reads it. */
-export class Page {
+export class EventStream {
   readonly events: PageEvent[] = [];
   /** When each event was read, on the stand-in's clock: for benchmarks. */
   readonly times: number[] = [];
@@ -140,7 +140,7 @@ export interface Running {
   child: ChildProcess;
   dataFolder: string;
   request(method: string, path: string, body?: unknown, headers?: Record<string, string>): Promise<{ status: number; body: any; headers: Headers }>;
-  page(threadId?: string | null): Page;
+  stream(threadId?: string | null): EventStream;
   exited: Promise<[number | null, NodeJS.Signals | null]>;
 }
 
@@ -192,10 +192,10 @@ export async function startService(options: { codexPath: string; dataFolder?: st
         outgoing.end(payload);
       });
     },
-    page(threadId = null) {
-      const page = new Page(port, threadId);
-      child.once('exit', () => page.close());
-      return page;
+    stream(threadId = null) {
+      const stream = new EventStream(port, threadId);
+      child.once('exit', () => stream.close());
+      return stream;
     },
   };
 }
