@@ -8,8 +8,9 @@ createServer((_, res) => res.end(JSON.stringify({ appId: 'lanternmoor-local-pro'
   .listen(Number(process.env.LANTERNMOOR_PORT), '127.0.0.1');
 process.on('SIGTERM', () => process.exit(0));
 """
-# Every shipped resource (the service, its page and its libraries, the guide), plain files all.
-RESOURCES = [path.relative_to(SOURCE / "resources") for path in (SOURCE / "resources").rglob("*") if path.is_file()]
+# Every shipped resource (the service with its types stripped, its page and its libraries, the guide).
+RESOURCES = [path.relative_to(SOURCE / "resources").with_suffix(".js" if path.suffix == ".ts" else path.suffix)
+             for path in (SOURCE / "resources").rglob("*") if path.is_file()]
 FILES = {"bin/lanternmoor-pro": "-rwxr-xr-x"} | {f"share/{path}": "-rw-r--r--" for path in (
     "applications/lanternmoor-pro.desktop", "icons/hicolor/scalable/apps/lanternmoor-pro.svg",
     "doc/lanternmoor-pro/copyright", "doc/lanternmoor-pro/changelog.gz", *(f"lanternmoor-pro/{path}" for path in RESOURCES))}

@@ -6,10 +6,9 @@ import { spawn, type ChildProcess } from 'node:child_process';
 import { mkdirSync, readdirSync, readFileSync, symlinkSync, writeFileSync, chmodSync } from 'node:fs';
 import { once } from 'node:events';
 import { join } from 'node:path';
-import { CODEX, isRunning, NODE, SOURCE, temporaryFolder, until } from './service.ts';
+import { assertShippedIsCurrent, BUILD, CODEX, isRunning, NODE, temporaryFolder, until } from './service.ts';
 
 export const WORKSPACE = 'http://127.0.0.1:18765/';
-const BUILD = process.env.LM_BUILD_DIR ?? join(SOURCE, 'build');
 
 export class Sandbox {
   readonly root = temporaryFolder('lm-browser-');
@@ -59,6 +58,7 @@ export class Launcher {
   output = '';
 
   constructor(sandbox: Sandbox, program = join(BUILD, 'bin/lanternmoor-pro')) {
+    assertShippedIsCurrent();
     this.child = spawn(program, [], {
       stdio: ['pipe', 'pipe', 'pipe'],
       env: {

@@ -1,7 +1,7 @@
-// The workspace service as the launcher runs it: a child Node.js on server.mjs, with the
-// launcher's environment, on a free loopback port; and a page's view of it (its event stream).
+// The workspace service as the launcher runs it: a child Node.js on the shipped server.mjs, with
+// the launcher's environment, on a free loopback port; and a page's view of it (its event stream).
 import { spawn, type ChildProcess } from 'node:child_process';
-import { chmodSync, mkdtempSync, readFileSync, writeFileSync } from 'node:fs';
+import { chmodSync, existsSync, mkdtempSync, readdirSync, readFileSync, statSync, writeFileSync } from 'node:fs';
 import { createServer } from 'node:net';
 import { once } from 'node:events';
 import { request as httpRequest } from 'node:http';
@@ -11,9 +11,26 @@ import { fileURLToPath } from 'node:url';
 import type { PageEvent } from '../../resources/app/workspace/model.ts';
 
 export const SOURCE = fileURLToPath(new URL('../../', import.meta.url));
-export const APP = join(SOURCE, 'resources/app');
+export const BUILD = process.env.LM_BUILD_DIR ?? join(SOURCE, 'build');
+/** The service as it ships: the build strips the types of resources/app into the share folder. */
+export const APP = join(BUILD, 'share/lanternmoor-pro/app');
 export const NODE = process.execPath;
 export const CODEX = process.env.LM_TEST_CODEX ?? join(SOURCE, '.tools/codex/node_modules/.bin/codex');
+
+let shippedChecked = false;
+/** A module changed since the build would leave a test running yesterday's service. */
+export function assertShippedIsCurrent(): void {
+  if (shippedChecked) return;
+  const sources = join(SOURCE, 'resources/app');
+  for (const name of readdirSync(sources, { recursive: true, encoding: 'utf8' })) {
+    if (!/^(server\.mjs|workspace\/.*\.ts)$/.test(name)) continue;
+    const shipped = join(APP, name.replace(/\.ts$/, '.js'));
+    if (!existsSync(shipped) || statSync(shipped).mtimeMs < statSync(join(sources, name)).mtimeMs) {
+      throw new Error(`${shipped} is older than resources/app/${name}: cmake --build ${BUILD} --target lanternmoor_resources`);
+    }
+  }
+  shippedChecked = true;
+}
 
 export function temporaryFolder(prefix: string): string {
   return mkdtempSync(join(tmpdir(), prefix));
@@ -144,10 +161,11 @@ export interface Running {
   exited: Promise<[number | null, NodeJS.Signals | null]>;
 }
 
-/** app: another copy of the app folder to run instead of the shipped one (benchmarks compare them). */
+/** app: another app folder (of another build, say) to run instead of the shipped one: benchmarks compare them. */
 export async function startService(options: { codexPath: string; dataFolder?: string; env?: NodeJS.ProcessEnv; app?: string }): Promise<Running> {
   const port = await freePort();
   const dataFolder = options.dataFolder ?? temporaryFolder('lm-data-');
+  if (!options.app) assertShippedIsCurrent();
   const app = options.app ?? APP;
   let output = '';
   const child = spawn(NODE, ['--experimental-strip-types', join(app, 'server.mjs')], {
