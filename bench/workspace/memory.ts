@@ -77,7 +77,7 @@ export async function memoryFigures(options: MemoryOptions): Promise<Figure[]> {
     }
   }
   return [
-    { name: `service resident after ${options.turns} turns`, unit: 'MB', runs: after.map((value) => [value]), goal: { limit: 60, atMost: true, text: '≤ 60 MB' }, note: `VmRSS of the service's own process, 3 s after the last turn; MB = 2^20 bytes` },
+    { name: `service resident after ${options.turns} turns`, unit: 'MB', runs: after.map((value) => [value]), goal: { limit: 75, atMost: true, text: '≤ 75 MB' }, note: `VmRSS of the service's own process, 3 s after the last turn; MB = 2^20 bytes` },
     { name: 'service resident before the first turn', unit: 'MB', runs: baseline.map((value) => [value]), note: 'Codex ready, a page connected' },
     { name: `service peak resident (VmHWM), ${options.turns} turns`, unit: 'MB', runs: peaks.map((value) => [value]) },
     { name: `service anonymous resident after ${options.turns} turns`, unit: 'MB', runs: anon.map((value) => [value]) },
