@@ -11,7 +11,7 @@ import { dirname } from 'node:path';
 const [source, output] = process.argv.slice(2);
 const text = readFileSync(source, 'utf8');
 const stripped = source.endsWith('.ts') ? stripTypeScriptTypes(text, { mode: 'strip' }) : text;
-const shipped = stripped.replace(/(\bfrom\s*|\bimport\s*\(\s*)(['"])(\.{1,2}\/[^'"\n]*)\.ts\2/g, '$1$2$3.js$2');
+const shipped = stripped.replace(/(\bfrom\s*|\bimport\s*\(?\s*)(['"])(\.{1,2}\/[^'"\n]*)\.ts\2/g, '$1$2$3.js$2');
 // Anything else that names a module of ours by its .ts would load the stripper after all.
 const left = /(['"])\.{1,2}\/[^'"\n]*\.ts\1/.exec(shipped);
 if (left) {
