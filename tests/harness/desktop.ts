@@ -50,8 +50,8 @@ export class XDisplay {
 
   /** An Xvfb that picks a free display number itself. */
   static async start(t: Scope): Promise<XDisplay> {
-    // Without -noreset the server starts over whenever its last client leaves, and a client that
-    // connects just then (the launcher's Qt, right after its own check of the display) is refused.
+    // Without -noreset the server starts over whenever its last client leaves, as the launcher's
+    // own check of the display does just before Qt connects; Qt's connection then failed now and then.
     const server = daemon(t, 'Xvfb', ['-displayfd', '3', '-screen', '0', '1024x600x24', '-nolisten', 'tcp', '-noreset'],
       { stdio: ['ignore', 'ignore', 'ignore', 'pipe'] });
     return new XDisplay(server, `:${await firstLine(server.stdio[3] as Readable)}`);
