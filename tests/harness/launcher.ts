@@ -41,11 +41,10 @@ export class Sandbox {
   }
 
   /** A shell script at this path under the sandbox's root. */
-  script(path: string, body: string): string {
+  script(path: string, body: string): void {
     const file = join(this.root, path);
     mkdirSync(dirname(file), { recursive: true });
     writeFileSync(file, `#!/bin/sh\n${body}\n`, { mode: 0o755 });
-    return file;
   }
 
   opened(): string[] {
