@@ -7,6 +7,7 @@ import { once } from 'node:events';
 import { copyFileSync, mkdirSync, rmSync, statSync } from 'node:fs';
 import { connect } from 'node:net';
 import { join } from 'node:path';
+import { createInterface } from 'node:readline';
 import type { Readable } from 'node:stream';
 import { readText } from './launcher.ts';
 import { temporaryFolder, until } from './service.ts';
@@ -29,32 +30,27 @@ function daemon(t: Scope, command: string, args: string[], options: Parameters<t
   return child;
 }
 
-async function firstLine(stream: Readable): Promise<string> {
-  let text = '';
-  for await (const chunk of stream) {
-    text += chunk;
-    if (text.includes('\n')) break;
-  }
-  return text.split('\n')[0]!.trim();
+async function firstLine(input: Readable): Promise<string> {
+  const reader = createInterface({ input });
+  const [line] = await once(reader, 'line') as [string];
+  reader.close();
+  return line.trim();
 }
 
 export class XDisplay {
-  readonly server: ChildProcess;
+  server!: ChildProcess;
   /** As DISPLAY names it. */
-  readonly name: string;
-
-  private constructor(server: ChildProcess, name: string) {
-    this.server = server;
-    this.name = name;
-  }
+  name = '';
 
   /** An Xvfb that picks a free display number itself. */
   static async start(t: Scope): Promise<XDisplay> {
+    const display = new XDisplay();
     // Without -noreset the server starts over whenever its last client leaves, as the launcher's
     // own check of the display does just before Qt connects; Qt's connection then failed now and then.
-    const server = daemon(t, 'Xvfb', ['-displayfd', '3', '-screen', '0', '1024x600x24', '-nolisten', 'tcp', '-noreset'],
+    display.server = daemon(t, 'Xvfb', ['-displayfd', '3', '-screen', '0', '1024x600x24', '-nolisten', 'tcp', '-noreset'],
       { stdio: ['ignore', 'ignore', 'ignore', 'pipe'] });
-    return new XDisplay(server, `:${await firstLine(server.stdio[3] as Readable)}`);
+    display.name = `:${await firstLine(display.server.stdio[3] as Readable)}`;
+    return display;
   }
 
   /** The trayer tray host along the top edge, its panel this colour; the panel's window. */
