@@ -1,22 +1,15 @@
-# The program on Linux: its resources beside it in the build tree as installed, the install
-# rules, and the Debian package made from them (cpack in the build folder, or
-# scripts/package-deb.sh).
+# The program on Linux: the install rules (the resources as Resources.cmake ships them), and the
+# Debian package made from them (cpack in the build folder, or scripts/package-deb.sh).
 
-# Resources beside the binary, as they are installed.
-file(GLOB_RECURSE LM_RESOURCES CONFIGURE_DEPENDS RELATIVE ${CMAKE_SOURCE_DIR}/resources ${CMAKE_SOURCE_DIR}/resources/*)
-set(LM_RESOURCE_OUTPUTS "")
-foreach(resource IN LISTS LM_RESOURCES)
-  add_custom_command(OUTPUT ${LM_SHARE_DIR}/${resource}
-    COMMAND ${CMAKE_COMMAND} -E copy_if_different ${CMAKE_SOURCE_DIR}/resources/${resource} ${LM_SHARE_DIR}/${resource}
-    DEPENDS ${CMAKE_SOURCE_DIR}/resources/${resource})
-  list(APPEND LM_RESOURCE_OUTPUTS ${LM_SHARE_DIR}/${resource})
-endforeach()
-add_custom_target(lanternmoor_resources ALL DEPENDS ${LM_RESOURCE_OUTPUTS})
 add_dependencies(lanternmoor-pro lanternmoor_resources)
 
 include(GNUInstallDirs)
 install(TARGETS lanternmoor-pro RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
-install(DIRECTORY ${CMAKE_SOURCE_DIR}/resources/ DESTINATION ${CMAKE_INSTALL_DATADIR}/lanternmoor-pro)
+# File by file: whatever else an older build left in the share folder is not shipped.
+foreach(resource IN LISTS LM_SHIPPED_RESOURCES)
+  get_filename_component(folder ${resource} DIRECTORY)
+  install(FILES ${LM_SHARE_DIR}/${resource} DESTINATION ${CMAKE_INSTALL_DATADIR}/lanternmoor-pro/${folder})
+endforeach()
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/lanternmoor-pro.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
 install(FILES ${CMAKE_SOURCE_DIR}/packaging/lanternmoor-pro.svg
   DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds "Lanternmoor Pro.app" on a Mac (macOS 13 or later, Xcode's command-line tools, Qt 6
-# from its online installer or Homebrew, CMake and Ninja) and puts Qt inside it with
-# macdeployqt, so the bundle runs on a Mac without Qt. It does not run on Linux.
+# from its online installer or Homebrew, CMake, Ninja, and a Node.js 22.13 or newer on PATH to
+# strip the service's types) and puts Qt inside it with macdeployqt, so the bundle runs on a Mac
+# without Qt. It does not run on Linux.
 #   scripts/build-macos.sh [path to Qt, e.g. ~/Qt/6.5.3/macos or $(brew --prefix qt)]
 set -euo pipefail
 
@@ -12,7 +13,7 @@ qt="${1:-$(brew --prefix qt 2>/dev/null || true)}"
 
 build="$root/build-macos"
 cd "$root"
-cmake --preset macos -DCMAKE_PREFIX_PATH="$qt"
+cmake --preset macos -DCMAKE_PREFIX_PATH="$qt" -DLM_NODE="$(command -v node)"
 cmake --build --preset macos
 bundle="$build/bin/Lanternmoor Pro.app"
 "$qt/bin/macdeployqt" "$bundle" -always-overwrite

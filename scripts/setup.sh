@@ -26,8 +26,8 @@ packages=(
   cmake ninja-build g++ pkg-config qt6-base-dev qt6-svg-dev qt6-wayland libgl-dev libxcb1-dev
   libgtest-dev libgmock-dev libbenchmark-dev libtsan2
   clang libc++-dev libc++abi-dev googletest
-  iproute2 python3 python3-xlib xvfb xauth trayer xdotool x11-utils imagemagick fonts-noto-cjk
-  dbus-daemon python3-dbus xfce4-panel weston
+  iproute2 xvfb xauth trayer xdotool x11-utils imagemagick fonts-noto-cjk
+  dbus-daemon dbus-bin xfce4-panel weston
   dpkg-dev lintian desktop-file-utils chromium lsof
   ca-certificates nodejs npm
 )

@@ -2,11 +2,11 @@
 // the real Codex answering through the stand-in model, Debian's Chromium. Run by
 // scripts/show-workspace.sh, which gives it a network namespace of its own.
 import { join } from 'node:path';
-import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type ResponsesRequest } from '../tests/workspace/support/standin.ts';
-import { Launcher, Sandbox, WORKSPACE } from '../tests/workspace/support/launcher.ts';
-import { launchBrowser, openPage, type Page } from '../tests/workspace/support/browser.ts';
-import { SOURCE } from '../tests/workspace/support/service.ts';
-import { startSignInStandIn } from '../tests/workspace/support/signin-standin.ts';
+import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type ResponsesRequest } from '../tests/harness/standin.ts';
+import { Launcher, Sandbox, WORKSPACE } from '../tests/harness/launcher.ts';
+import { launchBrowser, openPage, type Page } from '../tests/harness/browser.ts';
+import { SOURCE } from '../tests/harness/service.ts';
+import { startSignInStandIn } from '../tests/harness/signin-standin.ts';
 
 const shots = join(SOURCE, 'docs/screenshots');
 

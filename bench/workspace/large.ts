@@ -7,8 +7,8 @@
 // its figures are skipped with a line saying so.
 import { rmSync } from 'node:fs';
 import { Agent, request } from 'node:http';
-import { fakeCodex, startService, temporaryFolder, type Running } from '../../tests/workspace/support/service.ts';
-import { launchBrowser, openPage, type Browser, type Page } from '../../tests/workspace/support/browser.ts';
+import { fakeCodex, startService, temporaryFolder, type Running } from '../../tests/harness/service.ts';
+import { launchBrowser, openPage, type Browser, type Page } from '../../tests/harness/browser.ts';
 import { fileURLToPath } from 'node:url';
 import { copyOfStore, LONG_THREAD_ITEMS, type Filled } from './fill.ts';
 import { now, recorded, resetRecorded } from './inPage.ts';

@@ -18,7 +18,7 @@ import { cpus, loadavg } from 'node:os';
 import { mkdirSync } from 'node:fs';
 import { resolve } from 'node:path';
 import { parseArgs } from 'node:util';
-import { CODEX, SOURCE } from '../../tests/workspace/support/service.ts';
+import { CODEX, SOURCE } from '../../tests/harness/service.ts';
 import { printTable, type Figure } from './figures.ts';
 import { streamingFigures } from './streaming.ts';
 import { startFigures } from './start.ts';

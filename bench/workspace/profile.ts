@@ -1,7 +1,7 @@
 // Where the time goes: a CPU profile (Chrome's .cpuprofile format, from the page through the
 // DevTools protocol or from Node.js's --cpu-prof) reduced to the functions with the most time.
 import { writeFileSync } from 'node:fs';
-import type { Page } from '../../tests/workspace/support/browser.ts';
+import type { Page } from '../../tests/harness/browser.ts';
 
 interface ProfileNode {
   id: number;

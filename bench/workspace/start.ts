@@ -8,8 +8,8 @@ import { cpSync, copyFileSync, mkdirSync, writeFileSync, rmSync } from 'node:fs'
 import { connect } from 'node:net';
 import { request } from 'node:http';
 import { join } from 'node:path';
-import { APP, NODE, SOURCE, temporaryFolder, until } from '../../tests/workspace/support/service.ts';
-import { Launcher, Sandbox } from '../../tests/workspace/support/launcher.ts';
+import { APP, NODE, SOURCE, temporaryFolder, until } from '../../tests/harness/service.ts';
+import { Launcher, Sandbox } from '../../tests/harness/launcher.ts';
 import { now } from './inPage.ts';
 import { blocks, median, type Figure } from './figures.ts';
 import { residentMemory } from './memory.ts';

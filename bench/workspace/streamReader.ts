@@ -2,15 +2,15 @@
 // service are not held back by whatever this process's main thread is doing (the stand-in, the
 // browser's driver). The main thread asks for what was read with 'collect'.
 import { parentPort, workerData } from 'node:worker_threads';
-import { Page } from '../../tests/workspace/support/service.ts';
+import { EventStream } from '../../tests/harness/service.ts';
 
 const { url, threadId } = workerData as { url: string; threadId: string | null };
-const page = new Page(Number(new URL(url).port), threadId);
+const stream = new EventStream(Number(new URL(url).port), threadId);
 parentPort!.on('message', (message: 'collect' | 'close') => {
   if (message === 'collect') {
-    parentPort!.postMessage({ events: page.events, times: page.times });
+    parentPort!.postMessage({ events: stream.events, times: stream.times });
     return;
   }
-  page.close();
+  stream.close();
   parentPort!.close();
 });

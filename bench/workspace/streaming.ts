@@ -6,10 +6,10 @@ import { join } from 'node:path';
 import { rmSync } from 'node:fs';
 import { once } from 'node:events';
 import { Worker } from 'node:worker_threads';
-import { codexHome, lastQuestion, reply, startStandIn, type StandIn } from '../../tests/workspace/support/standin.ts';
-import { CODEX, startService, until, type Page as Stream, type Running } from '../../tests/workspace/support/service.ts';
+import { codexHome, lastQuestion, reply, startStandIn, type StandIn } from '../../tests/harness/standin.ts';
+import { CODEX, startService, until, type EventStream, type Running } from '../../tests/harness/service.ts';
 import type { PageEvent } from '../../resources/app/workspace/model.ts';
-import { launchBrowser, type Page } from '../../tests/workspace/support/browser.ts';
+import { launchBrowser, type Page } from '../../tests/harness/browser.ts';
 import { longAnswer, marker, shortAnswer } from './answers.ts';
 import { clockOffset, now, probedPage, recorded, resetRecorded, type Recorded } from './inPage.ts';
 import { median, type Figure } from './figures.ts';
@@ -105,19 +105,19 @@ class Bench {
    * A new thread, opened in the page, whose first (unmeasured) turn has finished; a stream to
    * wait on, and a reader that stamps.
    */
-  async newThread(): Promise<{ id: string; stream: Stream; reader: StreamReader }> {
+  async newThread(): Promise<{ id: string; stream: EventStream; reader: StreamReader }> {
     await this.page.click('#new-thread');
     await this.page.locator('#welcome').waitFor();
     await this.ask('先说一句话');
     await this.page.locator('.turn[data-status="completed"]').first().waitFor({ timeout: 30_000 });
     const id = decodeURIComponent(new URL(this.page.url()).hash.slice(1));
-    const stream = this.service.page(id);
+    const stream = this.service.stream(id);
     const reader = new StreamReader(this.service.url, id);
     await until('the event streams', async () => stream.events.length > 0 && (await reader.collect()).events.length > 0);
     return { id, stream, reader };
   }
 
-  async turnDone(stream: Stream, question: string): Promise<void> {
+  async turnDone(stream: EventStream, question: string): Promise<void> {
     await until(`the answer to ${question}`, () => stream.events.some((event) =>
       event.type === 'turn' && event.turn.question === question && event.turn.status !== 'running'), 60_000);
     const turn = stream.events.find((event) => event.type === 'turn' && event.turn.question === question && event.turn.status !== 'running');

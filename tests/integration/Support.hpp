@@ -59,6 +59,11 @@ inline bool serveEventsUntil(const std::function<bool()>& done, std::chrono::mil
 
 // Signal 0 still reaches a zombie, so this means reaped as well as ended.
 inline bool isGone(std::int32_t processIdentifier) { return ::kill(processIdentifier, 0) != 0; }
+// Ended, though whoever inherited it may not have reaped it yet.
+inline bool hasEnded(std::int32_t processIdentifier) {
+    const auto stat = readFile("/proc/" + std::to_string(processIdentifier) + "/stat");
+    return stat.empty() || stat.substr(stat.rfind(')') + 2, 1) == "Z";
+}
 
 // A TCP server on 127.0.0.1 and an ephemeral port that runs `script` on its first connection; without
 // a script it never accepts, so its queue fills.

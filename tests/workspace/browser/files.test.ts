@@ -7,10 +7,10 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
 import { join } from 'node:path';
-import { lastQuestion, reply, type ResponsesRequest } from '../support/standin.ts';
-import { Launcher, WORKSPACE } from '../support/launcher.ts';
-import { ask, newThread, world } from '../support/world.ts';
-import { openPage } from '../support/browser.ts';
+import { lastQuestion, reply, type ResponsesRequest } from '../../harness/standin.ts';
+import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
+import { ask, newThread, world } from '../../harness/world.ts';
+import { openPage } from '../../harness/browser.ts';
 import { FILE_LIMIT_BYTES } from '../../../resources/app/workspace/files/uploads.ts';
 
 // A 1×1 PNG: Codex reads the image it is given, so it must be a real one.

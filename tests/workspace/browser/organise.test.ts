@@ -4,10 +4,10 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { existsSync, mkdirSync, readFileSync } from 'node:fs';
 import { join } from 'node:path';
-import { commandOutput, lastQuestion, reply, type ResponsesRequest } from '../support/standin.ts';
-import { Launcher, WORKSPACE } from '../support/launcher.ts';
-import { ask, newThread, world } from '../support/world.ts';
-import { openPage, type Page } from '../support/browser.ts';
+import { commandOutput, lastQuestion, reply, type ResponsesRequest } from '../../harness/standin.ts';
+import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
+import { ask, newThread, world } from '../../harness/world.ts';
+import { openPage, type Page } from '../../harness/browser.ts';
 import { ThreadStore } from '../../../resources/app/workspace/store/store.ts';
 import { LIST_PAGE } from '../../../resources/app/workspace/research/threads.ts';
 

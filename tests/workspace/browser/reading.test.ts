@@ -3,11 +3,11 @@
 // the light and the dark look, and a window as narrow as a phone's.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { lastQuestion, reply, type ResponsesRequest } from '../support/standin.ts';
-import { Launcher, WORKSPACE } from '../support/launcher.ts';
-import { ask, world } from '../support/world.ts';
-import { openPage, type Page } from '../support/browser.ts';
-import { until } from '../support/service.ts';
+import { lastQuestion, reply, type ResponsesRequest } from '../../harness/standin.ts';
+import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
+import { ask, world } from '../../harness/world.ts';
+import { openPage, type Page } from '../../harness/browser.ts';
+import { until } from '../../harness/service.ts';
 
 // A string, a comment, a built-in and numbers besides the keywords: the contrast check reads each colour.
 const CODE = 'def area(r):\n    """圆的面积"""  # 半径\n    return 3.14 * r ** 2 + len([r])\n';

@@ -4,10 +4,10 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { mkdirSync } from 'node:fs';
 import { join } from 'node:path';
-import { reply } from '../support/standin.ts';
-import { Launcher, WORKSPACE } from '../support/launcher.ts';
-import { ask, world } from '../support/world.ts';
-import { openPage } from '../support/browser.ts';
+import { reply } from '../../harness/standin.ts';
+import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
+import { ask, world } from '../../harness/world.ts';
+import { openPage } from '../../harness/browser.ts';
 import { ThreadStore } from '../../../resources/app/workspace/store/store.ts';
 import type { TurnHead } from '../../../resources/app/workspace/model.ts';
 

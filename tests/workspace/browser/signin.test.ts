@@ -6,12 +6,12 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { createServer, connect, type Server } from 'node:net';
 import { once } from 'node:events';
-import { lastQuestion, reply } from '../support/standin.ts';
-import { startSignInStandIn } from '../support/signin-standin.ts';
-import { Launcher, WORKSPACE } from '../support/launcher.ts';
-import { ask, world } from '../support/world.ts';
-import { openPage } from '../support/browser.ts';
-import { until } from '../support/service.ts';
+import { lastQuestion, reply } from '../../harness/standin.ts';
+import { startSignInStandIn } from '../../harness/signin-standin.ts';
+import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
+import { ask, world } from '../../harness/world.ts';
+import { openPage } from '../../harness/browser.ts';
+import { until } from '../../harness/service.ts';
 import { texts } from '../../../resources/app/workspace/texts.ts';
 
 // The browser sign-in's callback ports (the second is Codex's fallback); the test runs in a

@@ -6,8 +6,8 @@ import { join } from 'node:path';
 import { CodexAppServer } from '../../../resources/app/workspace/codex/appServer.ts';
 import { texts } from '../../../resources/app/workspace/texts.ts';
 import type { CodexState } from '../../../resources/app/workspace/model.ts';
-import { VirtualClock } from '../support/clock.ts';
-import { fakeCodex, temporaryFolder, until } from '../support/service.ts';
+import { VirtualClock } from '../../harness/clock.ts';
+import { fakeCodex, temporaryFolder, until } from '../../harness/service.ts';
 
 function appServer(env: NodeJS.ProcessEnv) {
   const clock = new VirtualClock();

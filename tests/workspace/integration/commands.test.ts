@@ -9,7 +9,7 @@ import { once } from 'node:events';
 import { constants } from 'node:os';
 import { endThreadCommands, killSurvivors, treeOf, MARKER } from '../../../resources/app/workspace/codex/commands.ts';
 import { systemClock } from '../../../resources/app/workspace/clock.ts';
-import { isRunning, NODE, until } from '../support/service.ts';
+import { isRunning, NODE, until } from '../../harness/service.ts';
 
 function catches(pid: number, signal: 'SIGTERM'): boolean {
   const mask = /^SigCgt:\s*([0-9a-f]+)$/m.exec(readFileSync(`/proc/${pid}/status`, 'utf8'))?.[1] ?? '0';

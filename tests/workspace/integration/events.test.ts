@@ -4,7 +4,7 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { connect } from 'node:net';
 import { MAX_QUEUED_BYTES } from '../../../resources/app/workspace/http/events.ts';
-import { fakeCodex, startService, Tap, temporaryFolder, until, upgradeRequest } from '../support/service.ts';
+import { fakeCodex, startService, Tap, temporaryFolder, until, upgradeRequest } from '../../harness/service.ts';
 
 // A stalled page's connection absorbs about 4 MiB in the kernel's buffers before anything queues
 // in the service; the turn streams well beyond that plus the hub's limit, slowly enough (about
@@ -18,7 +18,7 @@ test('fifty pages follow one turn; the one that stops reading is dropped, the ot
   try {
     const created = await service.request('POST', '/api/threads', { question: 'first' });
     const id: string = created.body.thread.id;
-    await service.page(id).wait('turn', (event) => event.turn.status === 'completed');
+    await service.stream(id).wait('turn', (event) => event.turn.status === 'completed');
 
     const readers = Array.from({ length: 49 }, () => new Tap(service.port, id));
     const stalled = connect(service.port, '127.0.0.1');

@@ -7,7 +7,7 @@ import { spawn } from 'node:child_process';
 import { createServer, type Socket } from 'node:net';
 import { once } from 'node:events';
 import { lsofLookup, procNetLookup, type PeerLookup } from '../../../resources/app/workspace/http/peer.ts';
-import { NODE } from '../support/service.ts';
+import { NODE } from '../../harness/service.ts';
 
 async function ownerOfConnectionFrom(uid: number | null, lookup: PeerLookup): Promise<number | null> {
   const server = createServer().listen(0, '127.0.0.1');

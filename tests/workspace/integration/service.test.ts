@@ -9,7 +9,7 @@ import { join } from 'node:path';
 import { DatabaseSync } from 'node:sqlite';
 import { texts } from '../../../resources/app/workspace/texts.ts';
 import { MINIMUM_CODEX_VERSION } from '../../../resources/app/workspace/codex/appServer.ts';
-import { fakeCodex, isRunning, NODE, startService, temporaryFolder, until, type Running } from '../support/service.ts';
+import { fakeCodex, isRunning, NODE, startService, temporaryFolder, until, type Running } from '../../harness/service.ts';
 
 async function withService(env: NodeJS.ProcessEnv, work: (service: Running, methods: () => string[]) => Promise<void>, options: { codexPath?: string; dataFolder?: string } = {}) {
   const folder = temporaryFolder('lm-fake-');
@@ -33,7 +33,7 @@ const query = (service: Running, sql: string) => {
 async function twoTurns(service: Running) {
   const created = await service.request('POST', '/api/threads', { question: 'finished' });
   const id: string = created.body.thread.id;
-  const page = service.page(id);
+  const page = service.stream(id);
   await page.wait('turn', (e) => e.turn.status === 'completed');
   const second = await service.request('POST', `/api/threads/${id}/turns`, { question: 'cut' });
   await until('the running turn\'s item to be kept', () => query(service, `SELECT 1 FROM items WHERE turn_id = '${second.body.turn.id}'`).length);
@@ -124,7 +124,7 @@ test('a Codex that cannot serve is named in one sentence, where the turn failed 
   ];
   for (const [env, codexPath, message] of rows) {
     await withService(env, async (service) => {
-      const page = service.page();
+      const page = service.stream();
       const event = await page.wait('service', (e) => e.service.codex.state === 'unavailable');
       assert.equal(event.service.codex.state === 'unavailable' && event.service.codex.message, message);
       const asked = await service.request('POST', '/api/threads', { question: 'hello?' });
@@ -139,7 +139,7 @@ test('a Codex that cannot serve is named in one sentence, where the turn failed 
 test('an app-server that dies mid-turn: the turn says so, the next question starts Codex again', async () => {
   await withService({ FAKE_CODEX_DIE: 'mid-turn' }, async (service, methods) => {
     const created = await service.request('POST', '/api/threads', { question: 'one' });
-    const page = service.page(created.body.thread.id);
+    const page = service.stream(created.body.thread.id);
     const cut = await page.wait('turn', (e) => e.turn.status !== 'running');
     assert.deepEqual([cut.turn.status, cut.turn.error], ['interrupted', texts.turnCutByCodexExit]);
     await service.request('POST', `/api/threads/${created.body.thread.id}/turns`, { question: 'two' });
@@ -178,7 +178,7 @@ test('a data folder that cannot be written: the page says so, questions are refu
   const dataFolder = join(temporaryFolder('lm-data-'), 'data');
   writeFileSync(dataFolder, 'a file where the folder should be');
   await withService({}, async (service) => {
-    assert.equal((await service.page().wait('hello')).service.storage, texts.storageUnwritable);
+    assert.equal((await service.stream().wait('hello')).service.storage, texts.storageUnwritable);
     const asked = await service.request('POST', '/api/threads', { question: 'hi' });
     assert.deepEqual([asked.status, asked.body.error], [503, texts.storeUnavailable(texts.storageUnwritable)]);
     assert.equal((await service.request('GET', '/api/health')).status, 200);

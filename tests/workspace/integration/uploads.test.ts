@@ -8,7 +8,7 @@ import { mkdirSync, readdirSync, readFileSync, symlinkSync, writeFileSync } from
 import { join, relative } from 'node:path';
 import { texts } from '../../../resources/app/workspace/texts.ts';
 import { FILE_LIMIT_BYTES, FILE_LIMIT_TEXT } from '../../../resources/app/workspace/files/uploads.ts';
-import { fakeCodex, startService, temporaryFolder, type Running } from '../support/service.ts';
+import { fakeCodex, startService, temporaryFolder, type Running } from '../../harness/service.ts';
 
 const upload = (service: Running, place: string, name: string, body: string, headers: Record<string, string> = {}) =>
   service.request('POST', `/api/uploads?${place}`, body, { 'content-type': 'application/octet-stream', 'x-file-name': name, ...headers });

@@ -5,7 +5,7 @@ import assert from 'node:assert/strict';
 import { AccountDesk, SIGN_IN_LIMIT_MS } from '../../../resources/app/workspace/account/accountDesk.ts';
 import { texts } from '../../../resources/app/workspace/texts.ts';
 import type { AccountView } from '../../../resources/app/workspace/account/accountDesk.ts';
-import { VirtualClock, settle } from '../support/clock.ts';
+import { VirtualClock, settle } from '../../harness/clock.ts';
 
 const BROWSER = { type: 'chatgpt', loginId: 'login-1', authUrl: 'http://issuer.invalid/oauth/authorize' };
 

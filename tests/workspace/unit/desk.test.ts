@@ -9,8 +9,8 @@ import { STOP_DEADLINE_MS } from '../../../resources/app/workspace/research/turn
 import { ThreadStore, StoreError } from '../../../resources/app/workspace/store/store.ts';
 import { RpcError } from '../../../resources/app/workspace/codex/rpc.ts';
 import { routeNotifications } from '../../../resources/app/workspace/codex/protocol.ts';
-import { VirtualClock, settle } from '../support/clock.ts';
-import { temporaryFolder } from '../support/service.ts';
+import { VirtualClock, settle } from '../../harness/clock.ts';
+import { temporaryFolder } from '../../harness/service.ts';
 
 /** Codex as the test scripts it: each method answers, fails, or waits for the test. */
 class ScriptedCodex {

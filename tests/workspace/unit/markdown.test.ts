@@ -3,7 +3,7 @@
 // otherwise the page would show one thing while streaming and another once the answer is final.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import '../support/pageGlobals.ts';
+import '../../harness/pageGlobals.ts';
 import { createMarkdown, htmlInPieces, StreamingMarkdown } from '../../../resources/app/public/markdown.js';
 
 const md = createMarkdown();

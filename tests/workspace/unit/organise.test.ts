@@ -11,8 +11,8 @@ import { ThreadStore } from '../../../resources/app/workspace/store/store.ts';
 import { migrations } from '../../../resources/app/workspace/store/migrations.ts';
 import { Refusal, type RefusalReason } from '../../../resources/app/workspace/refusal.ts';
 import type { PageEvent, Turn } from '../../../resources/app/workspace/model.ts';
-import { VirtualClock, settle } from '../support/clock.ts';
-import { temporaryFolder } from '../support/service.ts';
+import { VirtualClock, settle } from '../../harness/clock.ts';
+import { temporaryFolder } from '../../harness/service.ts';
 
 function fixture() {
   const dataFolder = temporaryFolder('lm-organise-');

@@ -4,7 +4,7 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { PassThrough } from 'node:stream';
 import { RpcConnection, RpcError } from '../../../resources/app/workspace/codex/rpc.ts';
-import { VirtualClock, settle } from '../support/clock.ts';
+import { VirtualClock, settle } from '../../harness/clock.ts';
 
 function pair() {
   const toUs = new PassThrough();

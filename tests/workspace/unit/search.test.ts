@@ -8,7 +8,7 @@ import { DatabaseSync } from 'node:sqlite';
 import { ThreadStore } from '../../../resources/app/workspace/store/store.ts';
 import { hasFts5, type SearchBackend } from '../../../resources/app/workspace/store/search.ts';
 import type { Item, TurnHead } from '../../../resources/app/workspace/model.ts';
-import { SOURCE, temporaryFolder } from '../support/service.ts';
+import { SOURCE, temporaryFolder } from '../../harness/service.ts';
 
 // FTS5 where this Node.js has it; our own index always, so each Node.js tests what it can.
 const backends: SearchBackend[] = hasFts5() ? ['fts5', 'own'] : ['own'];

@@ -2,7 +2,7 @@
 // hits' snippets, stored Markdown cut anywhere, shown as they read with their matches kept apart.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import '../support/pageGlobals.ts';
+import '../../harness/pageGlobals.ts';
 import { createMarkdown } from '../../../resources/app/public/markdown.js';
 import { readSnippet, searchRefusal } from '../../../resources/app/public/searchText.js';
 import type { Rules } from '../../../resources/app/workspace/model.ts';

@@ -7,7 +7,7 @@ import { DatabaseSync } from 'node:sqlite';
 import { ThreadStore, StoreError } from '../../../resources/app/workspace/store/store.ts';
 import { migrations } from '../../../resources/app/workspace/store/migrations.ts';
 import type { Item, TurnHead } from '../../../resources/app/workspace/model.ts';
-import { temporaryFolder } from '../support/service.ts';
+import { temporaryFolder } from '../../harness/service.ts';
 
 const head = (id: string, position: number, status: TurnHead['status'] = 'running'): TurnHead => ({
   id, threadId: 't1', position, question: `question ${position}`, status, error: null, usage: null, startedAt: 1000 + position, endedAt: null,

@@ -1,19 +1,36 @@
-// The workspace service as the launcher runs it: a child Node.js on server.mjs, with the
-// launcher's environment, on a free loopback port; and a page's view of it (its event stream).
+// The workspace service as the launcher runs it: a child Node.js on the shipped server.mjs, with
+// the launcher's environment, on a free loopback port; and a page's view of it (its event stream).
 import { spawn, type ChildProcess } from 'node:child_process';
-import { chmodSync, mkdtempSync, readFileSync, writeFileSync } from 'node:fs';
+import { chmodSync, existsSync, mkdtempSync, readdirSync, readFileSync, statSync, writeFileSync } from 'node:fs';
 import { createServer } from 'node:net';
 import { once } from 'node:events';
 import { request as httpRequest } from 'node:http';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { fileURLToPath } from 'node:url';
-import type { PageEvent } from '../../../resources/app/workspace/model.ts';
+import type { PageEvent } from '../../resources/app/workspace/model.ts';
 
-export const SOURCE = fileURLToPath(new URL('../../../', import.meta.url));
-export const APP = join(SOURCE, 'resources/app');
+export const SOURCE = fileURLToPath(new URL('../../', import.meta.url));
+export const BUILD = process.env.LM_BUILD_DIR ?? join(SOURCE, 'build');
+/** The service as it ships: the build strips the types of resources/app into the share folder. */
+export const APP = join(BUILD, 'share/lanternmoor-pro/app');
 export const NODE = process.execPath;
 export const CODEX = process.env.LM_TEST_CODEX ?? join(SOURCE, '.tools/codex/node_modules/.bin/codex');
+
+let shippedChecked = false;
+/** A module changed since the build would leave a test running yesterday's service. */
+export function assertShippedIsCurrent(): void {
+  if (shippedChecked) return;
+  const sources = join(SOURCE, 'resources/app');
+  for (const name of readdirSync(sources, { recursive: true, encoding: 'utf8' })) {
+    if (!/^(server\.mjs|workspace\/.*\.ts)$/.test(name)) continue;
+    const shipped = join(APP, name.replace(/\.ts$/, '.js'));
+    if (!existsSync(shipped) || statSync(shipped).mtimeMs < statSync(join(sources, name)).mtimeMs) {
+      throw new Error(`${shipped} is older than resources/app/${name}: cmake --build ${BUILD} --target lanternmoor_resources`);
+    }
+  }
+  shippedChecked = true;
+}
 
 export function temporaryFolder(prefix: string): string {
   return mkdtempSync(join(tmpdir(), prefix));
@@ -41,7 +58,7 @@ export function isRunning(pid: number): boolean {
 /** An executable that runs the fake app-server under this test's Node.js. */
 export function fakeCodex(folder: string): string {
   const path = join(folder, 'codex');
-  writeFileSync(path, `#!/bin/sh\nexec "${NODE}" --experimental-strip-types "${join(SOURCE, 'tests/workspace/support/fake-app-server.ts')}" "$@"\n`);
+  writeFileSync(path, `#!/bin/sh\nexec "${NODE}" --experimental-strip-types "${join(SOURCE, 'tests/harness/fake-app-server.ts')}" "$@"\n`);
   chmodSync(path, 0o755);
   return path;
 }
@@ -74,7 +91,7 @@ export function upgradeRequest(port: number, path: string, headers: Record<strin
 }
 
 /** A page's event stream, read as the page reads it. */
-export class Page {
+export class EventStream {
   readonly events: PageEvent[] = [];
   /** When each event was read, on the stand-in's clock: for benchmarks. */
   readonly times: number[] = [];
@@ -140,14 +157,15 @@ export interface Running {
   child: ChildProcess;
   dataFolder: string;
   request(method: string, path: string, body?: unknown, headers?: Record<string, string>): Promise<{ status: number; body: any; headers: Headers }>;
-  page(threadId?: string | null): Page;
+  stream(threadId?: string | null): EventStream;
   exited: Promise<[number | null, NodeJS.Signals | null]>;
 }
 
-/** app: another copy of the app folder to run instead of the shipped one (benchmarks compare them). */
+/** app: another app folder (of another build, say) to run instead of the shipped one: benchmarks compare them. */
 export async function startService(options: { codexPath: string; dataFolder?: string; env?: NodeJS.ProcessEnv; app?: string }): Promise<Running> {
   const port = await freePort();
   const dataFolder = options.dataFolder ?? temporaryFolder('lm-data-');
+  if (!options.app) assertShippedIsCurrent();
   const app = options.app ?? APP;
   let output = '';
   const child = spawn(NODE, ['--experimental-strip-types', join(app, 'server.mjs')], {
@@ -192,10 +210,10 @@ export async function startService(options: { codexPath: string; dataFolder?: st
         outgoing.end(payload);
       });
     },
-    page(threadId = null) {
-      const page = new Page(port, threadId);
-      child.once('exit', () => page.close());
-      return page;
+    stream(threadId = null) {
+      const stream = new EventStream(port, threadId);
+      child.once('exit', () => stream.close());
+      return stream;
     },
   };
 }

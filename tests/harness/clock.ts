@@ -1,5 +1,5 @@
 // A clock that moves only when the test says so.
-import type { Clock, Timer } from '../../../resources/app/workspace/clock.ts';
+import type { Clock, Timer } from '../../resources/app/workspace/clock.ts';
 
 interface Pending {
   at: number;

@@ -13,7 +13,7 @@ export async function world(t: TestContext, answer: Script, options: { signedOut
   t.after(async () => {
     await browser.close();
     await standIn.close();
-    for (const pid of sandbox.leftovers()) process.kill(pid, 'SIGKILL');
+    await sandbox.retire();
   });
   return { sandbox, browser };
 }
