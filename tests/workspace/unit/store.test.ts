@@ -49,12 +49,12 @@ test('a full disk fails the whole batch, keeps what was kept, and the same batch
   store.close();
   // SQLite answers a database at its page limit exactly as it answers a full disk.
   const limit = (pages: number) => [...migrations, (db: DatabaseSync) => db.exec(`PRAGMA max_page_count = ${pages}`)];
-  const full = ThreadStore.open(path, limit(Number(new DatabaseSync(path).prepare('PRAGMA page_count').get()!.page_count)));
+  const full = ThreadStore.open(path, { migrations: limit(Number(new DatabaseSync(path).prepare('PRAGMA page_count').get()!.page_count)) });
   const big = { turns: [{ ...head('u0', 0), status: 'completed' as const, endedAt: 9 }], items: [{ turnId: 'u0', item: answer(1, 'x'.repeat(200_000)) }] };
   assert.throws(() => full.commit(big), (error) => error instanceof StoreError && error.reason === 'full');
   assert.deepEqual(full.readThread('t1')!.turns.map((turn) => [turn.status, turn.items.map((item) => item.position)]), [['running', [0]]]);
   full.close();
-  const roomy = ThreadStore.open(path, limit(100_000));
+  const roomy = ThreadStore.open(path, { migrations: limit(100_000) });
   roomy.commit(big);
   assert.deepEqual(roomy.readThread('t1')!.turns.map((turn) => [turn.status, turn.items.length]), [['completed', 2]]);
   roomy.close();
@@ -91,4 +91,26 @@ test("a thread's usage is the sum over the turns that reported one, and null unt
   store.commit({ turns: [{ ...head('u0', 0), status: 'completed', usage: usage(1) }, head('u1', 1), { ...head('u2', 2), status: 'stopped', usage: usage(10) }], items: [] });
   assert.deepEqual(store.readThread('t1')!.usage, usage(11));
   store.close();
+});
+
+test('a running item reads back whole from its tails; after a kill, recovery makes it one stopped item that search finds', () => {
+  const { store, path } = storeWithThread();
+  store.commit({ turns: [], items: [
+    { turnId: 'u0', item: answer(0, 'Hel') },
+    { turnId: 'u0', item: { kind: 'reasoning', position: 1, status: 'running', parts: ['a'] } },
+  ] });
+  store.commit({ turns: [], items: [], tails: [
+    { turnId: 'u0', position: 0, part: 0, at: 3, text: 'lo wor' },
+    { turnId: 'u0', position: 0, part: 0, at: 9, text: 'ld' },
+    { turnId: 'u0', position: 1, part: 1, at: 0, text: 'c' },
+    { turnId: 'u0', position: 1, part: 0, at: 1, text: 'b' },
+  ] });
+  const whole = [answer(0, 'Hello world'), { kind: 'reasoning', position: 1, status: 'running', parts: ['ab', 'c'] }];
+  assert.deepEqual([store.readThread('t1')!.turns[0]!.items, store.search('hello world').results], [whole, []]);
+  store.close();
+  const reopened = ThreadStore.open(path);
+  reopened.recover('cut', 5000);
+  assert.deepEqual(reopened.readThread('t1')!.turns[0]!.items, whole.map((item) => ({ ...item, status: 'stopped' })));
+  assert.deepEqual(reopened.search('hello world').results.map((hit) => hit.snippet.join('')), ['Hello world']);
+  reopened.close();
 });

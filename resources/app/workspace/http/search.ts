@@ -2,10 +2,10 @@
 import { Refusal } from '../refusal.ts';
 import { texts } from '../texts.ts';
 import { SEARCH_MAX_LENGTH } from '../store/search.ts';
-import type { SearchHit } from '../model.ts';
+import type { SearchAnswer } from '../model.ts';
 import type { ResearchDesk } from '../research/desk.ts';
 
-export function searchAnswer(desk: ResearchDesk, text: string): { results: SearchHit[] } {
+export function searchAnswer(desk: ResearchDesk, text: string): SearchAnswer {
   if ([...text].length > SEARCH_MAX_LENGTH) throw new Refusal(400, texts.searchTooLong(SEARCH_MAX_LENGTH));
-  return { results: desk.search(text) };
+  return desk.search(text);
 }

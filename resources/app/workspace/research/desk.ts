@@ -14,7 +14,7 @@ import { APPROVAL_POLICY, isTurnNotification, SANDBOX, type TurnNotification } f
 import { MARKER } from '../codex/commands.ts';
 import { StoreError, type ListCursor, type ThreadStore } from '../store/store.ts';
 import type { Clock, Timer } from '../clock.ts';
-import type { Choice, PageEvent, SearchHit, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
+import type { Choice, PageEvent, SearchAnswer, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
 import { adoptDraft, attachmentNote, checkAttachments, draftFolder, isImage } from '../files/uploads.ts';
 
 export const QUESTION_LIMIT_BYTES = 1 << 20;
@@ -261,7 +261,7 @@ export class ResearchDesk {
     return { turns: this.#fresh(id, turns), earlier };
   }
 
-  search(text: string): SearchHit[] {
+  search(text: string): SearchAnswer {
     return this.#options.store.search(text);
   }
 
