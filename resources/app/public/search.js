@@ -5,6 +5,7 @@
 import { element } from './items.js';
 
 /** @typedef {import('../workspace/model.ts').SearchHit} SearchHit */
+/** @typedef {import('../workspace/model.ts').SearchAnswer} SearchAnswer */
 
 /**
  * @param {{ input: HTMLInputElement, results: HTMLElement, threads: HTMLElement }} ui
@@ -47,17 +48,19 @@ export function startSearch(ui, open) {
     pending = controller;
     try {
       const answer = await fetch(`/api/search?q=${encodeURIComponent(text)}`, { signal: controller.signal });
-      /** @type {{ results?: SearchHit[], error?: string }} */
+      /** @type {Partial<SearchAnswer> & { error?: string }} */
       const body = await answer.json().catch(() => ({}));
       if (controller.signal.aborted) return;
       ui.threads.hidden = true;
       ui.results.hidden = false;
       if (!answer.ok || !body.results) {
         ui.results.replaceChildren(element('p', 'empty', body.error ?? `搜索失败了（${answer.status}）。`));
-      } else if (body.results.length === 0) {
-        ui.results.replaceChildren(element('p', 'empty', `没有找到“${text.trim()}”。`));
       } else {
-        ui.results.replaceChildren(...body.results.map(drawHit));
+        // While an upgraded store's index is still being built, the hits are those of the part built.
+        const { done, total } = body.indexed ?? { done: 0, total: 0 };
+        const partial = done < total ? [element('p', 'empty', `搜索索引还在建立（${Math.floor((done / total) * 100)}%），暂时只能找到已建好的部分。`)] : [];
+        const found = body.results.length === 0 ? [element('p', 'empty', `没有找到“${text.trim()}”。`)] : body.results.map(drawHit);
+        ui.results.replaceChildren(...partial, ...found);
       }
     } catch (error) {
       if (controller.signal.aborted) return;
