@@ -140,7 +140,6 @@ for (const backend of backends) {
     + ` index built in the background in ${(built / 1000).toFixed(1)} s, ${slices.length} slices, median ${median(slices).toFixed(1)} ms, p99 ${quantile(slices, 0.99).toFixed(1)} ms, longest ${Math.max(...slices).toFixed(1)} ms`
     + ` (processor time: median ${median(cpu).toFixed(1)} ms, p99 ${quantile(cpu, 0.99).toFixed(1)} ms, longest ${Math.max(...cpu).toFixed(1)} ms);`
     + ` store ${size(original)} → ${size(path)}`);
-  console.log(cpu.map((ms, at) => [at, ms]).sort((a, b) => b[1]! - a[1]!).slice(0, 12).map(([at, ms]) => `${at}:${ms!.toFixed(0)}`).join(" "));
   for (const query of QUERIES) {
     const samples: number[] = [];
     let hits = 0;

@@ -75,13 +75,15 @@ test('a failed write is said once, tried again every two seconds with what came 
   answer.text += ' two';
   journal.grew('u0', answer, 0, ' two');
   await clock.advance(FLUSH_INTERVAL_MS);
-  answer.text += ' three';
-  journal.grew('u0', answer, 0, ' three');
+  // Long enough to be written as a tail of its own.
+  const three = ` three${'.'.repeat(40_000)}`;
+  answer.text += three;
+  journal.grew('u0', answer, 0, three);
   await clock.advance(RETRY_INTERVAL_MS - 1);
   fixture.failing = false;
   assert.deepEqual([fixture.writes.map((write) => write.at), fixture.reports], [[0, FLUSH_INTERVAL_MS], ['full']]);
   await clock.advance(1);
   assert.deepEqual([fixture.writes.map((write) => write.at), fixture.reports], [[0, FLUSH_INTERVAL_MS, FLUSH_INTERVAL_MS + RETRY_INTERVAL_MS], ['full', null]]);
-  assert.deepEqual(kept(), [{ ...answer, text: 'one two three' }]);
+  assert.deepEqual(kept(), [{ ...answer, text: `one two${three}` }]);
   assert.equal(journal.pending, false);
 });

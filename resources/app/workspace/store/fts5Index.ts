@@ -110,7 +110,6 @@ const TRIGGER = 'search_fts5_forget';
 
 export const fts5: BackendKind = {
   name: 'fts5',
-  available: hasFts5,
   create(db) {
     // Names left by an index retired where FTS5 was missing, and by the first search index.
     db.exec(`DROP TABLE IF EXISTS ${TABLE}; DROP TABLE IF EXISTS ${FIRST_FTS5.table};`);

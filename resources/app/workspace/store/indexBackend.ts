@@ -26,10 +26,9 @@ export interface IndexBackend {
   candidates(wanted: string, below: number): Candidates | null;
 }
 
-/** A backend as a store meets it: whether this Node.js can run it, and its tables' life. */
+/** A backend as a store meets it: its tables' life, and the index over them. */
 export interface BackendKind {
   readonly name: BackendName;
-  available(): boolean;
   /** Its tables and triggers, empty; in the transaction that starts a new index. */
   create(db: DatabaseSync): void;
   /** Puts its tables out of the way, to be emptied in the background; runs without its SQLite module too. */

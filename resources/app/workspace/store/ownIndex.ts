@@ -158,7 +158,6 @@ const TRIGGER = 'search_own_forget';
 
 export const own: BackendKind = {
   name: 'own',
-  available: () => true,
   create(db) {
     db.exec(`
       CREATE TABLE search_grams (gram INTEGER NOT NULL, block INTEGER NOT NULL, places BLOB NOT NULL, PRIMARY KEY (block, gram)) STRICT, WITHOUT ROWID;

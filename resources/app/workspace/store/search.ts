@@ -14,7 +14,7 @@ import type { DatabaseSync, StatementSync } from 'node:sqlite';
 import type { Clock, Timer } from '../clock.ts';
 import type { Item, SearchAnswer, SearchHit } from '../model.ts';
 import type { BackendKind, BackendName, Candidates, Doc, IndexBackend } from './indexBackend.ts';
-import { fts5 } from './fts5Index.ts';
+import { fts5, hasFts5 } from './fts5Index.ts';
 import { own } from './ownIndex.ts';
 import { anyRetired, emptyRetired, retireTable } from './retired.ts';
 import { preparedOnce } from './prepared.ts';
@@ -73,7 +73,7 @@ export class SearchIndex {
 
   /** The store's index, started afresh if it was kept by another backend or none; call inside a transaction. */
   static attach(db: DatabaseSync, options: SearchOptions): SearchIndex {
-    const kind = BACKENDS[options.backend ?? (fts5.available() ? 'fts5' : 'own')];
+    const kind = BACKENDS[options.backend ?? (hasFts5() ? 'fts5' : 'own')];
     const kept = db.prepare('SELECT backend FROM search_state').get() as { backend: BackendName } | undefined;
     if (kept?.backend !== kind.name) start(db, kept ? BACKENDS[kept.backend] : null, kind);
     return new SearchIndex(db, kind.open(db), options);
