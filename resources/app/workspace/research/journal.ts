@@ -8,12 +8,12 @@ import type { Clock, Timer } from '../clock.ts';
 import type { Item, TurnHead } from '../model.ts';
 
 export const FLUSH_INTERVAL_MS = 250;
+// While the disk refuses, trying four times a second would only spin.
+export const RETRY_INTERVAL_MS = 2_000;
 // Pieces are joined into strings of at most this many characters: longer ones go to V8's space for
 // large objects, where one a quarter second piled up faster than it was freed (9 MB over a 12 MiB
 // answer).
 const TAIL_CHARS = 32 * 1024;
-// While the disk refuses, trying four times a second would only spin.
-export const RETRY_INTERVAL_MS = 2_000;
 
 /** An item with changes to write: whole, or the text its parts gained since it was last written. */
 interface Changed {
