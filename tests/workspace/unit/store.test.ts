@@ -93,24 +93,14 @@ test("a thread's usage is the sum over the turns that reported one, and null unt
   store.close();
 });
 
-test('a running item reads back whole from its tails; after a kill, recovery makes it one stopped item that search finds', () => {
+test('an item cut short while it streamed: recovery makes its JSON and tails one stopped item, and search finds it only then', () => {
   const { store, path } = storeWithThread();
-  store.commit({ turns: [], items: [
-    { turnId: 'u0', item: answer(0, 'Hel') },
-    { turnId: 'u0', item: { kind: 'reasoning', position: 1, status: 'running', parts: ['a'] } },
-  ] });
-  store.commit({ turns: [], items: [], tails: [
-    { turnId: 'u0', position: 0, part: 0, at: 3, text: 'lo wor' },
-    { turnId: 'u0', position: 0, part: 0, at: 9, text: 'ld' },
-    { turnId: 'u0', position: 1, part: 1, at: 0, text: 'c' },
-    { turnId: 'u0', position: 1, part: 0, at: 1, text: 'b' },
-  ] });
-  const whole = [answer(0, 'Hello world'), { kind: 'reasoning', position: 1, status: 'running', parts: ['ab', 'c'] }];
-  assert.deepEqual([store.readThread('t1')!.turns[0]!.items, store.search('hello world').results], [whole, []]);
+  store.commit({ turns: [], items: [{ turnId: 'u0', item: answer(0, 'Hello') }], tails: [{ turnId: 'u0', position: 0, part: 0, at: 5, text: ' world' }] });
+  assert.deepEqual(store.search('hello world').results, []);
   store.close();
   const reopened = ThreadStore.open(path);
   reopened.recover('cut', 5000);
-  assert.deepEqual(reopened.readThread('t1')!.turns[0]!.items, whole.map((item) => ({ ...item, status: 'stopped' })));
+  assert.deepEqual(reopened.readThread('t1')!.turns[0]!.items, [answer(0, 'Hello world', 'stopped')]);
   assert.deepEqual(reopened.search('hello world').results.map((hit) => hit.snippet.join('')), ['Hello world']);
   reopened.close();
 });
