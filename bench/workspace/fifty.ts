@@ -143,11 +143,11 @@ async function latencyRun(options: FiftyOptions, deltas: number): Promise<{ all:
 }
 
 /** Big deltas: the stalled page overflows its connection and the hub's limit; resident memory sampled throughout. */
-async function memoryRun(options: FiftyOptions, stall: boolean): Promise<{ before: number; peak: number; after: number; dropped: boolean | null; complete: number }> {
+async function memoryRun(options: FiftyOptions, stall: boolean, readers = READERS): Promise<{ before: number; peak: number; after: number; dropped: boolean | null; complete: number }> {
   const count = 192;
   const size = 64 << 10;
   return withService(`${count}x${size}x30`, options.app, async (service, id) => {
-    const taps = Array.from({ length: READERS }, () => new Tap(service.port, id));
+    const taps = Array.from({ length: readers }, () => new Tap(service.port, id));
     await until('every page\'s snapshot', () => taps.every((tap) => tap.events.length > 0));
     const stalled = stall ? await stalledPage(service, id) : null;
     await settle(1000);
@@ -212,6 +212,12 @@ export async function fiftyFigures(options: FiftyOptions): Promise<Figure[]> {
       options.log(`fifty, 12 MiB answer, ${stall ? 'one page stalled' : 'no page stalled'}, run ${run + 1}: service resident ${result.before.toFixed(1)} → peak ${result.peak.toFixed(1)} → ${result.after.toFixed(1)} MB; readers with every delta: ${result.complete} of ${READERS}${stall ? `; stalled page dropped: ${result.dropped}` : ''}`);
     }
   }
+  // One reader: what the answer itself costs the service, the journal's writes included.
+  const alone: { before: number; peak: number }[] = [];
+  for (let run = 0; run < (options.clients === 'tabs' ? 0 : options.runs); run += 1) {
+    alone.push(await memoryRun(options, false, 1));
+    options.log(`one page, 12 MiB answer, run ${run + 1}: service resident ${alone.at(-1)!.before.toFixed(1)} → peak ${alone.at(-1)!.peak.toFixed(1)} MB`);
+  }
   const of = (stall: boolean, key: 'before' | 'peak' | 'after') => [memory.filter((each) => each.stall === stall).map((each) => each[key])];
   const figures: Figure[] = [
     ...(inOneProfile === null ? [] : [{ name: 'tabs of one browser profile that load the workspace', unit: 'tabs', runs: [[inOneProfile]], note: 'tried up to 12, each given 5 s to load; an event stream over HTTP held one of the six connections a browser keeps to one host' }]),
@@ -230,5 +236,6 @@ export async function fiftyFigures(options: FiftyOptions): Promise<Figure[]> {
     { name: 'fifty, 12 MiB answer, one stalled: resident before', unit: 'MB', runs: of(true, 'before') },
     { name: 'fifty, 12 MiB answer, one stalled: resident peak', unit: 'MB', runs: of(true, 'peak'), statistic: 'max', note: `the hub lets a page go past ${MAX_QUEUED_BYTES / 1048576} MiB queued; stalled page dropped in ${memory.filter((each) => each.dropped).length} of ${memory.filter((each) => each.stall).length} runs; readers with every delta per run: ${memory.map((each) => each.complete).join(', ')} of ${READERS}` },
     { name: 'fifty, 12 MiB answer, one stalled: resident after', unit: 'MB', runs: of(true, 'after') },
+    { name: 'one page, 12 MiB answer: resident peak − before', unit: 'MB', runs: [alone.map((each) => each.peak - each.before)], statistic: 'max', goal: { limit: 20, atMost: true, text: '≤ 20 MB' }, note: 'one event-stream client, the same deltas; VmRSS sampled every 50 ms' },
   ];
 }

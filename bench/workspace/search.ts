@@ -1,22 +1,28 @@
-// Search on a store of years of work: 5,000 threads and 200,000 items written with the previous
-// version's schema, then upgraded (the migration timed), then searched with each index this
-// Node.js has. Figures only.
+// Search on a store of years of work: 5,000 threads and 200,000 items written with the first
+// version's schema (or a copy of the store given), opened (the migration timed: what the page
+// waits for), its index built in the background (the slices timed: how long each holds the event
+// loop), then searched with each index this Node.js has. Figures only.
 //
-//   node --experimental-strip-types bench/workspace/search.ts [--threads 5000] [--items 40] [--runs 15] [--backend fts5|own] [--keep]
+//   node --experimental-strip-types bench/workspace/search.ts [--threads 5000] [--items 40] [--runs 15] [--backend fts5|own] [--store PATH] [--keep]
 //
 // Run it with the oldest Node.js too: its SQLite has no FTS5, so there it times our own index alone.
-import { copyFileSync, mkdtempSync, rmSync, statSync } from 'node:fs';
+import { copyFileSync, mkdtempSync, rmSync } from 'node:fs';
 import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { parseArgs } from 'node:util';
 import { DatabaseSync } from 'node:sqlite';
 import { migrations } from '../../resources/app/workspace/store/migrations.ts';
 import { ThreadStore } from '../../resources/app/workspace/store/store.ts';
-import { hasFts5, type SearchBackend } from '../../resources/app/workspace/store/search.ts';
+import { hasFts5 } from '../../resources/app/workspace/store/fts5Index.ts';
+import type { BackendName } from '../../resources/app/workspace/store/indexBackend.ts';
+import type { Clock } from '../../resources/app/workspace/clock.ts';
 import { median, quantile } from './figures.ts';
 
 const { values } = parseArgs({
-  options: { threads: { type: 'string', default: '5000' }, items: { type: 'string', default: '40' }, runs: { type: 'string', default: '15' }, backend: { type: 'string' }, keep: { type: 'boolean', default: false } },
+  options: {
+    threads: { type: 'string', default: '5000' }, items: { type: 'string', default: '40' }, runs: { type: 'string', default: '15' },
+    backend: { type: 'string' }, store: { type: 'string' }, keep: { type: 'boolean', default: false },
+  },
 });
 const THREADS = Number(values.threads);
 const ITEMS = Number(values.items);
@@ -51,61 +57,114 @@ function itemBody(position: number): string {
 }
 
 const folder = mkdtempSync(join(tmpdir(), 'lm-bench-search-'));
-const original = join(folder, 'v1.db');
-const made = performance.now();
-const db = new DatabaseSync(original);
-migrations[0]!(db);
-db.exec('PRAGMA user_version = 1; BEGIN');
-const thread = db.prepare('INSERT INTO threads VALUES (?, ?, ?, NULL, ?, ?)');
-const turn = db.prepare('INSERT INTO turns VALUES (?, ?, ?, ?, ?, NULL, NULL, ?, ?)');
-const item = db.prepare('INSERT INTO items VALUES (?, ?, ?, ?)');
-let clock = Date.UTC(2024, 0, 1);
-for (let t = 0; t < THREADS; t += 1) {
-  const id = `thread-${t}`;
-  thread.run(id, sentence(4), `threads/${id}`, clock, clock);
-  for (let u = 0; u < TURNS; u += 1) {
-    clock += 60_000;
-    turn.run(`${id}-${u}`, id, u, sentence(12), 'completed', clock, clock + 30_000);
-    for (let i = 0; i < ITEMS / TURNS; i += 1) item.run(`${id}-${u}`, i, 'completed', itemBody(i));
+const original = values.store ?? join(folder, 'v1.db');
+if (!values.store) makeFirstVersionStore(original);
+
+function makeFirstVersionStore(path: string): void {
+  const made = performance.now();
+  const db = new DatabaseSync(path);
+  migrations[0]!(db);
+  db.exec('PRAGMA user_version = 1; BEGIN');
+  const thread = db.prepare('INSERT INTO threads VALUES (?, ?, ?, NULL, ?, ?)');
+  const turn = db.prepare('INSERT INTO turns VALUES (?, ?, ?, ?, ?, NULL, NULL, ?, ?)');
+  const item = db.prepare('INSERT INTO items VALUES (?, ?, ?, ?)');
+  let clock = Date.UTC(2024, 0, 1);
+  for (let t = 0; t < THREADS; t += 1) {
+    const id = `thread-${t}`;
+    thread.run(id, sentence(4), `threads/${id}`, clock, clock);
+    for (let u = 0; u < TURNS; u += 1) {
+      clock += 60_000;
+      turn.run(`${id}-${u}`, id, u, sentence(12), 'completed', clock, clock + 30_000);
+      for (let i = 0; i < ITEMS / TURNS; i += 1) item.run(`${id}-${u}`, i, 'completed', itemBody(i));
+    }
   }
+  db.exec('COMMIT');
+  db.close();
+  console.log(`store of ${THREADS} threads, ${THREADS * ITEMS} items made in ${((performance.now() - made) / 1000).toFixed(1)} s`);
 }
-db.exec('COMMIT');
-db.close();
-const mb = (path: string) => (statSync(path).size / 2 ** 20).toFixed(0);
-console.log(`store of ${THREADS} threads, ${THREADS * ITEMS} items made in ${((performance.now() - made) / 1000).toFixed(1)} s: ${mb(original)} MiB`);
+
+/** The file's size, and the part of it in use (pages on the free list are left by what was dropped). */
+function size(path: string): string {
+  const db = new DatabaseSync(path, { readOnly: true });
+  const pragma = (name: string) => Number(Object.values(db.prepare(`PRAGMA ${name}`).get()!)[0]);
+  const [pages, free, bytes] = [pragma('page_count'), pragma('freelist_count'), pragma('page_size')];
+  db.close();
+  return `${(pages * bytes / 2 ** 20).toFixed(0)} MiB (${((pages - free) * bytes / 2 ** 20).toFixed(0)} MiB in use)`;
+}
+
+/**
+ * The system's clock, timing each piece of work it runs (the slices of the index's build): the
+ * wall clock, and this process's processor time, which a busy machine does not stretch.
+ */
+function timing(slices: number[], cpu: number[]): Clock {
+  return {
+    now: () => Date.now(),
+    after(ms, action) {
+      const handle = setTimeout(() => {
+        const start = performance.now();
+        const used = process.cpuUsage();
+        action();
+        slices.push(performance.now() - start);
+        const { user, system } = process.cpuUsage(used);
+        cpu.push((user + system) / 1000);
+      }, ms);
+      return { cancel: () => clearTimeout(handle) };
+    },
+  };
+}
 
 // Common and rare words, text found nowhere, two characters (a scan), and Chinese phrases.
 const QUERIES = ['checkpoint', 'sqlite write', '检查点', '蛋白质结构', '量子', 'zq', 'no such words here', '"near" * -x', '9999', 'python3 analyse.py --run 77'];
-const backends: SearchBackend[] = values.backend ? [values.backend as SearchBackend] : hasFts5() ? ['fts5', 'own'] : ['own'];
+const backends: BackendName[] = values.backend ? [values.backend as BackendName] : hasFts5() ? ['fts5', 'own'] : ['own'];
 for (const backend of backends) {
   const path = join(folder, `${backend}.db`);
   copyFileSync(original, path);
+  const slices: number[] = [];
+  const cpu: number[] = [];
   const began = performance.now();
-  const store = ThreadStore.open(path, undefined, backend);
-  const upgrade = performance.now() - began;
-  store.close();
-  console.log(`\n${backend} (Node.js ${process.version}): upgrade ${(upgrade / 1000).toFixed(1)} s, store ${mb(original)} → ${mb(path)} MiB`);
-  const reopened = ThreadStore.open(path, undefined, backend);
+  const reopened = ThreadStore.open(path, { search: backend, clock: timing(slices, cpu) });
+  const opened = performance.now() - began;
+  const early = reopened.search('checkpoint');
+  // Blank text is answered with the progress alone.
+  while (reopened.search('\0').indexed.done < reopened.search('\0').indexed.total || slices.length === 0) {
+    await new Promise((resolve) => setTimeout(resolve, 100));
+  }
+  // The last slices empty what an older index left, after the turns are done.
+  while (true) {
+    const count = slices.length;
+    await new Promise((resolve) => setTimeout(resolve, 500));
+    if (slices.length === count) break;
+  }
+  const built = performance.now() - began;
+  console.log(`\n${backend} (Node.js ${process.version}): opened in ${opened.toFixed(0)} ms (a search then: ${early.results.length} hits, ${early.indexed.done} of ${early.indexed.total} turns indexed);`
+    + ` index built in the background in ${(built / 1000).toFixed(1)} s, ${slices.length} slices, median ${median(slices).toFixed(1)} ms, p99 ${quantile(slices, 0.99).toFixed(1)} ms, longest ${Math.max(...slices).toFixed(1)} ms`
+    + ` (processor time: median ${median(cpu).toFixed(1)} ms, p99 ${quantile(cpu, 0.99).toFixed(1)} ms, longest ${Math.max(...cpu).toFixed(1)} ms);`
+    + ` store ${size(original)} → ${size(path)}`);
   for (const query of QUERIES) {
     const samples: number[] = [];
     let hits = 0;
     for (let run = 0; run < RUNS; run += 1) {
       const start = performance.now();
-      hits = reopened.search(query).length;
+      hits = reopened.search(query).results.length;
       samples.push(performance.now() - start);
     }
     console.log(`  ${JSON.stringify(query).padEnd(32)} ${String(hits).padStart(3)} hits  median ${median(samples).toFixed(1).padStart(6)} ms  p90 ${quantile(samples, 0.9).toFixed(1).padStart(6)} ms`);
   }
-  // While an answer streams, each flush re-indexes it: the cost of one flush of a long answer.
+  // While an answer streams, a flush appends what came; when it settles, it is written and indexed whole.
+  const turnId = reopened.readTurns(reopened.listThreads()[0]!.id, null, 1).turns[0]!.id;
   const flushes: number[] = [];
   let text = '';
+  reopened.commit({ turns: [], items: [{ turnId, item: { kind: 'answer', position: 99, status: 'running', text } }] });
   for (let flush = 0; flush < 40; flush += 1) {
-    text += sentence(30);
+    const gained = sentence(30);
     const start = performance.now();
-    reopened.commit({ turns: [], items: [{ turnId: 'thread-0-0', item: { kind: 'answer', position: 99, status: 'running', text } }] });
+    reopened.commit({ turns: [], items: [], tails: [{ turnId, position: 99, part: 0, at: text.length, text: gained }] });
     flushes.push(performance.now() - start);
+    text += gained;
   }
-  console.log(`  one flush of a growing answer (${text.length} characters at the end): median ${median(flushes).toFixed(1)} ms, max ${Math.max(...flushes).toFixed(1)} ms`);
+  const settling = performance.now();
+  reopened.commit({ turns: [], items: [{ turnId, item: { kind: 'answer', position: 99, status: 'completed', text } }] });
+  console.log(`  one flush of a growing answer (${text.length} characters at the end): median ${median(flushes).toFixed(1)} ms, max ${Math.max(...flushes).toFixed(1)} ms; settled: ${(performance.now() - settling).toFixed(1)} ms`);
   reopened.close();
 }
 if (values.keep) console.log(`\nthe stores are left in ${folder}`);

@@ -8,6 +8,7 @@ import { getJson } from './api.js';
 import { readSnippet, searchRefusal } from './searchText.js';
 
 /** @typedef {import('../workspace/model.ts').SearchHit} SearchHit */
+/** @typedef {import('../workspace/model.ts').SearchAnswer} SearchAnswer */
 /** @typedef {import('../workspace/model.ts').Rules} Rules */
 /** @typedef {import('./markdown.js').Markdown} Markdown */
 
@@ -81,10 +82,13 @@ export class SearchBox {
     const controller = new AbortController();
     this.#pending = controller;
     try {
-      /** @type {{ results: SearchHit[] }} */
-      const { results } = await getJson(`/api/search?q=${encodeURIComponent(text)}`, controller.signal);
+      /** @type {SearchAnswer} */
+      const { results, indexed } = await getJson(`/api/search?q=${encodeURIComponent(text)}`, controller.signal);
       if (controller.signal.aborted) return;
-      this.#show(results.length === 0 ? [element('p', 'empty', texts.nothingFound(text.trim()))] : results.map((hit) => this.#hit(hit)));
+      // While an upgraded store's index is still being built, the hits are those of the part built.
+      const partial = indexed.done < indexed.total ? [element('p', 'empty', texts.indexBuilding(indexed.done / indexed.total))] : [];
+      const found = results.length === 0 ? [element('p', 'empty', texts.nothingFound(text.trim()))] : results.map((hit) => this.#hit(hit));
+      this.#show([...partial, ...found]);
     } catch (error) {
       if (controller.signal.aborted) return;
       this.#show([element('p', 'empty', error instanceof Error ? error.message : String(error))]);

@@ -104,6 +104,8 @@ export const texts = {
   // Search.
   /** @param {string} text */
   nothingFound: (text) => `没有找到“${text}”。`,
+  /** @param {number} share of the threads indexed so far */
+  indexBuilding: (share) => `搜索索引还在建立（${Math.floor(share * 100)}%），暂时只能找到已建好的部分。`,
 
   // Files and the model.
   /** @param {number} bytes */

@@ -73,6 +73,9 @@ export interface ThreadSummary {
   archived: boolean;
 }
 
+/** A thread's summary as the store keeps it: whether a turn runs now is known only to the service. */
+export type StoredSummary = Omit<ThreadSummary, 'running'>;
+
 export interface Thread extends ThreadSummary {
   /** The thread's own folder, Codex's working folder for it. */
   folder: string;
@@ -119,6 +122,15 @@ export interface SearchHit {
   itemPosition: number;
   /** Plain and matching text by turns, starting with plain: the odd ones are the matches. */
   snippet: string[];
+}
+
+/**
+ * A search's hits, and how many of the turns its index started with it holds: fewer than all
+ * while the index of an older store is being built, when the hits are those of the turns done.
+ */
+export interface SearchAnswer {
+  results: SearchHit[];
+  indexed: { done: number; total: number };
 }
 
 export type CodexState =

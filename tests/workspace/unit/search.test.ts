@@ -1,17 +1,30 @@
-// Search: any text found literally and alike by both indexes, kept current while answers stream,
-// forgotten with a deleted thread, and a store of the previous version upgraded whole.
+// Search: any text found literally and alike by both indexes, kept current as items are rewritten,
+// forgotten with a deleted thread, built in the background for an older store, and resumed.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { DatabaseSync } from 'node:sqlite';
 import { ThreadStore } from '../../../resources/app/workspace/store/store.ts';
-import { hasFts5, type SearchBackend } from '../../../resources/app/workspace/store/search.ts';
+import { hasFts5 } from '../../../resources/app/workspace/store/fts5Index.ts';
+import type { BackendName } from '../../../resources/app/workspace/store/indexBackend.ts';
 import type { Item, TurnHead } from '../../../resources/app/workspace/model.ts';
 import { SOURCE, temporaryFolder } from '../../harness/service.ts';
+import { VirtualClock } from '../../harness/clock.ts';
 
 // FTS5 where this Node.js has it; our own index always, so each Node.js tests what it can.
-const backends: SearchBackend[] = hasFts5() ? ['fts5', 'own'] : ['own'];
+const backends: BackendName[] = hasFts5() ? ['fts5', 'own'] : ['own'];
+
+/** The store with its index built to the end: the background work runs on a clock the test moves. */
+async function indexed(path: string, backend: BackendName): Promise<ThreadStore> {
+  const clock = new VirtualClock();
+  const store = ThreadStore.open(path, { search: backend, clock });
+  await clock.advance(60_000);
+  return store;
+}
+
+const where = (store: ThreadStore, text: string) =>
+  store.search(text).results.map((hit) => `${hit.threadId}:${hit.turnPosition}:${hit.itemPosition}`);
 
 const head = (threadId: string, position: number, question: string): TurnHead => ({
   id: `${threadId}-${position}`, threadId, position, question, status: 'completed', error: null, usage: null,
@@ -20,8 +33,8 @@ const head = (threadId: string, position: number, question: string): TurnHead =>
 const answer = (position: number, text: string): Item => ({ kind: 'answer', position, status: 'completed', text });
 
 /** Three threads; a hit reads thread:turn:item (-1 the question). */
-function filled(path: string, backend: SearchBackend, skip?: string): ThreadStore {
-  const store = ThreadStore.open(path, undefined, backend);
+function filled(path: string, backend: BackendName, skip?: string): ThreadStore {
+  const store = ThreadStore.open(path, { search: backend });
   const threads: [string, string, Item[]][] = [
     ['a', 'How does SQLite WAL work?', [answer(0, `He said "hello" * NEAR(x) - don't: 100% a_b c\\d`)]],
     ['b', '量子纠缠是什么？', [answer(0, '量子纠缠是一种物理现象 🚀'), {
@@ -60,14 +73,14 @@ const cases: [string, string[]][] = [
   ['  ', []],
 ];
 
-test('search text is found literally, any case, and alike by both indexes', () => {
+test('search text is found literally, any case, and alike by both indexes', async () => {
   const path = join(temporaryFolder('lm-search-'), 'workspace.db');
   filled(path, backends[0]!).close();
   // Each backend in turn on the same store: opening with the other one rebuilds the index.
   for (const backend of [...backends, ...backends]) {
-    const store = ThreadStore.open(path, undefined, backend);
+    const store = await indexed(path, backend);
     for (const [text, hits] of cases) {
-      const found = store.search(text);
+      const found = store.search(text).results;
       assert.deepEqual(found.map((hit) => `${hit.threadId}:${hit.turnPosition}:${hit.itemPosition}`), hits, `${backend}: ${text}`);
       for (const hit of found) {
         // The marks are the matches in the original case, the rest is the text around them.
@@ -80,8 +93,8 @@ test('search text is found literally, any case, and alike by both indexes', () =
 });
 
 // What is left of thread b's words in the index itself, which the checked search would hide.
-const residue: Record<SearchBackend, string> = {
-  fts5: `SELECT count(*) AS n FROM search_fts WHERE search_fts MATCH '"量子纠"'`,
+const residue: Record<BackendName, string> = {
+  fts5: `SELECT count(*) AS n FROM search_fts5 WHERE search_fts5 MATCH '"量子纠"'`,
   own: 'SELECT sum(length(places)) AS n FROM search_grams',
 };
 
@@ -91,9 +104,9 @@ for (const backend of backends) {
     for (const text of ['Partial', 'Partial answ', 'Partial answer, then the end']) {
       store.commit({ turns: [], items: [{ turnId: 'c-0', item: answer(1, text) }] });
     }
-    assert.deepEqual(store.search('partial answer').map((hit) => hit.snippet.join('')), ['Partial answer, then the end']);
+    assert.deepEqual(store.search('partial answer').results.map((hit) => hit.snippet.join('')), ['Partial answer, then the end']);
     store.commit({ turns: [], items: [{ turnId: 'c-0', item: answer(1, 'Rewritten') }] });
-    assert.deepEqual([store.search('partial'), store.search('rewritten').length], [[], 1]);
+    assert.deepEqual([where(store, 'partial'), where(store, 'rewritten')], [[], ['c:0:1']]);
     store.close();
   });
 
@@ -103,8 +116,8 @@ for (const backend of backends) {
     const db = new DatabaseSync(path);
     db.exec("PRAGMA foreign_keys = ON; DELETE FROM threads WHERE id = 'b'");
     db.close();
-    const store = ThreadStore.open(path, undefined, backend);
-    assert.deepEqual([store.search('量子'), store.search('école')], [[], []]);
+    const store = ThreadStore.open(path, { search: backend });
+    assert.deepEqual([where(store, '量子'), where(store, 'école')], [[], []]);
     store.close();
     filled(without, backend, 'b').close();
     const left = [path, without].map((file) => {
@@ -117,23 +130,57 @@ for (const backend of backends) {
   });
 }
 
-test("a store made by the previous version keeps every thread, turn and item, and all of it can be found", () => {
+// Version 4 kept a folded copy of every text and its FTS5 index; where FTS5 is missing they are
+// retired without it.
+for (const [fixture, version] of [['store-v1.sql', 1], ['store-v4.sql', 4]] as const) {
+  test(`a store made by version ${version} keeps every thread, turn and item, and all of it is found once its index is built`, async () => {
+    const path = join(temporaryFolder('lm-search-'), 'workspace.db');
+    const old = new DatabaseSync(path);
+    old.exec(readFileSync(join(SOURCE, 'tests/workspace/fixtures', fixture), 'utf8'));
+    const before = old.prepare('SELECT thread_id, position, question, (SELECT json_group_array(body) FROM items WHERE turn_id = turns.id) AS items FROM turns ORDER BY id').all();
+    old.close();
+    for (const backend of backends) {
+      const store = await indexed(path, backend);
+      const threads = store.listThreads();
+      assert.ok(threads.every((thread) => !thread.pinned && !thread.archived && store.readThread(thread.id)!.model === null));
+      const after = threads.flatMap((thread) => store.readThread(thread.id)!.turns)
+        .map((turn) => ({ thread_id: turn.threadId, position: turn.position, question: turn.question, items: JSON.stringify(turn.items.map((item) => JSON.stringify(item))) }))
+        .sort((x, y) => (`${x.thread_id}-u${x.position}` < `${y.thread_id}-u${y.position}` ? -1 : 1));
+      assert.deepEqual(after, before.map((row) => ({ ...row })));
+      assert.deepEqual([where(store, '超光速'), where(store, 'sqlite 3.46'), where(store, 'notes.md'), where(store, '检查点')],
+        [['quantum-2:0:-1'], ['wal-1:0:1'], ['stopped-3:0:0'], ['wal-1:1:0', 'wal-1:1:-1', 'wal-1:0:2']]);
+      assert.deepEqual(store.search('x').indexed, { done: 4, total: 4 });
+      store.close();
+      // Nothing of the first index is left but, without FTS5 to drop it, its name and what FTS5 needs to drop it.
+      const reader = new DatabaseSync(path);
+      const tables = reader.prepare("SELECT name FROM sqlite_schema WHERE type = 'table' AND (name GLOB 'retired_*' OR name GLOB 'search_fts*')").all().map((row) => row.name);
+      reader.close();
+      assert.deepEqual(tables, version === 4 && !hasFts5() ? ['search_fts', 'search_fts_idx', 'search_fts_config'] : backend === 'fts5' ? ['search_fts5', 'search_fts5_data', 'search_fts5_idx', 'search_fts5_docsize', 'search_fts5_config'] : []);
+    }
+  });
+}
+
+test('an older store is usable at once: its index is built newest turns first, says how far it got, and carries on after a close', async () => {
   const path = join(temporaryFolder('lm-search-'), 'workspace.db');
   const old = new DatabaseSync(path);
   old.exec(readFileSync(join(SOURCE, 'tests/workspace/fixtures/store-v1.sql'), 'utf8'));
-  const before = old.prepare('SELECT thread_id, position, question, (SELECT json_group_array(body) FROM items WHERE turn_id = turns.id) AS items FROM turns ORDER BY id').all();
-  old.close();
-  for (const backend of backends) {
-    const store = ThreadStore.open(path, undefined, backend);
-    const threads = store.listThreads();
-    assert.ok(threads.every((thread) => !thread.pinned && !thread.archived && store.readThread(thread.id)!.model === null));
-    const after = threads.flatMap((thread) => store.readThread(thread.id)!.turns)
-      .map((turn) => ({ thread_id: turn.threadId, position: turn.position, question: turn.question, items: JSON.stringify(turn.items.map((item) => JSON.stringify(item))) }))
-      .sort((x, y) => (`${x.thread_id}-u${x.position}` < `${y.thread_id}-u${y.position}` ? -1 : 1));
-    assert.deepEqual(after, before.map((row) => ({ ...row })));
-    const where = (text: string) => store.search(text).map((hit) => `${hit.threadId}:${hit.turnPosition}:${hit.itemPosition}`);
-    assert.deepEqual([where('超光速'), where('sqlite 3.46'), where('notes.md'), where('检查点')],
-      [['quantum-2:0:-1'], ['wal-1:0:1'], ['stopped-3:0:0'], ['wal-1:1:0', 'wal-1:1:-1', 'wal-1:0:2']]);
-    store.close();
+  // Answers long enough that each turn is a slice of its own.
+  const long = (word: string) => JSON.stringify({ position: 9, status: 'completed', kind: 'answer', text: `${'长'.repeat(300_000)} ${word}` });
+  for (const [turn, word] of [['wal-1-u0', 'first'], ['quantum-2-u0', 'second'], ['stopped-3-u0', 'third']] as const) {
+    old.prepare("INSERT INTO items VALUES (?, 9, 'completed', ?)").run(turn, long(word));
   }
+  old.close();
+  const clock = new VirtualClock();
+  let store = ThreadStore.open(path, { clock });
+  while (store.search('x').indexed.done === 0) await clock.advance(1);
+  // Turns in the order they were asked: wal-1-u0, wal-1-u1, quantum-2-u0, stopped-3-u0.
+  assert.deepEqual([store.search('x').indexed, where(store, 'third'), where(store, 'second')], [{ done: 1, total: 4 }, ['stopped-3:0:9'], []]);
+  store.close();
+  store = ThreadStore.open(path, { clock });
+  assert.deepEqual(store.search('x').indexed, { done: 1, total: 4 });
+  await clock.advance(1);
+  assert.deepEqual([where(store, 'second'), where(store, '检查点'), store.search('x').indexed], [['quantum-2:0:9'], [], { done: 2, total: 4 }]);
+  await clock.advance(1000);
+  assert.deepEqual([where(store, 'first'), where(store, '检查点')], [['wal-1:0:9'], ['wal-1:1:0', 'wal-1:1:-1', 'wal-1:0:2']]);
+  store.close();
 });

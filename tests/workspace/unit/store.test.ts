@@ -49,12 +49,12 @@ test('a full disk fails the whole batch, keeps what was kept, and the same batch
   store.close();
   // SQLite answers a database at its page limit exactly as it answers a full disk.
   const limit = (pages: number) => [...migrations, (db: DatabaseSync) => db.exec(`PRAGMA max_page_count = ${pages}`)];
-  const full = ThreadStore.open(path, limit(Number(new DatabaseSync(path).prepare('PRAGMA page_count').get()!.page_count)));
+  const full = ThreadStore.open(path, { migrations: limit(Number(new DatabaseSync(path).prepare('PRAGMA page_count').get()!.page_count)) });
   const big = { turns: [{ ...head('u0', 0), status: 'completed' as const, endedAt: 9 }], items: [{ turnId: 'u0', item: answer(1, 'x'.repeat(200_000)) }] };
   assert.throws(() => full.commit(big), (error) => error instanceof StoreError && error.reason === 'full');
   assert.deepEqual(full.readThread('t1')!.turns.map((turn) => [turn.status, turn.items.map((item) => item.position)]), [['running', [0]]]);
   full.close();
-  const roomy = ThreadStore.open(path, limit(100_000));
+  const roomy = ThreadStore.open(path, { migrations: limit(100_000) });
   roomy.commit(big);
   assert.deepEqual(roomy.readThread('t1')!.turns.map((turn) => [turn.status, turn.items.length]), [['completed', 2]]);
   roomy.close();
@@ -91,4 +91,16 @@ test("a thread's usage is the sum over the turns that reported one, and null unt
   store.commit({ turns: [{ ...head('u0', 0), status: 'completed', usage: usage(1) }, head('u1', 1), { ...head('u2', 2), status: 'stopped', usage: usage(10) }], items: [] });
   assert.deepEqual(store.readThread('t1')!.usage, usage(11));
   store.close();
+});
+
+test('an item cut short while it streamed: recovery makes its JSON and tails one stopped item, and search finds it only then', () => {
+  const { store, path } = storeWithThread();
+  store.commit({ turns: [], items: [{ turnId: 'u0', item: answer(0, 'Hello') }], tails: [{ turnId: 'u0', position: 0, part: 0, at: 5, text: ' world' }] });
+  assert.deepEqual(store.search('hello world').results, []);
+  store.close();
+  const reopened = ThreadStore.open(path);
+  reopened.recover('cut', 5000);
+  assert.deepEqual(reopened.readThread('t1')!.turns[0]!.items, [answer(0, 'Hello world', 'stopped')]);
+  assert.deepEqual(reopened.search('hello world').results.map((hit) => hit.snippet.join('')), ['Hello world']);
+  reopened.close();
 });

@@ -106,7 +106,7 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
         return ok({});
       }),
       route('GET', '/api/threads/:id/export', exportThread(threads)),
-      route('GET', '/api/search', ({ url }) => ok({ results: threads.search(url.searchParams.get('q') ?? '') })),
+      route('GET', '/api/search', ({ url }) => ok(threads.search(url.searchParams.get('q') ?? ''))),
       route('GET', '/api/models', async () => ok({ ...(await deps.models.refresh()), last: deps.lastChoice() })),
       route('POST', '/api/uploads', uploadFile(deps.uploads)),
       route('POST', '/api/uploads/remove', takeBackFile(deps.uploads)),

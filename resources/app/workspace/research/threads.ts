@@ -12,7 +12,7 @@ import type { CodexPlace } from './liveTurn.ts';
 import type { TurnRunner } from './turns.ts';
 import type { ListCursor, ThreadStore } from '../store/store.ts';
 import type { Clock } from '../clock.ts';
-import type { Choice, PageEvent, SearchHit, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
+import type { Choice, PageEvent, SearchAnswer, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
 
 /** About how many items a page gets at a time: a screen or two, drawn in one go. */
 export const PAGE_ITEMS = 40;
@@ -215,7 +215,7 @@ export class Threads {
   }
 
   /** The newest places holding the text as typed, whatever characters it has. */
-  search(text: string): SearchHit[] {
+  search(text: string): SearchAnswer {
     if ([...text].length > SEARCH_MAX_LENGTH) throw new Refusal('searchTooLong');
     return this.#options.store.search(text);
   }

@@ -76,7 +76,7 @@ export class TurnRunner {
         if (settled) this.#journal.flush();
       },
       delta: (head, item, field, part, text) => {
-        this.#journal.item(head.id, item);
+        this.#journal.grew(head.id, item, part ?? 0, text);
         const event: PageEvent = { type: 'delta', threadId: head.threadId, turnId: head.id, position: item.position, field, text };
         options.publish(part === undefined ? event : { ...event, part });
       },

@@ -1,7 +1,8 @@
 // The store's schema, one migration per version. A migration runs once, in the same transaction
 // as the bump of user_version, so a database is always at exactly one version.
 import type { DatabaseSync } from 'node:sqlite';
-import { createSearchTables } from './search.ts';
+import { FIRST_FTS5, retireFts5 } from './fts5Index.ts';
+import { retireTable } from './retired.ts';
 
 export type Migration = (db: DatabaseSync) => void;
 
@@ -37,13 +38,13 @@ export const migrations: readonly Migration[] = [
       PRIMARY KEY (turn_id, position)
     ) STRICT, WITHOUT ROWID;
   `),
-  // Threads can be pinned and archived; the list is read a page at a time in its display order.
+  // 2: threads can be pinned and archived; the list is read a page at a time in its display order.
   (db) => db.exec(`
     ALTER TABLE threads ADD COLUMN pinned INTEGER NOT NULL DEFAULT 0;
     ALTER TABLE threads ADD COLUMN archived INTEGER NOT NULL DEFAULT 0;
     CREATE INDEX threads_by_place ON threads (archived, pinned, updated_at DESC, id);
   `),
-  // 2: the model and reasoning effort chosen for each thread, the files each question brought,
+  // 3: the model and reasoning effort chosen for each thread, the files each question brought,
   // and the service's own settings (the last choice, which the next thread starts with).
   (db) => db.exec(`
     ALTER TABLE threads ADD COLUMN model TEXT;
@@ -51,6 +52,26 @@ export const migrations: readonly Migration[] = [
     ALTER TABLE turns ADD COLUMN attachments TEXT;
     CREATE TABLE settings (key TEXT PRIMARY KEY, value TEXT NOT NULL) STRICT;
   `),
-  // 4: the words of every question and item, for search; filled from what is kept already.
-  createSearchTables,
+  // 4: a search index that kept a lower-cased copy of every text, filled here, in the upgrade.
+  // Version 5 retires it; a store older than 4 never needs it made.
+  () => {},
+  // 5: search reads the words where the thread keeps them, and its index is built in the
+  // background (search.ts); the first index's tables are emptied there too. The text a running
+  // item gains is kept beside its JSON (tails.ts).
+  (db) => {
+    db.exec('DROP TRIGGER IF EXISTS search_grams_forget; DROP TABLE IF EXISTS search_state;');
+    retireFts5(db, FIRST_FTS5.table, FIRST_FTS5.triggers);
+    for (const table of ['search_docs', 'search_grams', 'search_forgotten']) retireTable(db, table);
+    db.exec(`
+      CREATE TABLE search_state (backend TEXT NOT NULL, total INTEGER NOT NULL) STRICT;
+      CREATE TABLE item_tails (
+        turn_id TEXT NOT NULL REFERENCES turns (id) ON DELETE CASCADE,
+        position INTEGER NOT NULL,
+        part INTEGER NOT NULL,
+        at INTEGER NOT NULL,
+        text TEXT NOT NULL,
+        PRIMARY KEY (turn_id, position, part, at)
+      ) STRICT;
+    `);
+  },
 ];

@@ -3,9 +3,12 @@
 import { DatabaseSync, type StatementSync } from 'node:sqlite';
 import { chmodSync, closeSync, openSync } from 'node:fs';
 import { migrations as allMigrations, type Migration } from './migrations.ts';
-import { SearchIndex, type SearchBackend } from './search.ts';
+import { SearchIndex } from './search.ts';
+import type { BackendName } from './indexBackend.ts';
 import { preparedOnce } from './prepared.ts';
-import type { Choice, Item, SearchHit, Thread, ThreadSummary, Turn, TurnHead, Usage } from '../model.ts';
+import { applyTail, type ItemTail } from './tails.ts';
+import { systemClock, type Clock } from '../clock.ts';
+import type { Choice, Item, SearchAnswer, StoredSummary, Thread, Turn, TurnHead, Usage } from '../model.ts';
 
 export class StoreError extends Error {
   readonly reason: 'newer' | 'unwritable' | 'full' | 'corrupt' | 'other';
@@ -15,10 +18,19 @@ export class StoreError extends Error {
   }
 }
 
-/** What one flush writes: turn heads and items that changed since the last one. */
+/** What one flush writes: turn heads and items that changed since the last one, and text that items gained. */
 export interface Batch {
   turns: TurnHead[];
   items: { turnId: string; item: Item }[];
+  tails?: ItemTail[];
+}
+
+export interface OpenOptions {
+  migrations?: readonly Migration[];
+  /** The search index's backend; FTS5 where this Node.js has it, when absent. */
+  search?: BackendName;
+  /** What paces the search index's background build. */
+  clock?: Clock;
 }
 
 export interface NewThread {
@@ -76,7 +88,8 @@ export class ThreadStore {
   }
 
   /** Opens (creating if need be) and migrates the store at this path. */
-  static open(path: string, migrations: readonly Migration[] = allMigrations, search?: SearchBackend): ThreadStore {
+  static open(path: string, options: OpenOptions = {}): ThreadStore {
+    const migrations = options.migrations ?? allMigrations;
     let db: DatabaseSync | undefined;
     try {
       if (path !== ':memory:') {
@@ -94,7 +107,10 @@ export class ThreadStore {
       }
       db.exec('PRAGMA busy_timeout = 2000; PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON;');
       store.#migrate(version, migrations);
-      store.#search = store.#transaction(() => SearchIndex.attach(db!, search));
+      store.#search = store.#transaction(() => SearchIndex.attach(db!, {
+        backend: options.search, clock: options.clock ?? systemClock, transaction: (work) => store.#transaction(work),
+      }));
+      store.#search.resume();
       return store;
     } catch (error) {
       db?.close();
@@ -140,14 +156,14 @@ export class ThreadStore {
     }
   }
 
-  listThreads(): Omit<ThreadSummary, 'running'>[] {
+  listThreads(): StoredSummary[] {
     const rows = this.#statement(`SELECT ${SUMMARY} FROM threads ORDER BY updated_at DESC, id`)
       .all() as unknown as ThreadRow[];
     return rows.map(summaryOf);
   }
 
   /** The pinned threads that are not archived, newest first. */
-  pinnedThreads(): Omit<ThreadSummary, 'running'>[] {
+  pinnedThreads(): StoredSummary[] {
     const rows = this.#statement(`SELECT ${SUMMARY} FROM threads WHERE archived = 0 AND pinned = 1 ORDER BY updated_at DESC, id`)
       .all() as unknown as ThreadRow[];
     return rows.map(summaryOf);
@@ -157,7 +173,7 @@ export class ThreadStore {
    * A page of the list after the cursor: the archived threads, or the others that are not pinned;
    * more: whether any come after the page.
    */
-  listPage(archived: boolean, after: ListCursor | null, limit: number): { threads: Omit<ThreadSummary, 'running'>[]; more: boolean } {
+  listPage(archived: boolean, after: ListCursor | null, limit: number): { threads: StoredSummary[]; more: boolean } {
     const from = after ?? { updatedAt: Number.MAX_SAFE_INTEGER, id: '' };
     // Spelled out for each view, so SQLite walks the index in the list's order rather than sorting.
     const which = archived ? 'archived = 1' : 'archived = 0 AND pinned = 0';
@@ -214,12 +230,8 @@ export class ThreadStore {
 
   /** The turns after this position, oldest first, as many as fill the budget as readTurns does; later: whether more follow. */
   readTurnsAfter(threadId: string, after: number, itemBudget: number): { turns: Turn[]; later: boolean } {
-    const limit = Number.isFinite(itemBudget) ? Math.max(1, Math.ceil(itemBudget)) + 1 : -1;
-    const rows = this.#statement(`SELECT turns.*, (SELECT count(*) FROM items WHERE items.turn_id = turns.id) AS item_count
-      FROM turns WHERE thread_id = ? AND position > ? ORDER BY position LIMIT ?`)
-      .all(threadId, after, limit) as unknown as (TurnRow & { item_count: number })[];
-    const taken = withinBudget(rows, itemBudget);
-    return { turns: rows.slice(0, taken).map((turn) => this.#withItems(turn)), later: taken < rows.length };
+    const { turns, more } = this.#turnsBeside(threadId, 'after', after, itemBudget);
+    return { turns, later: more };
   }
 
   /** The sum of the usage its turns reported; null when none did. */
@@ -238,27 +250,47 @@ export class ThreadStore {
    * items (a turn's question counts as one), at least one; earlier: whether more come before them.
    */
   readTurns(threadId: string, before: number | null, itemBudget: number): { turns: Turn[]; earlier: boolean } {
+    const { turns, more } = this.#turnsBeside(threadId, 'before', before ?? Number.MAX_SAFE_INTEGER, itemBudget);
+    return { turns, earlier: more };
+  }
+
+  /** The turns on one side of a position, the nearest that fill the budget, oldest first; more: whether others lie beyond. */
+  #turnsBeside(threadId: string, side: 'before' | 'after', edge: number, itemBudget: number): { turns: Turn[]; more: boolean } {
     // Every turn costs at least one of the budget, so this many rows always suffice.
     const limit = Number.isFinite(itemBudget) ? Math.max(1, Math.ceil(itemBudget)) + 1 : -1;
+    const where = side === 'before' ? 'position < ? ORDER BY position DESC' : 'position > ? ORDER BY position';
     const rows = this.#statement(`SELECT turns.*, (SELECT count(*) FROM items WHERE items.turn_id = turns.id) AS item_count
-      FROM turns WHERE thread_id = ? AND position < ? ORDER BY position DESC LIMIT ?`)
-      .all(threadId, before ?? Number.MAX_SAFE_INTEGER, limit) as unknown as (TurnRow & { item_count: number })[];
+      FROM turns WHERE thread_id = ? AND ${where} LIMIT ?`)
+      .all(threadId, edge, limit) as unknown as (TurnRow & { item_count: number })[];
     const taken = withinBudget(rows, itemBudget);
-    const turns = rows.slice(0, taken).reverse().map((turn) => this.#withItems(turn));
-    return { turns, earlier: taken < rows.length };
+    const page = rows.slice(0, taken);
+    if (side === 'before') page.reverse();
+    return { turns: page.map((turn) => this.#withItems(turn)), more: taken < rows.length };
   }
 
   #withItems(turn: TurnRow): Turn {
-    const items = this.#statement('SELECT body FROM items WHERE turn_id = ? ORDER BY position').all(turn.id) as { body: string }[];
-    return { ...headOf(turn), items: items.map((item) => JSON.parse(item.body) as Item) };
+    const rows = this.#statement('SELECT status, body FROM items WHERE turn_id = ? ORDER BY position').all(turn.id) as
+      { status: string; body: string }[];
+    return { ...headOf(turn), items: rows.map((row) => this.#itemOf(turn.id, row)) };
   }
 
-  /** The newest places in any thread holding this text. */
-  search(text: string): SearchHit[] {
+  /** An item as it was last written: its JSON, and while it runs, the text it gained since. */
+  #itemOf(turnId: string, row: { status: string; body: string }): Item {
+    const item = JSON.parse(row.body) as Item;
+    // Only a running item has tails: writing it whole takes them in.
+    if (row.status !== 'running') return item;
+    const tails = this.#statement('SELECT part, at, text FROM item_tails WHERE turn_id = ? AND position = ? ORDER BY part, at')
+      .all(turnId, item.position) as { part: number; at: number; text: string }[];
+    for (const tail of tails) applyTail(item, tail.part, tail.at, tail.text);
+    return item;
+  }
+
+  /** The newest places in any thread holding this text, and how far the index has got. */
+  search(text: string): SearchAnswer {
     return this.#search.search(text);
   }
 
-  summary(id: string): Omit<ThreadSummary, 'running'> | null {
+  summary(id: string): StoredSummary | null {
     const row = this.#statement(`SELECT ${SUMMARY} FROM threads WHERE id = ?`).get(id) as
       ThreadRow | undefined;
     return row ? summaryOf(row) : null;
@@ -315,15 +347,22 @@ export class ThreadStore {
   }
 
   commit(batch: Batch): void {
-    if (batch.turns.length === 0 && batch.items.length === 0) return;
+    if (batch.turns.length === 0 && batch.items.length === 0 && !batch.tails?.length) return;
     this.#write(() => {
       for (const turn of batch.turns) this.#putTurn(turn);
-      const put = this.#statement('INSERT OR REPLACE INTO items (turn_id, position, status, body) VALUES (?, ?, ?, ?)');
-      for (const { turnId, item } of batch.items) {
-        put.run(turnId, item.position, item.status, JSON.stringify(item));
-        this.#search.putItem(turnId, item);
-      }
+      for (const { turnId, item } of batch.items) this.#putItem(turnId, item);
+      const append = this.#statement('INSERT OR REPLACE INTO item_tails (turn_id, position, part, at, text) VALUES (?, ?, ?, ?, ?)');
+      for (const tail of batch.tails ?? []) append.run(tail.turnId, tail.position, tail.part, tail.at, tail.text);
     });
+  }
+
+  /** Writes the item whole, in place of its JSON and tails. */
+  #putItem(turnId: string, item: Item): void {
+    this.#search.putItem(turnId, item);
+    this.#statement(`INSERT INTO items (turn_id, position, status, body) VALUES (?, ?, ?, ?)
+      ON CONFLICT (turn_id, position) DO UPDATE SET status = excluded.status, body = excluded.body`)
+      .run(turnId, item.position, item.status, JSON.stringify(item));
+    this.#statement('DELETE FROM item_tails WHERE turn_id = ? AND position = ?').run(turnId, item.position);
   }
 
   #putTurn(turn: TurnHead): void {
@@ -347,13 +386,9 @@ export class ThreadStore {
     return this.#write(() => {
       const cut = this.#statement("SELECT id FROM turns WHERE status = 'running'").all() as { id: string }[];
       for (const { id } of cut) {
-        const items = this.#statement("SELECT position, body FROM items WHERE turn_id = ? AND status = 'running'")
-          .all(id) as { position: number; body: string }[];
-        for (const item of items) {
-          const body = { ...(JSON.parse(item.body) as Item), status: 'stopped' };
-          this.#statement("UPDATE items SET status = 'stopped', body = ? WHERE turn_id = ? AND position = ?")
-            .run(JSON.stringify(body), id, item.position);
-        }
+        const rows = this.#statement("SELECT status, body FROM items WHERE turn_id = ? AND status = 'running'")
+          .all(id) as { status: string; body: string }[];
+        for (const row of rows) this.#putItem(id, { ...this.#itemOf(id, row), status: 'stopped' } as Item);
       }
       this.#statement("UPDATE turns SET status = 'interrupted', error = ?, ended_at = ? WHERE status = 'running'").run(reason, now);
       return cut.length;
@@ -363,6 +398,7 @@ export class ThreadStore {
   close(): void {
     if (!this.#open) return;
     this.#open = false;
+    this.#search.close();
     this.#db.close();
   }
 }
@@ -380,7 +416,7 @@ function withinBudget(rows: { item_count: number }[], itemBudget: number): numbe
 
 const SUMMARY = 'id, title, created_at, updated_at, pinned, archived';
 
-function summaryOf(row: Omit<ThreadRow, 'folder'>): Omit<ThreadSummary, 'running'> {
+function summaryOf(row: Omit<ThreadRow, 'folder'>): StoredSummary {
   return {
     id: row.id, title: row.title, createdAt: row.created_at, updatedAt: row.updated_at,
     pinned: row.pinned === 1, archived: row.archived === 1,

@@ -1,0 +1,46 @@
+// The text a running item gained since its JSON was last written, kept beside it: a flush writes
+// what came in its quarter second, not the whole of a long answer again. An item written whole
+// (it settled, or changed otherwise) takes its tails in.
+import type { Item } from '../model.ts';
+
+/** Text that follows the first `at` characters of one growing part of an item. */
+export interface ItemTail {
+  turnId: string;
+  position: number;
+  /** A reasoning item's part; 0 for the one growing text of the others. */
+  part: number;
+  at: number;
+  text: string;
+}
+
+/** How long a growing part of the item is: an answer's or plan's text, a reasoning part, a command's output. */
+export function partLength(item: Item, part: number): number {
+  switch (item.kind) {
+    case 'answer':
+    case 'plan':
+      return item.text.length;
+    case 'reasoning':
+      return item.parts[part]?.length ?? 0;
+    case 'command':
+      return item.output.length;
+    default:
+      return 0;
+  }
+}
+
+/** Puts a tail's text in its place in the item, after the first `at` characters of its part. */
+export function applyTail(item: Item, part: number, at: number, text: string): void {
+  switch (item.kind) {
+    case 'answer':
+    case 'plan':
+      item.text = item.text.slice(0, at) + text;
+      return;
+    case 'reasoning':
+      while (item.parts.length <= part) item.parts.push('');
+      item.parts[part] = item.parts[part]!.slice(0, at) + text;
+      return;
+    case 'command':
+      item.output = item.output.slice(0, at) + text;
+      return;
+  }
+}
