@@ -1,5 +1,7 @@
-// Fifty pages on one running turn, one of which stops reading: it is let go once it lags too far,
-// so what the service queues for it stays bounded, and the other pages get every delta in order.
+// Pages on one running turn, one of which stops reading: it is let go once it lags too far, so what
+// the service queues for it stays bounded, and the other pages get every delta in order. A few
+// readers show it; fifty are the benchmark's (each reader here is parsed by this one process, and
+// fifty of them starved on a loaded machine fell as far behind as the stalled page).
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { connect } from 'node:net';
@@ -12,7 +14,7 @@ import { fakeCodex, startService, Tap, temporaryFolder, until, upgradeRequest } 
 const DELTAS = 192;
 const SIZE = 64 << 10;
 
-test('fifty pages follow one turn; the one that stops reading is dropped, the others get every delta', { timeout: 120_000 }, async () => {
+test('pages follow one turn; the one that stops reading is dropped, the others get every delta', { timeout: 120_000 }, async () => {
   assert.ok(DELTAS * SIZE > MAX_QUEUED_BYTES + (6 << 20));
   const service = await startService({ codexPath: fakeCodex(temporaryFolder('lm-fake-')), env: { FAKE_CODEX_STREAM: `${DELTAS}x${SIZE}x40` } });
   try {
@@ -20,7 +22,7 @@ test('fifty pages follow one turn; the one that stops reading is dropped, the ot
     const id: string = created.body.thread.id;
     await service.stream(id).wait('turn', (event) => event.turn.status === 'completed');
 
-    const readers = Array.from({ length: 49 }, () => new Tap(service.port, id));
+    const readers = Array.from({ length: 4 }, () => new Tap(service.port, id));
     const stalled = connect(service.port, '127.0.0.1');
     stalled.write(upgradeRequest(service.port, `/api/events?thread=${id}`));
     let unread = '';
