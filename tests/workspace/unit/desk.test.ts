@@ -44,7 +44,7 @@ function deskFixture(options: { commit?: (write: () => void) => void; dataFolder
   const clock = new VirtualClock();
   const storage: (string | null)[] = [];
   const desk = new ResearchDesk({
-    store, codex, dataFolder, clock, publish: () => {}, endCommands: async () => {},
+    store, codex, dataFolder, home: dataFolder, uid: process.getuid!(), clock, publish: () => {}, endCommands: async () => {},
     reportStorage: (error) => storage.push(error ? error.reason : null),
   });
   const route = routeNotifications({ account: () => {}, turn: (notification) => desk.turns.onNotification(notification) });
@@ -55,9 +55,9 @@ function deskFixture(options: { commit?: (write: () => void) => void; dataFolder
   return { desk, store: realStore, codex, clock, storage, dataFolder, notify, answers };
 }
 
-const asked = (text: string): Question => ({ text, attachments: [], draft: null, choice: null });
+const asked = (text: string): Question => ({ text, attachments: [], draft: null, choice: null, folder: null });
 
-test('a new thread: an owner-only folder, and a Codex thread working there that may write only there, asks nothing, searches live', async () => {
+test('a new thread: an owner-only folder, and a Codex thread working there that may write only there, asks before going beyond, searches live', async () => {
   const { desk, codex, dataFolder } = deskFixture();
   const { thread } = desk.create(asked('什么是 FTS5？'));
   await settle();
@@ -65,10 +65,13 @@ test('a new thread: an owner-only folder, and a Codex thread working there that 
   assert.equal(statSync(folder).mode & 0o777, 0o700);
   assert.deepEqual(codex.calls, [
     ['thread/start', {
-      cwd: folder, approvalPolicy: 'never', sandbox: 'workspace-write',
+      cwd: folder, approvalPolicy: 'on-request', sandbox: 'workspace-write',
       config: { web_search: 'live', 'shell_environment_policy.set.LANTERNMOOR_THREAD': thread.id },
     }],
-    ['turn/start', { threadId: 'codex-1', input: [{ type: 'text', text: '什么是 FTS5？', text_elements: [] }] }],
+    ['turn/start', {
+      threadId: 'codex-1', input: [{ type: 'text', text: '什么是 FTS5？', text_elements: [] }], approvalPolicy: 'on-request',
+      sandboxPolicy: { type: 'workspaceWrite', writableRoots: [], networkAccess: false, excludeTmpdirEnvVar: false, excludeSlashTmp: false },
+    }],
   ]);
   assert.equal(thread.title, '什么是 FTS5？');
 });

@@ -26,7 +26,7 @@ function fixture() {
   };
   const events: PageEvent[] = [];
   const desk = new ResearchDesk({
-    store, codex, dataFolder, clock: new VirtualClock(), publish: (event) => events.push(event),
+    store, codex, dataFolder, home: dataFolder, uid: process.getuid!(), clock: new VirtualClock(), publish: (event) => events.push(event),
     endCommands: async () => {}, reportStorage: () => {},
   });
   return { desk, store, dataFolder, calls, events };
@@ -34,7 +34,7 @@ function fixture() {
 
 const refused = (reason: RefusalReason, detail = '') => (error: unknown) =>
   error instanceof Refusal && error.reason === reason && error.detail === detail;
-const asked = (text: string): Question => ({ text, attachments: [], draft: null, choice: null });
+const asked = (text: string): Question => ({ text, attachments: [], draft: null, choice: null, folder: null });
 
 test('of two pages renaming from the same title, the first wins and the second is told the title it lost to', () => {
   const { desk, store, events } = fixture();
