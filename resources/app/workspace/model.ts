@@ -99,6 +99,16 @@ export interface Approval {
   askedAt: number;
 }
 
+/** A folder of the user's and the folders in it, as the folder browser shows them. */
+export interface FolderListing {
+  path: string;
+  /** The folder above; null at the top. */
+  parent: string | null;
+  folders: string[];
+  /** More folders are there than the listing shows. */
+  more: boolean;
+}
+
 /** A person's answer: this once, everything this thread asks from now on, or no. */
 export type ApprovalDecision = 'once' | 'thread' | 'decline';
 

@@ -5,6 +5,7 @@
 import { readdirSync, realpathSync, statSync } from 'node:fs';
 import { dirname, isAbsolute, join, sep } from 'node:path';
 import { Refusal } from '../refusal.ts';
+import type { FolderListing } from '../model.ts';
 
 /** The most folders one listing shows: a browser, not an index of the disk. */
 export const LISTING_LIMIT = 500;
@@ -49,15 +50,6 @@ function realpathOr(path: string): string {
   } catch {
     return path;
   }
-}
-
-export interface FolderListing {
-  path: string;
-  /** The folder above; null at the top. */
-  parent: string | null;
-  folders: string[];
-  /** More folders are there than the listing shows. */
-  more: boolean;
 }
 
 /** The folders in this one (the home folder when none is named), hidden ones left out, by name. */

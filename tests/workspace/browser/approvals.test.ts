@@ -1,0 +1,90 @@
+// What Codex may do and what it asks, as a user meets them with the real Codex and its own
+// sandbox: a command that must leave the sandbox waits for a person (once, for the thread, or no),
+// said in the tab's title and, while the page is hidden, by a desktop notification; a thread in
+// a folder of the user's own starts read only, so a write there fails until the user allows it.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { existsSync, mkdtempSync } from 'node:fs';
+import { tmpdir } from 'node:os';
+import { join } from 'node:path';
+import { commandOutput, lastQuestion, reply, type Reply, type ResponsesRequest } from '../../harness/standin.ts';
+import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
+import { ask, world } from '../../harness/world.ts';
+
+const outside = mkdtempSync(join(tmpdir(), 'lm-outside-'));
+const mine = mkdtempSync(join(tmpdir(), 'lm-mine-'));
+
+// The question names the file the command makes: outside the thread's folder (asking first), or in it.
+function script(request: ResponsesRequest): Reply {
+  const output = commandOutput(request);
+  if (output !== null) return reply.answer(/No such file|Read-only|rejected/i.test(output) ? '没能写入。' : '写好了。');
+  const [verb, name] = lastQuestion(request).split(' ');
+  if (verb === 'outside') return { steps: [{ command: `touch ${join(outside, name!)}`, escalate: '要在线程文件夹之外写一个文件' }] };
+  if (verb === 'here') return { steps: [{ command: `touch ${name}` }] };
+  return reply.answer('好的。');
+}
+
+test('a command beyond the sandbox waits for a person: once, denied, then for the whole thread; an own folder is read only until allowed', async (t) => {
+  const { sandbox, browser } = await world(t, script);
+  const launcher = await Launcher.ready(sandbox);
+  const context = await browser.newContext({ viewport: { width: 1200, height: 800 } });
+  await context.grantPermissions(['notifications'], { origin: WORKSPACE.replace(/\/$/, '') });
+  // The page is told it is hidden, and what it shows as a notification is kept to be read.
+  await context.addInitScript(`
+    const shown = [];
+    Object.assign(window, { shown, hidden: false });
+    Object.defineProperty(document, 'hidden', { get: () => window.hidden });
+    window.Notification = class extends Notification {
+      constructor(title, options) {
+        super(title, options);
+        shown.push(title + ': ' + (options?.body ?? ''));
+      }
+    };
+  `);
+  const page = await context.newPage();
+  await page.goto(WORKSPACE);
+
+  await page.evaluate('window.hidden = true');
+  const first = await ask(page, 'outside once.txt');
+  const card = page.locator('.approval');
+  await card.waitFor();
+  assert.match(await card.textContent() ?? '', /touch .*once\.txt[\s\S]*要在线程文件夹之外写一个文件/);
+  assert.match(await page.title(), /^\(1\) \[1 待确认\] /);
+  assert.match(await page.locator('.thread-entry .waiting').textContent() ?? '', /等你确认/);
+  assert.deepEqual(await page.evaluate('window.shown'),
+    ['outside once.txt: Codex 在等你允许：touch ' + join(outside, 'once.txt')]);
+  await page.evaluate('window.hidden = false');
+  await card.getByRole('button', { name: '允许一次' }).click();
+  await first.getByText('写好了。').waitFor();
+  assert.ok(existsSync(join(outside, 'once.txt')));
+  assert.equal(await card.count(), 0);
+
+  const denied = await ask(page, 'outside denied.txt');
+  await card.getByRole('button', { name: '拒绝' }).click();
+  await denied.getByText('没能写入。').waitFor();
+  assert.ok(!existsSync(join(outside, 'denied.txt')));
+
+  const allowed = await ask(page, 'outside thread.txt');
+  await card.getByRole('button', { name: '本线程都允许' }).click();
+  await allowed.getByText('写好了。').waitFor();
+  const unasked = await ask(page, 'outside unasked.txt');
+  await unasked.getByText('写好了。').waitFor();
+  assert.ok(existsSync(join(outside, 'unasked.txt')), 'allowed for the thread: not asked again');
+  assert.equal(await page.title(), 'Lanternmoor Pro · 研究工作区');
+
+  // A folder of the user's own: read only at first, and the user's choice to allow writing.
+  await page.getByRole('button', { name: '在我的文件夹中研究' }).click();
+  await page.fill('#folder-path', mine);
+  await page.getByRole('button', { name: '在这个文件夹中研究' }).click();
+  await page.locator('#own-folder:not([hidden])').waitFor();
+  const refused = await ask(page, 'here made.txt');
+  await refused.getByText('没能写入。').waitFor();
+  assert.equal(await page.inputValue('#permission'), 'read');
+  assert.ok(!existsSync(join(mine, 'made.txt')));
+  await Promise.all([page.waitForResponse(/\/permission$/), page.selectOption('#permission', 'write')]);
+  const made = await ask(page, 'here made.txt');
+  await made.getByText('写好了。').waitFor();
+  assert.ok(existsSync(join(mine, 'made.txt')));
+  await context.close();
+  await launcher.quit();
+});
