@@ -144,7 +144,7 @@ export function startWorkspace(boot: Boot): Workspace {
   const gate = new PeerGate(systemLookup, process.getuid?.() ?? -1);
   const handle = createRoutes({
     desk, account, models, gate, files: new StaticFiles(PUBLIC), complain: boot.complain,
-    uploads: { dataFolder, threadFolder: (id) => desk.threads.place(id)?.attachments ?? null },
+    uploads: { dataFolder, threadFolder: (id) => desk.threads.attachmentsFolder(id) },
     lastChoice: () => store.lastChoice(), folderRules,
   });
   const upgrade = createUpgrade({

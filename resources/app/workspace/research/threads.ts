@@ -87,9 +87,13 @@ export class Threads {
    */
   #attachmentsOf(id: string, kept: string, permission: Permission): string {
     if (!isAbsolute(kept)) return join(this.#options.dataFolder, kept);
-    if (permission === 'read') return join(this.#options.dataFolder, 'threads', id);
-    const folder = join(kept, ATTACHMENTS_FOLDER);
-    mkdirSync(folder, { recursive: true, mode: 0o700 });
+    return permission === 'read' ? join(this.#options.dataFolder, 'threads', id) : join(kept, ATTACHMENTS_FOLDER);
+  }
+
+  /** Where a file for the thread's next question goes, made when first needed; null for no such thread. */
+  attachmentsFolder(id: string): string | null {
+    const folder = this.place(id)?.attachments ?? null;
+    if (folder !== null) mkdirSync(folder, { recursive: true, mode: 0o700 });
     return folder;
   }
 
