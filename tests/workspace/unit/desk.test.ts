@@ -2,7 +2,7 @@
 // what the page and the store get, and what is refused.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { statSync } from 'node:fs';
+import { statSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { ResearchDesk, type Question } from '../../../resources/app/workspace/research/desk.ts';
 import { STOP_DEADLINE_MS } from '../../../resources/app/workspace/research/turns.ts';
@@ -74,6 +74,25 @@ test('a new thread: an owner-only folder, and a Codex thread working there that 
     }],
   ]);
   assert.equal(thread.title, '什么是 FTS5？');
+});
+
+test('a thread in the user\'s own folder works there read only; a question\'s files go where Codex is told, in the folder once it may write', async () => {
+  const { desk, codex, dataFolder, notify } = deskFixture();
+  const mine = temporaryFolder('lm-mine-');
+  const { thread } = desk.create({ ...asked('读一读'), folder: mine });
+  await settle();
+  notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
+  const files = desk.threads.attachmentsFolder(thread.id)!;
+  assert.equal(files, join(dataFolder, 'threads', thread.id));
+  writeFileSync(join(files, 'a.csv'), '1');
+  desk.ask(thread.id, { ...asked('看附件'), attachments: ['a.csv'] });
+  await settle();
+  const [, started] = codex.calls.filter(([method]) => method === 'turn/start').at(-1)!;
+  assert.deepEqual(started.sandboxPolicy, { type: 'readOnly', networkAccess: false });
+  assert.match(started.input[0].text, new RegExp(`${files}.*a\\.csv`));
+  assert.equal(codex.calls[0]![1].cwd, mine);
+  desk.setPermission(thread.id, 'write');
+  assert.equal(desk.threads.attachmentsFolder(thread.id), join(mine, '.lanternmoor-attachments'));
 });
 
 test('a thread Codex no longer has is started afresh, with the thread so far before the question', async () => {

@@ -68,6 +68,7 @@ test('deleting a running thread from two pages at once: the turn is stopped, one
 test('a deletion removes the thread\'s own folder only, whatever its row says and whatever stands in its place', async () => {
   const cases: [string, (db: DatabaseSync, id: string, folder: string, outside: string) => void][] = [
     ['its row names the data folder', (db, id) => db.prepare("UPDATE threads SET folder = '.' WHERE id = ?").run(id)],
+    ['its folder is one of the user\'s own', (db, id, _folder, outside) => db.prepare('UPDATE threads SET folder = ? WHERE id = ?').run(outside, id)],
     ['its folder is a link to one outside', (_db, _id, folder, outside) => {
       renameSync(folder, `${folder}.moved`);
       symlinkSync(outside, folder);
