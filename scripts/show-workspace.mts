@@ -104,6 +104,7 @@ try {
   await page.locator('.approval').getByRole('button', { name: '拒绝' }).click();
   await page.locator('.turn-foot').getByText('本轮用量').waitFor();
   for (const folder of ['experiments/run-42', 'experiments/run-43', 'papers', 'notes']) mkdirSync(join(sandbox.home, folder), { recursive: true });
+  await page.click('#new-thread');
   await page.click('#own-folder-open');
   await page.locator('.folder-entry').filter({ hasText: 'experiments' }).click();
   await page.locator('.folder-entry').filter({ hasText: 'run-42' }).waitFor();

@@ -61,12 +61,10 @@ export class Controller {
     views.thread.bindNear((side) => this.#drawNear(side));
     views.ask.bindAsk(() => void this.#ask());
     views.ask.bindStop(() => void this.#stop());
-    const toWelcome = () => {
+    views.list.bindNewThread(() => {
       if (location.hash) location.hash = '';
       else this.#openFromAddress();
-    };
-    views.list.bindNewThread(toWelcome);
-    views.ownFolder.bindOpen(toWelcome);
+    });
     views.service.bindAccount({
       signIn: (method) => this.#signIn(method),
       cancel: () => this.#account('cancel'),

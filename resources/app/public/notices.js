@@ -69,6 +69,7 @@ export class Notices {
     const permission = supported() ? Notification.permission : 'denied';
     this.#button.hidden = !supported() || permission === 'granted';
     this.#button.disabled = permission === 'denied';
-    this.#button.textContent = permission === 'denied' ? texts.notifyBlocked : texts.notifyOn;
+    this.#button.textContent = permission === 'denied' ? texts.notifyBlockedShort : texts.notify;
+    this.#button.title = permission === 'denied' ? texts.notifyBlocked : texts.notifyOn;
   }
 }

@@ -1,7 +1,8 @@
 // @ts-check
 // "Research in my folder": a folder the user already has, typed as a whole path or found in a
 // small browser the service offers (folders only, from the home folder), becomes the working
-// folder of the next new thread. The service judges the folder when the thread is made.
+// folder of the next new thread; it is offered where a new thread starts. The service judges
+// the folder when the thread is made.
 import { button, byId, element } from './dom.js';
 import { texts } from './texts.js';
 import { getJson } from './api.js';
@@ -34,12 +35,7 @@ export class OwnFolder {
     byId('folder-choose').addEventListener('click', () => this.#choose(this.#path.value.trim()));
     byId('folder-cancel').addEventListener('click', () => this.#dialog.close());
     this.#chosenLine.append(element('span'), button(texts.ownFolderOff, 'thread-action', () => this.#choose(null)));
-  }
-
-  /** @param {() => void} handler called when the user opens the picker */
-  bindOpen(handler) {
     byId('own-folder-open').addEventListener('click', () => {
-      handler();
       this.#note.textContent = '';
       this.#dialog.showModal();
       void this.#browse(this.#chosen ?? '');

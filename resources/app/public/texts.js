@@ -103,7 +103,9 @@ export const texts = {
   decline: '拒绝',
 
   // Being told when something is done.
-  notifyOn: '开启桌面通知',
+  notify: '通知',
+  notifyOn: '开启桌面通知：回答结束或 Codex 等你确认时，即使本页不在前台也会告诉你',
+  notifyBlockedShort: '通知已阻止',
   notifyBlocked: '浏览器已阻止本页的通知：可在浏览器的网站设置中打开。',
   notifyEnded: '这一轮回答结束了。',
   /** @param {string} what */

@@ -9,7 +9,7 @@ import { tmpdir } from 'node:os';
 import { join } from 'node:path';
 import { commandOutput, lastQuestion, reply, type Reply, type ResponsesRequest } from '../../harness/standin.ts';
 import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
-import { ask, world } from '../../harness/world.ts';
+import { ask, newThread, world } from '../../harness/world.ts';
 
 const outside = mkdtempSync(join(tmpdir(), 'lm-outside-'));
 const mine = mkdtempSync(join(tmpdir(), 'lm-mine-'));
@@ -49,7 +49,8 @@ test('a command beyond the sandbox waits for a person: once, denied, then for th
   const card = page.locator('.approval');
   await card.waitFor();
   assert.match(await card.textContent() ?? '', /touch .*once\.txt[\s\S]*要在线程文件夹之外写一个文件/);
-  assert.match(await page.title(), /^\(1\) \[1 待确认\] /);
+  // The title follows the thread's summary, which comes just after the card.
+  await page.waitForFunction(`document.title.startsWith('(1) [1 待确认] ')`);
   assert.match(await page.locator('.thread-entry .waiting').textContent() ?? '', /等你确认/);
   assert.deepEqual(await page.evaluate('window.shown'),
     ['outside once.txt: Codex 在等你允许：touch ' + join(outside, 'once.txt')]);
@@ -70,9 +71,11 @@ test('a command beyond the sandbox waits for a person: once, denied, then for th
   const unasked = await ask(page, 'outside unasked.txt');
   await unasked.getByText('写好了。').waitFor();
   assert.ok(existsSync(join(outside, 'unasked.txt')), 'allowed for the thread: not asked again');
-  assert.equal(await page.title(), 'Lanternmoor Pro · 研究工作区');
+  // The answer may be on the page before its turn ends.
+  await page.waitForFunction(`document.title === 'Lanternmoor Pro · 研究工作区'`);
 
   // A folder of the user's own: read only at first, and the user's choice to allow writing.
+  await newThread(page);
   await page.getByRole('button', { name: '在我的文件夹中研究' }).click();
   await page.fill('#folder-path', mine);
   await page.getByRole('button', { name: '在这个文件夹中研究' }).click();
