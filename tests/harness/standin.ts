@@ -94,9 +94,8 @@ export async function startStandIn(script: Script): Promise<StandIn> {
       } else {
         send('response.output_item.done', {
           output_index: output,
-          item: { type: 'function_call', id: `fc_${id}`, call_id: `call_${id}`, name: 'exec_command', arguments: JSON.stringify(step.escalate === undefined
-            ? { cmd: step.command }
-            : { cmd: step.command, sandbox_permissions: 'require_escalated', justification: step.escalate }) },
+          item: { type: 'function_call', id: `fc_${id}`, call_id: `call_${id}`, name: 'exec_command',
+          arguments: JSON.stringify({ cmd: step.command, ...(step.escalate && { sandbox_permissions: 'require_escalated', justification: step.escalate }) }) },
         });
         output += 1;
       }

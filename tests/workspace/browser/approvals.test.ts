@@ -14,14 +14,14 @@ import { ask, newThread, world } from '../../harness/world.ts';
 const outside = mkdtempSync(join(tmpdir(), 'lm-outside-'));
 const mine = mkdtempSync(join(tmpdir(), 'lm-mine-'));
 
-// The question names the file the command makes: outside the thread's folder (asking first), or in it.
+// The question names the file the command makes: outside the thread's folder (asking first), or in it;
+// the answer says whether the command could write it.
 function script(request: ResponsesRequest): Reply {
   const output = commandOutput(request);
   if (output !== null) return reply.answer(/No such file|Read-only|rejected/i.test(output) ? '没能写入。' : '写好了。');
   const [verb, name] = lastQuestion(request).split(' ');
   if (verb === 'outside') return { steps: [{ command: `touch ${join(outside, name!)}`, escalate: '要在线程文件夹之外写一个文件' }] };
-  if (verb === 'here') return { steps: [{ command: `touch ${name}` }] };
-  return reply.answer('好的。');
+  return { steps: [{ command: `touch ${name}` }] };
 }
 
 test('a command beyond the sandbox waits for a person: once, denied, then for the whole thread; an own folder is read only until allowed', async (t) => {
@@ -57,20 +57,17 @@ test('a command beyond the sandbox waits for a person: once, denied, then for th
   await page.evaluate('window.hidden = false');
   await card.getByRole('button', { name: '允许一次' }).click();
   await first.getByText('写好了。').waitFor();
-  assert.ok(existsSync(join(outside, 'once.txt')));
   assert.equal(await card.count(), 0);
 
   const denied = await ask(page, 'outside denied.txt');
   await card.getByRole('button', { name: '拒绝' }).click();
   await denied.getByText('没能写入。').waitFor();
-  assert.ok(!existsSync(join(outside, 'denied.txt')));
 
   const allowed = await ask(page, 'outside thread.txt');
   await card.getByRole('button', { name: '本线程都允许' }).click();
   await allowed.getByText('写好了。').waitFor();
-  const unasked = await ask(page, 'outside unasked.txt');
-  await unasked.getByText('写好了。').waitFor();
-  assert.ok(existsSync(join(outside, 'unasked.txt')), 'allowed for the thread: not asked again');
+  // Allowed for the thread: not asked again.
+  await (await ask(page, 'outside unasked.txt')).getByText('写好了。').waitFor();
   // The answer may be on the page before its turn ends.
   await page.waitForFunction(`document.title === 'Lanternmoor Pro · 研究工作区'`);
 
@@ -79,11 +76,9 @@ test('a command beyond the sandbox waits for a person: once, denied, then for th
   await page.getByRole('button', { name: '在我的文件夹中研究' }).click();
   await page.fill('#folder-path', mine);
   await page.getByRole('button', { name: '在这个文件夹中研究' }).click();
-  await page.locator('#own-folder:not([hidden])').waitFor();
   const refused = await ask(page, 'here made.txt');
   await refused.getByText('没能写入。').waitFor();
   assert.equal(await page.inputValue('#permission'), 'read');
-  assert.ok(!existsSync(join(mine, 'made.txt')));
   await Promise.all([page.waitForResponse(/\/permission$/), page.selectOption('#permission', 'write')]);
   const made = await ask(page, 'here made.txt');
   await made.getByText('写好了。').waitFor();

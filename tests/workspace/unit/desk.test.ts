@@ -90,7 +90,6 @@ test('a thread in the user\'s own folder works there read only; a question\'s fi
   const [, started] = codex.calls.filter(([method]) => method === 'turn/start').at(-1)!;
   assert.deepEqual(started.sandboxPolicy, { type: 'readOnly', networkAccess: false });
   assert.match(started.input[0].text, new RegExp(`${files}.*a\\.csv`));
-  assert.equal(codex.calls[0]![1].cwd, mine);
   desk.setPermission(thread.id, 'write');
   assert.equal(desk.threads.attachmentsFolder(thread.id), join(mine, '.lanternmoor-attachments'));
 });
