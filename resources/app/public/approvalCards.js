@@ -51,7 +51,7 @@ export class ApprovalCards {
     /** @param {string} term @param {string} value @param {string} [className] */
     const fact = (term, value, className) => facts.append(element('dt', '', term), element('dd', className, value));
     if (approval.kind === 'command') fact(texts.approvalCommand, approval.command ?? '', 'command-line');
-    else fact(texts.approvalFileChange, '');
+    else fact(texts.approvalFileChange, approval.files.join('\n'), 'command-line');
     if (approval.cwd) fact(texts.approvalWhere, approval.cwd);
     if (approval.reason) fact(texts.approvalWhy, approval.reason);
     const note = element('p', 'approval-note');

@@ -46,7 +46,7 @@ export class Notices {
 
   /** @param {Approval} approval @param {string} title the thread's */
   approval(approval, title) {
-    this.#notify(title, texts.notifyWaiting(approval.command ?? texts.approvalFileChange), approval.threadId);
+    this.#notify(title, texts.notifyWaiting(approval.command ?? approval.files.join('、')), approval.threadId);
   }
 
   /** @param {string} title @param {string} body @param {string} thread */

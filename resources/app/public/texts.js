@@ -95,7 +95,7 @@ export const texts = {
   permissions: { read: '只读', write: '可写本文件夹', network: '可写本文件夹并联网' },
   approvalTitle: 'Codex 请求你的允许',
   approvalCommand: '要运行的命令',
-  approvalFileChange: '要修改文件',
+  approvalFileChange: '要写入的文件',
   approvalWhere: '位置',
   approvalWhy: '原因',
   allowOnce: '允许一次',

@@ -92,6 +92,8 @@ export interface Approval {
   kind: 'command' | 'fileChange';
   /** The command it wants to run; null for a file change. */
   command: string | null;
+  /** The files a change would write; none for a command. */
+  files: string[];
   /** Where: the command's folder, or the folder a file change would write in. */
   cwd: string | null;
   /** Why, in Codex's words; null when it gave none. */

@@ -14,17 +14,18 @@ import { ask, newThread, world } from '../../harness/world.ts';
 const outside = mkdtempSync(join(tmpdir(), 'lm-outside-'));
 const mine = mkdtempSync(join(tmpdir(), 'lm-mine-'));
 
-// The question names the file the command makes: outside the thread's folder (asking first), or in it;
-// the answer says whether the command could write it.
+// The question names the file to make: by a command outside the thread's folder (asking first), by a
+// command in it, or by a patch in it; the answer says whether it could be written.
 function script(request: ResponsesRequest): Reply {
   const output = commandOutput(request);
   if (output !== null) return reply.answer(/No such file|Read-only|rejected/i.test(output) ? '没能写入。' : '写好了。');
   const [verb, name] = lastQuestion(request).split(' ');
   if (verb === 'outside') return { steps: [{ command: `touch ${join(outside, name!)}`, escalate: '要在线程文件夹之外写一个文件' }] };
+  if (verb === 'patch') return { steps: [{ command: `apply_patch <<'EOF'\n*** Begin Patch\n*** Add File: ${name}\n+x\n*** End Patch\nEOF` }] };
   return { steps: [{ command: `touch ${name}` }] };
 }
 
-test('a command beyond the sandbox waits for a person: once, denied, then for the whole thread; an own folder is read only until allowed', async (t) => {
+test('a command beyond the sandbox waits for a person, once or for the whole thread; an own folder is read only, a patch there is refused, until writing is allowed', async (t) => {
   const { sandbox, browser } = await world(t, script);
   const launcher = await Launcher.ready(sandbox);
   const context = await browser.newContext({ viewport: { width: 1200, height: 800 } });
@@ -57,11 +58,6 @@ test('a command beyond the sandbox waits for a person: once, denied, then for th
   await page.evaluate('window.hidden = false');
   await card.getByRole('button', { name: '允许一次' }).click();
   await first.getByText('写好了。').waitFor();
-  assert.equal(await card.count(), 0);
-
-  const denied = await ask(page, 'outside denied.txt');
-  await card.getByRole('button', { name: '拒绝' }).click();
-  await denied.getByText('没能写入。').waitFor();
 
   const allowed = await ask(page, 'outside thread.txt');
   await card.getByRole('button', { name: '本线程都允许' }).click();
@@ -79,6 +75,11 @@ test('a command beyond the sandbox waits for a person: once, denied, then for th
   const refused = await ask(page, 'here made.txt');
   await refused.getByText('没能写入。').waitFor();
   assert.equal(await page.inputValue('#permission'), 'read');
+  // A patch at "只读" is a file change to approve, which the user refuses.
+  const denied = await ask(page, 'patch denied.txt');
+  assert.match(await card.locator('dd').first().textContent() ?? '', /denied\.txt$/);
+  await card.getByRole('button', { name: '拒绝' }).click();
+  await denied.getByText('没能写入。').waitFor();
   await Promise.all([page.waitForResponse(/\/permission$/), page.selectOption('#permission', 'write')]);
   const made = await ask(page, 'here made.txt');
   await made.getByText('写好了。').waitFor();

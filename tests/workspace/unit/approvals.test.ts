@@ -21,7 +21,7 @@ function fixture() {
   const running = new Map([['codex-a', 'a'], ['codex-b', 'b']]);
   const approvals = new Approvals({
     clock, publish: (event) => events.push(event), note: (thread, text) => notes.push(`${thread}: ${text}`), waitingChanged: () => {},
-    turnOf: (codexThread) => (running.has(codexThread) ? { threadId: running.get(codexThread)!, turnId: 'turn' } : null),
+    turnOf: (codexThread) => (running.has(codexThread) ? { threadId: running.get(codexThread)!, turnId: 'turn', files: [] } : null),
   });
   const card = () => approvals.forThread('a')[0]!;
   return { clock, events, notes, approvals, card };

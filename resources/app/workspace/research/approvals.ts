@@ -17,8 +17,8 @@ const DECISIONS: Record<ApprovalDecision, CodexDecision> = { once: 'accept', thr
 export interface ApprovalsOptions {
   clock: Clock;
   publish(event: PageEvent): void;
-  /** The running turn of this Codex thread, by the workspace's ids; null when none runs here. */
-  turnOf(codexThreadId: string): { threadId: string; turnId: string } | null;
+  /** The running turn of this Codex thread, by the workspace's ids, and the files its item would change; null when none runs here. */
+  turnOf(codexThreadId: string, codexItemId: string): { threadId: string; turnId: string; files: string[] } | null;
   /** Says in the thread's running turn what became of a request. */
   note(threadId: string, text: string): void;
   /** Whether the thread waits for a person has changed. */
@@ -31,7 +31,7 @@ interface Pending {
   timer: Timer;
 }
 
-function describe(request: ApprovalRequest, turn: { threadId: string; turnId: string }, now: number): Approval {
+function describe(request: ApprovalRequest, turn: { threadId: string; turnId: string; files: string[] }, now: number): Approval {
   const base = { id: randomUUID(), ...turn, reason: request.params.reason ?? null, askedAt: now };
   if (request.method === 'item/fileChange/requestApproval') {
     return { ...base, kind: 'fileChange', command: null, cwd: request.params.grantRoot ?? null };
@@ -55,7 +55,7 @@ export class Approvals {
   request(method: string, params: unknown): Promise<{ decision: CodexDecision }> {
     const message = { method, params };
     if (!isApprovalRequest(message)) throw new RpcError(-32601, `${method} is not supported by this client`);
-    const turn = this.#options.turnOf(message.params.threadId);
+    const turn = this.#options.turnOf(message.params.threadId, message.params.itemId);
     if (!turn) return Promise.resolve({ decision: 'decline' });
     if (this.#allowed.has(turn.threadId)) return Promise.resolve({ decision: 'acceptForSession' });
     const { clock, publish } = this.#options;
@@ -64,7 +64,7 @@ export class Approvals {
     return new Promise((resolve) => {
       const timer = clock.after(APPROVAL_LIMIT_MS, () => {
         this.#end(approval.id, 'decline');
-        this.#options.note(approval.threadId, texts.approvalExpired(approval.command ?? texts.approvalFileChange));
+        this.#options.note(approval.threadId, texts.approvalExpired(approval.command ?? approval.files.join('、')));
       });
       this.#pending.set(approval.id, { approval, decide: (decision) => resolve({ decision }), timer });
       publish({ type: 'approval', approval });

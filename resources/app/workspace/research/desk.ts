@@ -48,7 +48,7 @@ export class ResearchDesk {
     const turns = new TurnRunner({ ...options, ended: (threadId) => approvals.turnEnded(threadId) });
     const approvals = new Approvals({
       clock: options.clock, publish: options.publish,
-      turnOf: (codexThreadId) => turns.turnOf(codexThreadId),
+      turnOf: (codexThreadId, codexItemId) => turns.turnOf(codexThreadId, codexItemId),
       note: (threadId, text) => turns.note(threadId, text),
       waitingChanged: (threadId) => {
         if (threads.exists(threadId)) threads.published(threadId);

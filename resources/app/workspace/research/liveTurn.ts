@@ -169,6 +169,11 @@ export class LiveTurn {
     if (!this.finished) this.#push({ kind: 'notice', level: 'warning', text, position: this.items.length, status: 'completed' });
   }
 
+  /** The item Codex knows by this id, as it is now. */
+  itemOf(codexId: string): Item | undefined {
+    return this.#find(codexId);
+  }
+
   #find(codexId: string): Item | undefined {
     const position = this.#byCodexId.get(codexId);
     return position === undefined ? undefined : this.items[position];

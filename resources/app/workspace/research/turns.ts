@@ -137,11 +137,13 @@ export class TurnRunner {
     this.#finish(live, 'stopped', null);
   }
 
-  /** The running turn of this Codex thread, by the workspace's ids; null when none runs. */
-  turnOf(codexThreadId: string): { threadId: string; turnId: string } | null {
+  /** The running turn of this Codex thread, by the workspace's ids, and the files its item would change; null when none runs. */
+  turnOf(codexThreadId: string, codexItemId: string): { threadId: string; turnId: string; files: string[] } | null {
     const threadId = this.#byCodexThread.get(codexThreadId);
     const live = threadId === undefined ? undefined : this.#live.get(threadId);
-    return live ? { threadId: live.head.threadId, turnId: live.head.id } : null;
+    if (!live) return null;
+    const item = live.itemOf(codexItemId);
+    return { threadId: live.head.threadId, turnId: live.head.id, files: item?.kind === 'fileChange' ? item.changes.map((change) => change.path) : [] };
   }
 
   /** Says something in the thread's running turn, where it happened. */
