@@ -91,6 +91,8 @@ export const texts = {
   badDecision: '没有这种回答：只能允许一次、本线程都允许或拒绝。',
   approvalGone: '这个请求已经不再等待回答：它已在别处得到回答、超时被拒绝，或所在的回答已结束。',
   approvalExpired: (what: string) => `10 分钟内没有人回应 Codex 的请求（${what}），已自动拒绝。`,
+  approvalDeclined: (what: string) => `你拒绝了 Codex 的请求（${what}）。`,
+  approvalForThread: '你允许了这个线程此后的所有请求，直到改变它的权限级别或工作区服务重新启动。',
   folderNotAbsolute: '请填写以“/”开头的完整路径（不能用“~”或相对路径）。',
   folderMissing: (path: string) => `找不到文件夹“${path}”。`,
   folderNotFolder: (path: string) => `“${path}”不是文件夹。`,

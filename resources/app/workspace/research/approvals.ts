@@ -42,6 +42,8 @@ function describe(request: ApprovalRequest, turn: { threadId: string; turnId: st
   return { ...base, kind: 'command', command: words || command || '', cwd: cwd ?? null };
 }
 
+const whatOf = (approval: Approval) => approval.command ?? approval.files.join('、');
+
 export class Approvals {
   readonly #options: ApprovalsOptions;
   readonly #pending = new Map<string, Pending>();
@@ -64,7 +66,7 @@ export class Approvals {
     return new Promise((resolve) => {
       const timer = clock.after(APPROVAL_LIMIT_MS, () => {
         this.#end(approval.id, 'decline');
-        this.#options.note(approval.threadId, texts.approvalExpired(approval.command ?? approval.files.join('、')));
+        this.#options.note(approval.threadId, texts.approvalExpired(whatOf(approval)));
       });
       this.#pending.set(approval.id, { approval, decide: (decision) => resolve({ decision }), timer });
       publish({ type: 'approval', approval });
@@ -76,10 +78,13 @@ export class Approvals {
   answer(threadId: string, id: string, decision: ApprovalDecision): void {
     const pending = this.#pending.get(id);
     if (pending?.approval.threadId !== threadId) throw new Refusal('approvalGone');
+    // What the thread keeps of a card is what a person refused or allowed beyond the request itself.
+    if (decision === 'decline') this.#options.note(threadId, texts.approvalDeclined(whatOf(pending.approval)));
     if (decision !== 'thread') {
       this.#end(id, DECISIONS[decision]);
       return;
     }
+    this.#options.note(threadId, texts.approvalForThread);
     this.#allowed.add(threadId);
     for (const approval of this.forThread(threadId)) this.#end(approval.id, DECISIONS.thread);
   }
