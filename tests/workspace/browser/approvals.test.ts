@@ -10,6 +10,7 @@ import { join } from 'node:path';
 import { commandOutput, lastQuestion, reply, type Reply, type ResponsesRequest } from '../../harness/standin.ts';
 import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
 import { ask, newThread, world } from '../../harness/world.ts';
+import { until } from '../../harness/service.ts';
 
 const outside = mkdtempSync(join(tmpdir(), 'lm-outside-'));
 const mine = mkdtempSync(join(tmpdir(), 'lm-mine-'));
@@ -51,7 +52,7 @@ test('a command beyond the sandbox waits for a person, once or for the whole thr
   await card.waitFor();
   assert.match(await card.textContent() ?? '', /touch .*once\.txt[\s\S]*要在线程文件夹之外写一个文件/);
   // The title follows the thread's summary, which comes just after the card.
-  await page.waitForFunction(`document.title.startsWith('(1) [1 待确认] ')`);
+  await until('the title to count the waiting thread', async () => (await page.title()).startsWith('(1) [1 待确认] '));
   assert.match(await page.locator('.thread-entry .waiting').textContent() ?? '', /等你确认/);
   assert.deepEqual(await page.evaluate('window.shown'),
     ['outside once.txt: Codex 在等你允许：touch ' + join(outside, 'once.txt')]);
@@ -65,7 +66,7 @@ test('a command beyond the sandbox waits for a person, once or for the whole thr
   // Allowed for the thread: not asked again.
   await (await ask(page, 'outside unasked.txt')).getByText('写好了。').waitFor();
   // The answer may be on the page before its turn ends.
-  await page.waitForFunction(`document.title === 'Lanternmoor Pro · 研究工作区'`);
+  await until('the title to count nothing', async () => (await page.title()) === 'Lanternmoor Pro · 研究工作区');
 
   // A folder of the user's own: read only at first, and the user's choice to allow writing.
   await newThread(page);
