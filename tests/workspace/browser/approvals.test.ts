@@ -4,16 +4,15 @@
 // a folder of the user's own starts read only, so a write there fails until the user allows it.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { existsSync, mkdtempSync } from 'node:fs';
-import { tmpdir } from 'node:os';
+import { existsSync, mkdirSync } from 'node:fs';
 import { join } from 'node:path';
 import { commandOutput, lastQuestion, reply, type Reply, type ResponsesRequest } from '../../harness/standin.ts';
 import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
 import { ask, newThread, world } from '../../harness/world.ts';
 import { until } from '../../harness/service.ts';
 
-const outside = mkdtempSync(join(tmpdir(), 'lm-outside-'));
-const mine = mkdtempSync(join(tmpdir(), 'lm-mine-'));
+// Beside the sandbox's home, and gone with it.
+const folders = { outside: '', mine: '' };
 
 // The question names the file to make: by a command outside the thread's folder (asking first), by a
 // command in it, or by a patch in it; the answer says whether it could be written.
@@ -21,13 +20,14 @@ function script(request: ResponsesRequest): Reply {
   const output = commandOutput(request);
   if (output !== null) return reply.answer(/No such file|Read-only|rejected/i.test(output) ? '没能写入。' : '写好了。');
   const [verb, name] = lastQuestion(request).split(' ');
-  if (verb === 'outside') return { steps: [{ command: `touch ${join(outside, name!)}`, escalate: '要在线程文件夹之外写一个文件' }] };
+  if (verb === 'outside') return { steps: [{ command: `touch ${join(folders.outside, name!)}`, escalate: '要在线程文件夹之外写一个文件' }] };
   if (verb === 'patch') return { steps: [{ command: `apply_patch <<'EOF'\n*** Begin Patch\n*** Add File: ${name}\n+x\n*** End Patch\nEOF` }] };
   return { steps: [{ command: `touch ${name}` }] };
 }
 
 test('a command beyond the sandbox waits for a person, once or for the whole thread; an own folder is read only, a patch there is refused, until writing is allowed', async (t) => {
   const { sandbox, browser } = await world(t, script);
+  for (const name of ['outside', 'mine'] as const) mkdirSync(folders[name] = join(sandbox.root, name));
   const launcher = await Launcher.ready(sandbox);
   const context = await browser.newContext({ viewport: { width: 1200, height: 800 } });
   await context.grantPermissions(['notifications'], { origin: WORKSPACE.replace(/\/$/, '') });
@@ -55,7 +55,7 @@ test('a command beyond the sandbox waits for a person, once or for the whole thr
   await until('the title to count the waiting thread', async () => (await page.title()).startsWith('(1) [1 待确认] '));
   assert.match(await page.locator('.thread-entry .waiting').textContent() ?? '', /等你确认/);
   assert.deepEqual(await page.evaluate('window.shown'),
-    ['outside once.txt: Codex 在等你允许：touch ' + join(outside, 'once.txt')]);
+    ['outside once.txt: Codex 在等你允许：touch ' + join(folders.outside, 'once.txt')]);
   await page.evaluate('window.hidden = false');
   await card.getByRole('button', { name: '允许一次' }).click();
   await first.getByText('写好了。').waitFor();
@@ -71,7 +71,7 @@ test('a command beyond the sandbox waits for a person, once or for the whole thr
   // A folder of the user's own: read only at first, and the user's choice to allow writing.
   await newThread(page);
   await page.getByRole('button', { name: '在我的文件夹中研究' }).click();
-  await page.fill('#folder-path', mine);
+  await page.fill('#folder-path', folders.mine);
   await page.getByRole('button', { name: '在这个文件夹中研究' }).click();
   const refused = await ask(page, 'here made.txt');
   await refused.getByText('没能写入。').waitFor();
@@ -84,7 +84,7 @@ test('a command beyond the sandbox waits for a person, once or for the whole thr
   await Promise.all([page.waitForResponse(/\/permission$/), page.selectOption('#permission', 'write')]);
   const made = await ask(page, 'here made.txt');
   await made.getByText('写好了。').waitFor();
-  assert.ok(existsSync(join(mine, 'made.txt')));
+  assert.ok(existsSync(join(folders.mine, 'made.txt')));
   await context.close();
   await launcher.quit();
 });
