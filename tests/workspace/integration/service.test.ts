@@ -35,8 +35,8 @@ const APPROVAL = '00000000-0000-4000-8000-000000000000';
 async function twoTurns(service: Running) {
   const created = await service.request('POST', '/api/threads', { question: 'finished' });
   const id: string = created.body.thread.id;
-  const page = service.stream(id);
-  await page.wait('turn', (e) => e.turn.status === 'completed');
+  // Read from the store: a stream opened after the question may open after its turn ended.
+  await until('the first turn to be kept as completed', () => query(service, `SELECT 1 FROM turns WHERE thread_id = '${id}' AND status = 'completed'`).length);
   const second = await service.request('POST', `/api/threads/${id}/turns`, { question: 'cut' });
   await until('the running turn\'s item to be kept', () => query(service, `SELECT 1 FROM items WHERE turn_id = '${second.body.turn.id}'`).length);
   return id;
