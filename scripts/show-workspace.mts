@@ -1,6 +1,7 @@
 // Screenshots of the workspace for the README, made the way a user sees it: the real launcher,
 // the real Codex answering through the stand-in model, Debian's Chromium. Run by
 // scripts/show-workspace.sh, which gives it a network namespace of its own.
+import { mkdirSync } from 'node:fs';
 import { join } from 'node:path';
 import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type ResponsesRequest } from '../tests/harness/standin.ts';
 import { Launcher, Sandbox, WORKSPACE } from '../tests/harness/launcher.ts';
@@ -52,6 +53,10 @@ ${'```'}
 `;
 
 function script(request: ResponsesRequest) {
+  if (commandOutput(request) !== null && lastQuestion(request).includes('pandas')) return reply.answer('没有得到联网的允许，改用标准库读取。');
+  if (lastQuestion(request).includes('pandas')) {
+    return { steps: [{ command: 'pip install --user pandas', escalate: '需要联网下载 Python 包 pandas，用来读取实验数据。' }] };
+  }
   if (lastQuestion(request).includes('面积')) return reply.answer(MATH_ANSWER.match(/[^\n]*\n?/g)!.filter(Boolean), 20);
   if (commandOutput(request) !== null) return { steps: [{ text: ANSWER.match(/[^\n]*\n?/g)!.filter(Boolean), gapMs: 20 }] };
   if (lastQuestion(request).includes('WAL')) {
@@ -88,6 +93,23 @@ try {
   await page.locator('.turn.found').waitFor();
   await page.screenshot({ path: join(shots, 'workspace-search.png') });
   await page.fill('#search', '');
+
+  // What Codex asks to be allowed, as a card at the thread's end; then the folder browser.
+  await page.click('#new-thread');
+  await page.fill('#question', '安装 pandas，汇总 run-42 的实验结果');
+  await page.press('#question', 'Enter');
+  await page.locator('.approval').waitFor();
+  await page.locator('#question').blur();
+  await page.screenshot({ path: join(shots, 'workspace-approval.png') });
+  await page.locator('.approval').getByRole('button', { name: '拒绝' }).click();
+  await page.locator('.turn-foot').getByText('本轮用量').waitFor();
+  for (const folder of ['experiments/run-42', 'experiments/run-43', 'papers', 'notes']) mkdirSync(join(sandbox.home, folder), { recursive: true });
+  await page.click('#new-thread');
+  await page.click('#own-folder-open');
+  await page.locator('.folder-entry').filter({ hasText: 'experiments' }).click();
+  await page.locator('.folder-entry').filter({ hasText: 'run-42' }).waitFor();
+  await page.screenshot({ path: join(shots, 'workspace-own-folder.png') });
+  await page.click('#folder-cancel');
 
   // Mathematics and code, in the light and the dark look; then a window as narrow as a phone's.
   await page.click('#new-thread');
@@ -128,4 +150,4 @@ try {
   await browser.close();
   await standIn.close();
 }
-console.log(`saved workspace-thread, -search, -reading-light, -reading-dark, -narrow, -narrow-list, -signed-out and -signed-in in ${shots}`);
+console.log(`saved workspace-thread, -search, -approval, -own-folder, -reading-light, -reading-dark, -narrow, -narrow-list, -signed-out and -signed-in in ${shots}`);

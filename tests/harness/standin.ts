@@ -21,7 +21,8 @@ export type Reply =
 export type Step =
   | { text: string[]; gapMs?: number; holdAfter?: { index: number; until: Promise<void> } }
   | { reasoning: string }
-  | { command: string };
+  /** A shell command; with `escalate`, run outside the sandbox once a person allows it, for that reason. */
+  | { command: string; escalate?: string };
 
 export type Script = (request: ResponsesRequest, index: number) => Reply;
 
@@ -93,7 +94,8 @@ export async function startStandIn(script: Script): Promise<StandIn> {
       } else {
         send('response.output_item.done', {
           output_index: output,
-          item: { type: 'function_call', id: `fc_${id}`, call_id: `call_${id}`, name: 'exec_command', arguments: JSON.stringify({ cmd: step.command }) },
+          item: { type: 'function_call', id: `fc_${id}`, call_id: `call_${id}`, name: 'exec_command',
+          arguments: JSON.stringify({ cmd: step.command, ...(step.escalate && { sandbox_permissions: 'require_escalated', justification: step.escalate }) }) },
         });
         output += 1;
       }

@@ -12,6 +12,10 @@ import { ModelPicker } from './models.js';
 import { SearchBox } from './search.js';
 import { installKeys } from './keys.js';
 import { installNarrowList } from './narrow.js';
+import { ApprovalCards } from './approvalCards.js';
+import { PermissionPicker } from './permissionPicker.js';
+import { Notices } from './notices.js';
+import { OwnFolder } from './ownFolder.js';
 
 fillTexts();
 const md = createMarkdown();
@@ -25,6 +29,12 @@ const controller = new Controller({
     list: byId('attachments'), note: byId('attach-note'), button: byId('attach'), input: byId('attach-input'), question: byId('question'),
   }, rules),
   picker: new ModelPicker({ model: byId('model'), effort: byId('effort'), note: byId('model-note') }),
+  approvals: new ApprovalCards(),
+  permission: new PermissionPicker(byId('thread-more')),
+  notices: new Notices((thread) => {
+    location.hash = thread;
+  }),
+  ownFolder: new OwnFolder(),
 });
 new SearchBox({ input: byId('search'), results: byId('search-results'), threads: byId('threads') }, md, rules, (thread, turn) => controller.openHit(thread, turn));
 installKeys();

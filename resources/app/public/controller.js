@@ -18,6 +18,8 @@ import { texts } from './texts.js';
  *   thread: import('./threadView.js').ThreadView, ask: import('./askView.js').AskView,
  *   service: import('./serviceView.js').ServiceView, list: import('./threadList.js').ThreadList,
  *   attachments: import('./attachments.js').Attachments, picker: import('./models.js').ModelPicker,
+ *   approvals: import('./approvalCards.js').ApprovalCards, permission: import('./permissionPicker.js').PermissionPicker,
+ *   notices: import('./notices.js').Notices, ownFolder: import('./ownFolder.js').OwnFolder,
  * }} Views
  */
 /** A page of turns and whether more lie beyond it, drawn ahead. @typedef {{ prepared: Prepared, more: boolean }} Page */
@@ -138,6 +140,14 @@ export class Controller {
     views.ask.running(thread?.running ?? false);
     views.attachments.reset(thread?.id ?? null);
     views.picker.show(thread);
+    views.approvals.show(thread?.id ?? null, thread?.approvals ?? []);
+    views.permission.show(thread?.id ?? null, thread?.permission ?? 'write');
+  }
+
+  /** The tab's title counts what runs and what waits for the user, over every thread this page has. */
+  #drawCounts() {
+    const { running, waiting } = this.#views.list.counts();
+    this.#views.notices.title(running, waiting);
   }
 
   /** @param {PageEvent} event */
@@ -154,13 +164,17 @@ export class Controller {
           history.replaceState(null, '', location.pathname);
         }
         views.list.hello(event.threads, event.moreThreads ?? false, state.open);
+        for (const thread of event.threads) views.notices.summary(thread, undefined);
+        this.#drawCounts();
         this.#show(event.thread);
         return;
       case 'service':
         this.#serviceChanged(event.service);
         return;
       case 'threadSummary':
+        views.notices.summary(event.thread, views.list.get(event.thread.id));
         views.list.update(event.thread);
+        this.#drawCounts();
         if (event.thread.id !== state.open) return;
         views.thread.summary(event.thread);
         views.ask.running(event.thread.running);
@@ -170,12 +184,23 @@ export class Controller {
         return;
       case 'threadRemoved':
         views.list.remove(event.id);
+        this.#drawCounts();
         if (event.id !== state.open) return;
         // Deleted here or in another page: this page goes back to the welcome, and says why.
         history.replaceState(null, '', location.pathname);
         this.#listen(null, null);
         this.#show(null);
         views.ask.say(texts.threadDeleted);
+        return;
+      case 'threadPermission':
+        if (event.threadId === state.open) views.permission.show(event.threadId, event.permission);
+        return;
+      case 'approval':
+        views.approvals.add(event.approval);
+        views.notices.approval(event.approval, views.list.get(event.approval.threadId)?.title ?? '');
+        return;
+      case 'approvalEnded':
+        views.approvals.remove(event.id);
         return;
       case 'turn':
         if (event.turn.threadId === state.open) views.thread.turn(event.turn);
@@ -203,8 +228,13 @@ export class Controller {
         this.#listen(state.open, null);
       }
       const body = { question, ...(await attachments.extras()), ...picker.choice() };
-      if (state.open) await postJson(`${threadPath(state.open)}/turns`, body);
-      else location.hash = (await postJson('/api/threads', body)).thread.id;
+      const folder = this.#views.ownFolder.folder;
+      if (state.open) {
+        await postJson(`${threadPath(state.open)}/turns`, body);
+      } else {
+        location.hash = (await postJson('/api/threads', folder ? { ...body, folder } : body)).thread.id;
+        this.#views.ownFolder.sent();
+      }
       attachments.sent();
       picker.sent();
       ask.clear();

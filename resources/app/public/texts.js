@@ -89,7 +89,49 @@ export const texts = {
   cancel: '取消',
   deleteQuestion: '删除这个线程、它的全部对话和它的文件夹？此操作无法撤销。',
 
+  // Permissions and what Codex asks to be allowed.
+  permission: '权限',
+  permissionHint: 'Codex 在这个线程里不经询问就能做的事，从下一个问题起生效；超出时它会先问你',
+  permissions: { read: '只读', write: '可写本文件夹', network: '可写本文件夹并联网' },
+  approvalTitle: 'Codex 请求你的允许',
+  approvalCommand: '要运行的命令',
+  approvalFileChange: '要写入的文件',
+  approvalWhere: '位置',
+  approvalWhy: '原因',
+  allowOnce: '允许一次',
+  allowThread: '本线程都允许',
+  decline: '拒绝',
+
+  // Being told when something is done.
+  notify: '通知',
+  notifyOn: '开启桌面通知：回答结束或 Codex 等你确认时，即使本页不在前台也会告诉你',
+  notifyBlockedShort: '通知已阻止',
+  notifyBlocked: '浏览器已阻止本页的通知：可在浏览器的网站设置中打开。',
+  notifyEnded: '这一轮回答结束了。',
+  /** @param {string} what */
+  notifyWaiting: (what) => `Codex 在等你允许：${what}`,
+  /** @param {string} title @param {number} running @param {number} waiting */
+  tabTitle: (title, running, waiting) =>
+    `${running > 0 ? `(${running}) ` : ''}${waiting > 0 ? `[${waiting} 待确认] ` : ''}${title}`,
+
+  // A folder of the user's own.
+  ownFolder: '在我的文件夹中研究',
+  ownFolderTitle: '选择一个你自己的文件夹',
+  ownFolderPath: '文件夹的完整路径',
+  ownFolderHelp: 'Codex 会在这个文件夹里工作，开始时只能读取；要让它写入，请在线程顶部改权限。删除线程不会删除或改动这个文件夹。',
+  browse: '打开',
+  up: '上一级',
+  chooseFolder: '在这个文件夹中研究',
+  /** @param {string} path */
+  inOwnFolder: (path) => `下一个新问题将在你的文件夹“${path}”中研究（只读）。`,
+  ownFolderOff: '改用新文件夹',
+  /** @param {number} shown */
+  moreFolders: (shown) => `只列出前 ${shown} 个文件夹。`,
+  noFolders: '这里没有子文件夹。',
+  ownFolderNote: '你的文件夹',
+
   // The thread list.
+  waitingNow: '● 等你确认 · ',
   pinned: '已置顶',
   recent: '最近',
   archived: '已归档',

@@ -72,6 +72,17 @@ export class ThreadList {
     this.draw();
   }
 
+  /** A thread as this page has it; undefined when it has not loaded it. @param {string} id */
+  get(id) {
+    return this.#threads.get(id);
+  }
+
+  /** How many of the loaded threads run a turn, and how many wait for the user. */
+  counts() {
+    const threads = [...this.#threads.values()];
+    return { running: threads.filter((thread) => thread.running).length, waiting: threads.filter((thread) => thread.waiting).length };
+  }
+
   /** @param {string} id */
   remove(id) {
     this.#threads.delete(id);
@@ -119,7 +130,8 @@ export class ThreadList {
       this.#entries.set(thread.id, entry);
     }
     /** @type {HTMLElement} */ (entry.firstChild).textContent = thread.title;
-    /** @type {HTMLElement} */ (entry.lastChild).replaceChildren(...(thread.running ? [element('span', 'live', texts.answeringNow)] : []), texts.when(thread.updatedAt));
+    const live = thread.waiting ? element('span', 'live waiting', texts.waitingNow) : thread.running ? element('span', 'live', texts.answeringNow) : null;
+    /** @type {HTMLElement} */ (entry.lastChild).replaceChildren(...(live ? [live] : []), texts.when(thread.updatedAt));
     entry.classList.toggle('pinned', thread.pinned);
     entry.classList.toggle('open', thread.id === this.#open);
     entry.setAttribute('aria-current', thread.id === this.#open ? 'page' : 'false');

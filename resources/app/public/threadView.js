@@ -173,7 +173,7 @@ export class ThreadView {
       return;
     }
     this.summary(thread);
-    this.#meta.textContent = texts.folder(thread.folder);
+    this.#meta.textContent = thread.ownFolder ? `${texts.folder(thread.folder)} · ${texts.ownFolderNote}` : texts.folder(thread.folder);
     this.usage(thread.usage);
     const fragment = document.createDocumentFragment();
     for (const turn of thread.turns) fragment.append(this.#drawTurn(turn));

@@ -103,6 +103,7 @@ export function startWorkspace(boot: Boot): Workspace {
       void account.refresh();
       models.refresh().catch(() => {});
     },
+    onRequest: (method, params) => desk.approvals.request(method, params),
     onNotification: routeNotifications({
       account: (notification) => account.onNotification(notification),
       turn: (notification) => desk.turns.onNotification(notification),
@@ -122,8 +123,9 @@ export function startWorkspace(boot: Boot): Workspace {
     },
   });
 
+  const folderRules = { home: homedir(), dataFolder, uid: process.getuid?.() ?? -1 };
   const desk = new ResearchDesk({
-    store, codex, dataFolder, clock,
+    store, codex, clock, ...folderRules,
     publish: (event) => hub.publish(event),
     endCommands: async (threadId) => {
       const pid = codex.pid;
@@ -142,8 +144,8 @@ export function startWorkspace(boot: Boot): Workspace {
   const gate = new PeerGate(systemLookup, process.getuid?.() ?? -1);
   const handle = createRoutes({
     desk, account, models, gate, files: new StaticFiles(PUBLIC), complain: boot.complain,
-    uploads: { dataFolder, threadFolder: (id) => desk.threads.place(id)?.folder ?? null },
-    lastChoice: () => store.lastChoice(),
+    uploads: { dataFolder, threadFolder: (id) => desk.threads.attachmentsFolder(id) },
+    lastChoice: () => store.lastChoice(), folderRules,
   });
   const upgrade = createUpgrade({
     threads: desk.threads, hub, gate, complain: boot.complain,

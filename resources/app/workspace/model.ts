@@ -71,10 +71,48 @@ export interface ThreadSummary {
   pinned: boolean;
   /** Left out of the main list; shown in the archived view. */
   archived: boolean;
+  /** Its running turn waits for a person to allow or refuse something Codex asked. */
+  waiting: boolean;
 }
 
-/** A thread's summary as the store keeps it: whether a turn runs now is known only to the service. */
-export type StoredSummary = Omit<ThreadSummary, 'running'>;
+/** A thread's summary as the store keeps it: what runs and waits now is known only to the service. */
+export type StoredSummary = Omit<ThreadSummary, 'running' | 'waiting'>;
+
+/**
+ * What Codex may do in a thread without asking: read only, write in its folder, or that and use
+ * the network. Beyond it, Codex asks, and a person decides.
+ */
+export type Permission = 'read' | 'write' | 'network';
+
+/** Something Codex asks a person to allow, while its turn waits. */
+export interface Approval {
+  id: string;
+  threadId: string;
+  turnId: string;
+  kind: 'command' | 'fileChange';
+  /** The command it wants to run; null for a file change. */
+  command: string | null;
+  /** The files a change would write; none for a command. */
+  files: string[];
+  /** Where: the command's folder, or the folder a file change would write in. */
+  cwd: string | null;
+  /** Why, in Codex's words; null when it gave none. */
+  reason: string | null;
+  askedAt: number;
+}
+
+/** A folder of the user's and the folders in it, as the folder browser shows them. */
+export interface FolderListing {
+  path: string;
+  /** The folder above; null at the top. */
+  parent: string | null;
+  folders: string[];
+  /** More folders are there than the listing shows. */
+  more: boolean;
+}
+
+/** A person's answer: this once, everything this thread asks from now on, or no. */
+export type ApprovalDecision = 'once' | 'thread' | 'decline';
 
 export interface Thread extends ThreadSummary {
   /** The thread's own folder, Codex's working folder for it. */
@@ -90,6 +128,11 @@ export interface Thread extends ThreadSummary {
   effort: string | null;
   /** Whether there are turns after the last of these (the thread was opened at a search hit). */
   later: boolean;
+  permission: Permission;
+  /** The folder is one the user named, not one the workspace made: deleting the thread leaves it. */
+  ownFolder: boolean;
+  /** What its running turn waits for a person to decide. */
+  approvals: Approval[];
 }
 
 /** A model and reasoning effort; null for either is Codex's own default. */
@@ -212,6 +255,10 @@ export type PageEvent =
   | { type: 'threadSummary'; thread: ThreadSummary }
   | { type: 'threadUsage'; threadId: string; usage: Usage | null }
   | { type: 'threadRemoved'; id: string }
+  | { type: 'threadPermission'; threadId: string; permission: Permission }
+  | { type: 'approval'; approval: Approval }
+  /** Answered here or elsewhere, declined at the limit, or its turn ended: the card goes. */
+  | { type: 'approvalEnded'; threadId: string; id: string }
   | { type: 'turn'; turn: TurnHead }
   | { type: 'item'; threadId: string; turnId: string; item: Item }
   | { type: 'delta'; threadId: string; turnId: string; position: number; field: 'text' | 'output'; part?: number; text: string };

@@ -6,7 +6,11 @@ export type RefusalReason =
   | 'notWebSocket' | 'badHandshake' | 'fileNeedsBytes' | 'badPosition' | 'badChoice' | 'badSignInMethod' | 'needsFlag'
   // Threads and their questions.
   | 'emptyQuestion' | 'noSuchThread' | 'turnRunning' | 'stopping' | 'emptyTitle' | 'titleTooLong' | 'renamedElsewhere'
-  | 'deleteWhileUnsaved' | 'searchTooLong'
+  | 'deleteWhileUnsaved' | 'searchTooLong' | 'badPermission'
+  // What Codex asks a person to allow.
+  | 'badDecision' | 'approvalGone'
+  // A folder of the user's own.
+  | 'folderNotAbsolute' | 'folderMissing' | 'folderNotFolder' | 'folderForbidden' | 'folderNotYours'
   // Files a question brings.
   | 'fileTooLarge' | 'fileNameMissing' | 'fileNameUnreadable' | 'fileNameEmpty' | 'fileNameHasSlash'
   | 'fileNameHasControl' | 'fileNameReserved' | 'fileNameTooLong' | 'fileMissing' | 'tooManyFiles' | 'folderUnsafe'

@@ -86,9 +86,23 @@ export const texts = {
   badDraft: '这次上传没有对应的问题草稿：请刷新页面后重新添加文件。',
   badChoice: '模型或推理强度的名称不对。',
   modelsUnavailable: (reason: string) => `现在无法读取 Codex 提供的模型：${reason}`,
+  // Permissions, what Codex asks to be allowed, and folders of the user's own.
+  badPermission: '没有这种权限级别。',
+  badDecision: '没有这种回答：只能允许一次、本线程都允许或拒绝。',
+  approvalGone: '这个请求已经不再等待回答：它已在别处得到回答、超时被拒绝，或所在的回答已结束。',
+  approvalExpired: (what: string) => `10 分钟内没有人回应 Codex 的请求（${what}），已自动拒绝。`,
+  approvalDeclined: (what: string) => `你拒绝了 Codex 的请求（${what}）。`,
+  approvalForThread: '你允许了这个线程此后的所有请求，直到改变它的权限级别或工作区服务重新启动。',
+  folderNotAbsolute: '请填写以“/”开头的完整路径（不能用“~”或相对路径）。',
+  folderMissing: (path: string) => `找不到文件夹“${path}”。`,
+  folderNotFolder: (path: string) => `“${path}”不是文件夹。`,
+  folderForbidden: (path: string) => `不能在“${path}”中研究：根目录、主文件夹本身和工作区的数据文件夹都不行，请选一个其中的子文件夹。`,
+  folderNotYours: (path: string) => `文件夹“${path}”不属于你的用户账户。`,
   internal: (detail: string) => `工作区服务出错（${detail}），详情见数据文件夹中的运行日志。`,
   // What Codex is told beside the question: files it was given, and a thread it no longer has.
   attachmentNote: (names: readonly string[]) => `\n\n（用户附带了这些文件，已放在当前文件夹中：${names.map((name) => `“${name}”`).join('、')}）`,
+  attachmentNoteIn: (names: readonly string[], folder: string) =>
+    `\n\n（用户附带了这些文件，放在文件夹“${folder}”中：${names.map((name) => `“${name}”`).join('、')}）`,
   transcriptTurn: (question: string, answer: string) => `问：${question}\n\n答：${answer}`,
   transcript: (turns: readonly string[]) => `（以下是这个研究线程此前的对话，供你参考。）\n\n${turns.join('\n\n---\n\n')}\n\n---\n\n现在的问题：`,
 } as const;

@@ -29,12 +29,14 @@ const query = (service: Running, sql: string) => {
   try { return db.prepare(sql).all(); } finally { db.close(); }
 };
 
+const APPROVAL = '00000000-0000-4000-8000-000000000000';
+
 /** A finished turn, then a second that streams its first words and never ends, both written down. */
 async function twoTurns(service: Running) {
   const created = await service.request('POST', '/api/threads', { question: 'finished' });
   const id: string = created.body.thread.id;
-  const page = service.stream(id);
-  await page.wait('turn', (e) => e.turn.status === 'completed');
+  // Read from the store: a stream opened after the question may open after its turn ended.
+  await until('the first turn to be kept as completed', () => query(service, `SELECT 1 FROM turns WHERE thread_id = '${id}' AND status = 'completed'`).length);
   const second = await service.request('POST', `/api/threads/${id}/turns`, { question: 'cut' });
   await until('the running turn\'s item to be kept', () => query(service, `SELECT 1 FROM items WHERE turn_id = '${second.body.turn.id}'`).length);
   return id;
@@ -74,6 +76,10 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
       ['an event stream as a plain request', 'GET', '/api/events', undefined, {}, 426, texts.notWebSocket],
       ['turns after no position', 'GET', `/api/threads/${id}/turns?after=-1`, undefined, {}, 400, texts.badPosition],
       ['a title that is not text', 'POST', `/api/threads/${id}/title`, { from: 'finished', title: 42 }, {}, 400, texts.emptyTitle],
+      ['an approval answered from another origin', 'POST', `/api/threads/${id}/approvals/${APPROVAL}`, { decision: 'once' }, { origin: 'http://evil.example' }, 403, texts.foreignOrigin],
+      ['an approval that waits no more', 'POST', `/api/threads/${id}/approvals/${APPROVAL}`, { decision: 'once' }, {}, 409, texts.approvalGone],
+      ['an answer that is none', 'POST', `/api/threads/${id}/approvals/${APPROVAL}`, { decision: 'always' }, {}, 400, texts.badDecision],
+      ['a permission level that is none', 'POST', `/api/threads/${id}/permission`, { permission: 'root' }, {}, 400, texts.badPermission],
     ];
     for (const [what, method, path, body, headers, status, message] of cases) {
       const answer = await service.request(method, path, body, headers);

@@ -2,7 +2,7 @@
 // what the page and the store get, and what is refused.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { statSync } from 'node:fs';
+import { statSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { ResearchDesk, type Question } from '../../../resources/app/workspace/research/desk.ts';
 import { STOP_DEADLINE_MS } from '../../../resources/app/workspace/research/turns.ts';
@@ -44,7 +44,7 @@ function deskFixture(options: { commit?: (write: () => void) => void; dataFolder
   const clock = new VirtualClock();
   const storage: (string | null)[] = [];
   const desk = new ResearchDesk({
-    store, codex, dataFolder, clock, publish: () => {}, endCommands: async () => {},
+    store, codex, dataFolder, home: dataFolder, uid: process.getuid!(), clock, publish: () => {}, endCommands: async () => {},
     reportStorage: (error) => storage.push(error ? error.reason : null),
   });
   const route = routeNotifications({ account: () => {}, turn: (notification) => desk.turns.onNotification(notification) });
@@ -55,9 +55,9 @@ function deskFixture(options: { commit?: (write: () => void) => void; dataFolder
   return { desk, store: realStore, codex, clock, storage, dataFolder, notify, answers };
 }
 
-const asked = (text: string): Question => ({ text, attachments: [], draft: null, choice: null });
+const asked = (text: string): Question => ({ text, attachments: [], draft: null, choice: null, folder: null });
 
-test('a new thread: an owner-only folder, and a Codex thread working there that may write only there, asks nothing, searches live', async () => {
+test('a new thread: an owner-only folder, and a Codex thread working there that may write only there, asks before going beyond, searches live', async () => {
   const { desk, codex, dataFolder } = deskFixture();
   const { thread } = desk.create(asked('什么是 FTS5？'));
   await settle();
@@ -65,12 +65,33 @@ test('a new thread: an owner-only folder, and a Codex thread working there that 
   assert.equal(statSync(folder).mode & 0o777, 0o700);
   assert.deepEqual(codex.calls, [
     ['thread/start', {
-      cwd: folder, approvalPolicy: 'never', sandbox: 'workspace-write',
+      cwd: folder, approvalPolicy: 'on-request', sandbox: 'workspace-write',
       config: { web_search: 'live', 'shell_environment_policy.set.LANTERNMOOR_THREAD': thread.id },
     }],
-    ['turn/start', { threadId: 'codex-1', input: [{ type: 'text', text: '什么是 FTS5？', text_elements: [] }] }],
+    ['turn/start', {
+      threadId: 'codex-1', input: [{ type: 'text', text: '什么是 FTS5？', text_elements: [] }], approvalPolicy: 'on-request',
+      sandboxPolicy: { type: 'workspaceWrite', writableRoots: [], networkAccess: false, excludeTmpdirEnvVar: false, excludeSlashTmp: false },
+    }],
   ]);
   assert.equal(thread.title, '什么是 FTS5？');
+});
+
+test('a thread in the user\'s own folder works there read only; a question\'s files go where Codex is told, in the folder once it may write', async () => {
+  const { desk, codex, dataFolder, notify } = deskFixture();
+  const mine = temporaryFolder('lm-mine-');
+  const { thread } = desk.create({ ...asked('读一读'), folder: mine });
+  await settle();
+  notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
+  const files = desk.threads.attachmentsFolder(thread.id)!;
+  assert.equal(files, join(dataFolder, 'threads', thread.id));
+  writeFileSync(join(files, 'a.csv'), '1');
+  desk.ask(thread.id, { ...asked('看附件'), attachments: ['a.csv'] });
+  await settle();
+  const [, started] = codex.calls.filter(([method]) => method === 'turn/start').at(-1)!;
+  assert.deepEqual(started.sandboxPolicy, { type: 'readOnly', networkAccess: false });
+  assert.match(started.input[0].text, new RegExp(`${files}.*a\\.csv`));
+  desk.setPermission(thread.id, 'write');
+  assert.equal(desk.threads.attachmentsFolder(thread.id), join(mine, '.lanternmoor-attachments'));
 });
 
 test('a thread Codex no longer has is started afresh, with the thread so far before the question', async () => {

@@ -79,7 +79,7 @@ for (const row of rows) {
     const head: TurnHead = { id: 'u', threadId: 't', position: 0, question: 'q', status: 'running', error: null, usage: null, startedAt: 0, endedAt: null };
     const events: string[] = [];
     const kept = new Map<number, Item>();
-    const turn = new LiveTurn(head, { folder: '/threads/t', codexThreadId: T, choice: { model: null, effort: null } }, {
+    const turn = new LiveTurn(head, { folder: '/threads/t', attachments: '/threads/t', codexThreadId: T, choice: { model: null, effort: null }, permission: 'write' }, {
       turn: (changed) => events.push(`turn ${changed.status}`),
       item: (_, item) => { kept.set(item.position, item); },
       delta: (_, item, field, part, text) => { kept.set(item.position, item); events.push(`delta ${item.position} ${field} ${part ?? ''} ${text.length}`); },

@@ -26,7 +26,7 @@ function fixture() {
   };
   const events: PageEvent[] = [];
   const desk = new ResearchDesk({
-    store, codex, dataFolder, clock: new VirtualClock(), publish: (event) => events.push(event),
+    store, codex, dataFolder, home: dataFolder, uid: process.getuid!(), clock: new VirtualClock(), publish: (event) => events.push(event),
     endCommands: async () => {}, reportStorage: () => {},
   });
   return { desk, store, dataFolder, calls, events };
@@ -34,7 +34,7 @@ function fixture() {
 
 const refused = (reason: RefusalReason, detail = '') => (error: unknown) =>
   error instanceof Refusal && error.reason === reason && error.detail === detail;
-const asked = (text: string): Question => ({ text, attachments: [], draft: null, choice: null });
+const asked = (text: string): Question => ({ text, attachments: [], draft: null, choice: null, folder: null });
 
 test('of two pages renaming from the same title, the first wins and the second is told the title it lost to', () => {
   const { desk, store, events } = fixture();
@@ -68,6 +68,7 @@ test('deleting a running thread from two pages at once: the turn is stopped, one
 test('a deletion removes the thread\'s own folder only, whatever its row says and whatever stands in its place', async () => {
   const cases: [string, (db: DatabaseSync, id: string, folder: string, outside: string) => void][] = [
     ['its row names the data folder', (db, id) => db.prepare("UPDATE threads SET folder = '.' WHERE id = ?").run(id)],
+    ['its folder is one of the user\'s own', (db, id, _folder, outside) => db.prepare('UPDATE threads SET folder = ? WHERE id = ?').run(outside, id)],
     ['its folder is a link to one outside', (_db, _id, folder, outside) => {
       renameSync(folder, `${folder}.moved`);
       symlinkSync(outside, folder);

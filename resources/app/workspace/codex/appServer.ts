@@ -26,6 +26,8 @@ export interface AppServerOptions {
   minimumVersion?: string;
   onState(state: CodexState): void;
   onNotification(method: string, params: unknown): void;
+  /** A request from Codex (it asks before going beyond its sandbox); what it resolves to is the answer. */
+  onRequest?(method: string, params: unknown): Promise<unknown>;
   /** The app-server has ended: every turn that ran through it is over. */
   onExit(): void;
 }
@@ -138,9 +140,9 @@ export class CodexAppServer implements CodexPort {
       const child = spawn(command, ['app-server'], { stdio: ['pipe', 'pipe', 'inherit'], env });
       const connection = new RpcConnection(child.stdout, child.stdin, {
         notification: (method, params) => this.#options.onNotification(method, params),
-        // Approvals are never asked for (the policy is "never"); anything else is not ours to grant.
-        request: (method) => {
-          throw new RpcError(-32601, `${method} is not supported by this client`);
+        request: (method, params) => {
+          if (!this.#options.onRequest) throw new RpcError(-32601, `${method} is not supported by this client`);
+          return this.#options.onRequest(method, params);
         },
       }, clock);
       this.#child = child;

@@ -35,11 +35,18 @@ export interface CodexTokenBreakdown {
   reasoningOutputTokens: number;
 }
 
-/** How a Codex thread works: in its folder, never asking, writing only there. */
+export type CodexSandboxMode = 'read-only' | 'workspace-write';
+
+/** What a turn's commands may touch; Codex's own sandbox enforces it. */
+export type CodexSandboxPolicy =
+  | { type: 'readOnly'; networkAccess: boolean }
+  | { type: 'workspaceWrite'; writableRoots: string[]; networkAccess: boolean; excludeTmpdirEnvVar: boolean; excludeSlashTmp: boolean };
+
+/** How a Codex thread works: in its folder, asking before it goes beyond its sandbox. */
 export interface CodexThreadSettings {
   cwd?: string | null;
-  approvalPolicy?: 'never' | null;
-  sandbox?: 'workspace-write' | null;
+  approvalPolicy?: 'on-request' | null;
+  sandbox?: CodexSandboxMode | null;
   config?: Record<string, string> | null;
 }
 
@@ -77,7 +84,10 @@ export interface CodexRequests {
   'thread/start': { params: CodexThreadSettings; result: { thread: { id: string } } };
   'thread/resume': { params: CodexThreadSettings & { threadId: string }; result: { thread: { id: string } } };
   'turn/start': {
-    params: { threadId: string; input: CodexInput[]; model?: string; effort?: string };
+    params: {
+      threadId: string; input: CodexInput[]; model?: string; effort?: string;
+      approvalPolicy: 'on-request'; sandboxPolicy: CodexSandboxPolicy;
+    };
     result: { turn: { id: string } };
   };
   'turn/interrupt': { params: { threadId: string; turnId: string }; result: Nothing };
@@ -119,6 +129,32 @@ export interface AccountNotifications {
   'account/updated': Record<string, unknown>;
   'account/login/completed': { loginId: string | null; success: boolean; error: string | null };
   'account/rateLimits/updated': { rateLimits: CodexRateLimits };
+}
+
+/** Codex asking before it goes beyond its sandbox, by method: what it sends and the decision it reads. */
+export interface ApprovalRequests {
+  'item/commandExecution/requestApproval': {
+    params: {
+      threadId: string; turnId: string; itemId: string; reason?: string | null;
+      command?: string | null; cwd?: string | null; commandActions?: { command?: string }[] | null;
+    };
+    result: { decision: CodexDecision };
+  };
+  'item/fileChange/requestApproval': {
+    params: { threadId: string; turnId: string; itemId: string; reason?: string | null; grantRoot?: string | null };
+    result: { decision: CodexDecision };
+  };
+}
+
+export type CodexDecision = 'accept' | 'acceptForSession' | 'decline' | 'cancel';
+type Request<Map> = { [M in keyof Map]: { method: M; params: Map[M] extends { params: infer P } ? P : never } }[keyof Map];
+export type ApprovalRequest = Request<ApprovalRequests>;
+
+const APPROVAL_METHODS = new Set<string>(['item/commandExecution/requestApproval', 'item/fileChange/requestApproval'] satisfies (keyof ApprovalRequests)[]);
+
+export function isApprovalRequest(message: CodexMessage): message is ApprovalRequest {
+  return APPROVAL_METHODS.has(message.method) && isObject(message.params) && typeof message.params.threadId === 'string'
+    && typeof message.params.turnId === 'string';
 }
 
 type Notification<Map> = { [M in keyof Map]: { method: M; params: Map[M] } }[keyof Map];
@@ -166,5 +202,4 @@ export function routeNotifications(readers: NotificationReaders): (method: strin
   };
 }
 
-export const SANDBOX = 'workspace-write';
-export const APPROVAL_POLICY = 'never';
+export const APPROVAL_POLICY = 'on-request';

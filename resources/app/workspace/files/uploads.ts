@@ -41,9 +41,10 @@ export function isImage(name: string): boolean {
   return IMAGE_TYPES.has(extname(name).toLowerCase());
 }
 
-/** What Codex is told beside the question: the files by their names in its working folder. */
-export function attachmentNote(names: readonly string[]): string {
-  return names.length === 0 ? '' : texts.attachmentNote(names);
+/** What Codex is told beside the question: the files by their names in its working folder, or in the folder named. */
+export function attachmentNote(names: readonly string[], elsewhere: string | null = null): string {
+  if (names.length === 0) return '';
+  return elsewhere === null ? texts.attachmentNote(names) : texts.attachmentNoteIn(names, elsewhere);
 }
 
 /** Where a file goes: a thread's folder, or the draft folder of a page's question that has no thread yet. */

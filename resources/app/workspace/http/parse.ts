@@ -5,7 +5,8 @@ import { Refusal } from '../refusal.ts';
 import { checkName, type UploadPlace } from '../files/uploads.ts';
 import type { Question } from '../research/desk.ts';
 import type { ListCursor } from '../store/store.ts';
-import type { Choice, SignInMethod } from '../model.ts';
+import { isPermission } from '../research/permissions.ts';
+import type { ApprovalDecision, Choice, Permission, SignInMethod } from '../model.ts';
 
 export const BODY_LIMIT_BYTES = (1 << 20) + (64 << 10);
 const THREAD_ID = /^[\w-]{1,64}$/;
@@ -49,7 +50,10 @@ export function questionOf(fields: Fields): Question {
   const { question, attachments, draft } = fields;
   if (typeof question !== 'string') throw new Refusal('emptyQuestion');
   const chosen = 'model' in fields || 'effort' in fields;
-  return { text: question, attachments: namesOf(attachments), draft: typeof draft === 'string' ? draft : null, choice: chosen ? choiceOf(fields) : null };
+  return {
+    text: question, attachments: namesOf(attachments), draft: typeof draft === 'string' ? draft : null,
+    choice: chosen ? choiceOf(fields) : null, folder: typeof fields.folder === 'string' ? fields.folder : null,
+  };
 }
 
 /** The files a question names; a name that is not text is no name, which the file rules refuse. */
@@ -72,6 +76,21 @@ export function renameOf(fields: Fields): { from: string; title: string } {
   const { from, title } = fields;
   if (typeof title !== 'string' || typeof from !== 'string') throw new Refusal('emptyTitle');
   return { from, title };
+}
+
+export function permissionOf(value: unknown): Permission {
+  if (!isPermission(value)) throw new Refusal('badPermission');
+  return value;
+}
+
+export function decisionOf(value: unknown): ApprovalDecision {
+  if (value !== 'once' && value !== 'thread' && value !== 'decline') throw new Refusal('badDecision');
+  return value;
+}
+
+/** An approval's id: one of another form names none. */
+export function isApprovalId(raw: unknown): raw is string {
+  return typeof raw === 'string' && /^[0-9a-f-]{36}$/.test(raw);
 }
 
 export function flagOf(value: unknown): boolean {

@@ -5,7 +5,10 @@ import { Refusal } from '../refusal.ts';
 import { securityHeaders } from './answer.ts';
 import { checkChange, type PeerGate } from './security.ts';
 import { createRouter, created, ok, route, type Handler } from './router.ts';
-import { cursorOf, flagOf, isThreadId, positionOf, questionOf, readFields, readJson, renameOf, signInMethodOf } from './parse.ts';
+import {
+  cursorOf, decisionOf, flagOf, isApprovalId, isThreadId, permissionOf, positionOf, questionOf, readFields, readJson, renameOf, signInMethodOf,
+} from './parse.ts';
+import { listFolders, type FolderRules } from '../files/ownFolder.ts';
 import { takeBackFile, uploadFile } from './uploads.ts';
 import type { StaticFiles } from './static.ts';
 import { attachment, exportFileName, threadMarkdown } from '../research/export.ts';
@@ -25,6 +28,8 @@ export interface RouteDeps {
   uploads: UploadFolders;
   /** The choice the last question asked for, which the model picker starts from. */
   lastChoice(): Choice;
+  /** What the folder browser may show. */
+  folderRules: FolderRules;
   complain(line: string): void;
 }
 
@@ -63,7 +68,7 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
       if (!(await deps.gate.allows(request.socket))) throw new Refusal('foreignUser');
       checkChange(request);
     },
-    params: { id: isThreadId },
+    params: { id: isThreadId, approval: isApprovalId },
     otherwise: pageFiles(deps.files),
     complain: deps.complain,
     routes: [
@@ -106,6 +111,15 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
         return ok({});
       }),
       route('GET', '/api/threads/:id/export', exportThread(threads)),
+      route('POST', '/api/threads/:id/permission', async ({ request, params }) => {
+        desk.setPermission(params.id, permissionOf((await readFields(request)).permission));
+        return ok({});
+      }),
+      route('POST', '/api/threads/:id/approvals/:approval', async ({ request, params }) => {
+        desk.approvals.answer(params.id, params.approval, decisionOf((await readFields(request)).decision));
+        return ok({});
+      }),
+      route('GET', '/api/folders', ({ url }) => ok(listFolders(url.searchParams.get('path'), deps.folderRules))),
       route('GET', '/api/search', ({ url }) => ok(threads.search(url.searchParams.get('q') ?? ''))),
       route('GET', '/api/models', async () => ok({ ...(await deps.models.refresh()), last: deps.lastChoice() })),
       route('POST', '/api/uploads', uploadFile(deps.uploads)),

@@ -2,13 +2,18 @@
 import { completeItem, describeError, OUTPUT_LIMIT, toItem, usageOf } from '../codex/translate.ts';
 import { texts } from '../texts.ts';
 import type { CodexTokenBreakdown, TurnNotification } from '../codex/protocol.ts';
-import type { Choice, Item, Turn, TurnHead, TurnStatus } from '../model.ts';
+import type { Choice, Item, Permission, Turn, TurnHead, TurnStatus } from '../model.ts';
 
-/** Where a thread's turns run, read once per question: its folder, its Codex thread (none before its first turn), the model chosen. */
+/**
+ * Where a thread's turns run, read once per question: its folder, where its questions' files are,
+ * its Codex thread (none before its first turn), the model chosen, what Codex may do there.
+ */
 export interface CodexPlace {
   folder: string;
+  attachments: string;
   codexThreadId: string | null;
   choice: Choice;
+  permission: Permission;
 }
 
 export interface TurnSink {
@@ -157,6 +162,16 @@ export class LiveTurn {
     this.head.error = status === 'completed' ? null : error;
     this.head.endedAt = now;
     this.#sink.turn(this.head);
+  }
+
+  /** Something the user must know, said in the turn where it happened. */
+  note(text: string): void {
+    if (!this.finished) this.#push({ kind: 'notice', level: 'warning', text, position: this.items.length, status: 'completed' });
+  }
+
+  /** The item Codex knows by this id, as it is now. */
+  itemOf(codexId: string): Item | undefined {
+    return this.#find(codexId);
   }
 
   #find(codexId: string): Item | undefined {

@@ -3,16 +3,20 @@
 // published to every page; what is read shows the running turns as they are in memory.
 import { lstatSync, mkdirSync, rmSync } from 'node:fs';
 import { randomBytes, randomUUID } from 'node:crypto';
-import { join } from 'node:path';
+import { isAbsolute, join } from 'node:path';
 import { Refusal } from '../refusal.ts';
 import { storageError } from './storage.ts';
 import { moveDraftFiles } from '../files/drafts.ts';
 import { SEARCH_MAX_LENGTH } from '../store/search.ts';
 import type { CodexPlace } from './liveTurn.ts';
 import type { TurnRunner } from './turns.ts';
+import type { Approvals } from './approvals.ts';
 import type { ListCursor, ThreadStore } from '../store/store.ts';
 import type { Clock } from '../clock.ts';
-import type { Choice, PageEvent, SearchAnswer, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
+import type { Choice, PageEvent, Permission, SearchAnswer, StoredSummary, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
+
+/** Where the files of an own-folder thread's questions go while Codex may write there. */
+export const ATTACHMENTS_FOLDER = '.lanternmoor-attachments';
 
 /** About how many items a page gets at a time: a screen or two, drawn in one go. */
 export const PAGE_ITEMS = 40;
@@ -28,6 +32,7 @@ export interface ThreadsOptions {
   dataFolder: string;
   clock: Clock;
   turns: TurnRunner;
+  approvals: Approvals;
   publish(event: PageEvent): void;
 }
 
@@ -65,19 +70,46 @@ export class Threads {
   place(id: string): CodexPlace | null {
     const place = this.#options.store.codexPlace(id);
     if (!place) return null;
-    const { folder, codexThreadId, model, effort } = place;
-    return { folder: join(this.#options.dataFolder, folder), codexThreadId, choice: { model, effort } };
+    const { codexThreadId, model, effort, permission } = place;
+    const folder = this.#folderOf(place.folder);
+    return { folder, attachments: this.#attachmentsOf(id, place.folder, permission), codexThreadId, choice: { model, effort }, permission };
+  }
+
+  /** The store keeps a folder the workspace made by its place in the data folder, the user's own by its whole path. */
+  #folderOf(kept: string): string {
+    return isAbsolute(kept) ? kept : join(this.#options.dataFolder, kept);
+  }
+
+  /**
+   * Where the files of the thread's questions go: its folder; for a folder of the user's own, a
+   * folder of their own inside it while Codex may write there, and otherwise the thread's folder
+   * in the data folder, which is made for every thread.
+   */
+  #attachmentsOf(id: string, kept: string, permission: Permission): string {
+    if (!isAbsolute(kept)) return join(this.#options.dataFolder, kept);
+    return permission === 'read' ? join(this.#options.dataFolder, 'threads', id) : join(kept, ATTACHMENTS_FOLDER);
+  }
+
+  /** Where a file for the thread's next question goes, made when first needed; null for no such thread. */
+  attachmentsFolder(id: string): string | null {
+    const folder = this.place(id)?.attachments ?? null;
+    if (folder !== null) mkdirSync(folder, { recursive: true, mode: 0o700 });
+    return folder;
   }
 
   /**
    * A new thread with its own folder, holding the draft's files, and its first question's turn;
    * on failure nothing of it is left, and the files are back in the draft.
    */
-  create(question: string, files: { draft: string; names: string[] } | null, choice: Choice | null): { head: TurnHead; place: CodexPlace } {
+  create(
+    question: string, files: { draft: string; names: string[] } | null, choice: Choice | null, ownFolder: string | null = null,
+  ): { head: TurnHead; place: CodexPlace } {
     const now = this.#options.clock.now();
     const id = newThreadId(now);
-    const folder = join('threads', id);
-    const absolute = join(this.#options.dataFolder, folder);
+    const absolute = join(this.#options.dataFolder, 'threads', id);
+    // A folder of the user's own is read only until the user allows more.
+    const folder = ownFolder ?? join('threads', id);
+    const permission: Permission = ownFolder ? 'read' : 'write';
     try {
       mkdirSync(join(this.#options.dataFolder, 'threads'), { recursive: true, mode: 0o700 });
       mkdirSync(absolute, { mode: 0o700 });
@@ -92,14 +124,16 @@ export class Threads {
     }
     const head = newHead(id, 0, question, now, files?.names ?? []);
     try {
-      this.#options.store.createThread({ id, title: titleOf(question), createdAt: now, folder, ...choice }, head);
+      this.#options.store.createThread({ id, title: titleOf(question), createdAt: now, folder, permission, ...choice }, head);
     } catch (error) {
       // The user's files go back where the page expects them, for the next try.
       if (files) moveDraftFiles(absolute, files.draft, files.names);
       rmSync(absolute, { recursive: true, force: true });
       throw storageError(error);
     }
-    return { head, place: { folder: absolute, codexThreadId: null, choice: choice ?? { model: null, effort: null } } };
+    return {
+      head, place: { folder: ownFolder ?? absolute, attachments: absolute, codexThreadId: null, choice: choice ?? { model: null, effort: null }, permission },
+    };
   }
 
   /** A follow-up question's turn; a choice given is the thread's from now on. */
@@ -128,8 +162,14 @@ export class Threads {
     return { threads: threads.map(this.#running), more };
   }
 
-  readonly #running = (thread: Omit<ThreadSummary, 'running'>): ThreadSummary =>
-    ({ ...thread, running: this.#options.turns.isRunning(thread.id) });
+  readonly #running = (thread: StoredSummary): ThreadSummary =>
+    ({ ...thread, running: this.#options.turns.isRunning(thread.id), waiting: this.#options.approvals.waiting(thread.id) });
+
+  /** What Codex may do in the thread from its next question on. */
+  setPermission(id: string, permission: Permission): void {
+    if (!this.#options.store.setPermission(id, permission)) throw new Refusal('noSuchThread');
+    this.#options.publish({ type: 'threadPermission', threadId: id, permission });
+  }
 
   /** Gives the thread the reader's title, unless another page renamed it since this one saw it. */
   rename(id: string, from: string, title: string): ThreadSummary {
@@ -138,16 +178,17 @@ export class Threads {
     if ([...cleaned].length > TITLE_LIMIT) throw new Refusal('titleTooLong');
     const result = this.#options.store.renameThread(id, from, cleaned);
     if (!result.done) throw result.current === null ? new Refusal('noSuchThread') : new Refusal('renamedElsewhere', result.current);
-    return this.#published(id);
+    return this.published(id);
   }
 
   /** Pins or archives the thread, or undoes it; setting what is already set is no change. */
   setFlag(id: string, flag: 'pinned' | 'archived', value: boolean): ThreadSummary {
     if (!this.#options.store.setFlag(id, flag, value)) throw new Refusal('noSuchThread');
-    return this.#published(id);
+    return this.published(id);
   }
 
-  #published(id: string): ThreadSummary {
+  /** The thread's summary as it now is, to every page. */
+  published(id: string): ThreadSummary {
     const summary = this.#running(this.#options.store.summary(id)!);
     this.#options.publish({ type: 'threadSummary', thread: summary });
     return summary;
@@ -196,8 +237,11 @@ export class Threads {
     const kept = this.#options.store.readThread(id, itemBudget, at);
     if (!kept) return null;
     const { codexThreadId: _, folder, ...rest } = kept;
-    const { turns } = this.#options;
-    return { ...rest, folder: join(this.#options.dataFolder, folder), turns: turns.fresh(id, kept.turns), running: turns.isRunning(id) };
+    const { turns, approvals } = this.#options;
+    return {
+      ...rest, folder: this.#folderOf(folder), ownFolder: isAbsolute(folder), turns: turns.fresh(id, kept.turns),
+      running: turns.isRunning(id), waiting: approvals.waiting(id), approvals: approvals.forThread(id),
+    };
   }
 
   /** Turns before this position, for a page the reader scrolls up in. */

@@ -8,7 +8,8 @@ import { describeStorage } from './storage.ts';
 import { texts } from '../texts.ts';
 import { RpcClosed, RpcError } from '../codex/rpc.ts';
 import { CodexUnavailable } from '../codex/appServer.ts';
-import { APPROVAL_POLICY, SANDBOX, type CodexPort, type TurnNotification } from '../codex/protocol.ts';
+import { APPROVAL_POLICY, type CodexPort, type TurnNotification } from '../codex/protocol.ts';
+import { sandboxModeOf, sandboxPolicyOf } from './permissions.ts';
 import { MARKER } from '../codex/commands.ts';
 import { StoreError, type ThreadStore } from '../store/store.ts';
 import { attachmentNote, isImage } from '../files/uploads.ts';
@@ -33,6 +34,8 @@ export interface TurnRunnerOptions {
   reportStorage(error: StoreError | null): void;
   /** The model and effort Codex is to use for a thread's choice (its default for none); as given when absent. */
   resolveChoice?(choice: Choice): Promise<Choice>;
+  /** The thread's running turn has ended. */
+  ended?(threadId: string): void;
 }
 
 /** Why a turn could not start, in one sentence: Codex's own refusals are in English. */
@@ -108,7 +111,7 @@ export class TurnRunner {
   begin(head: TurnHead, place: CodexPlace): ThreadSummary {
     const live = new LiveTurn(head, place, this.#sink);
     this.#live.set(head.threadId, live);
-    const summary = { ...this.#options.store.summary(head.threadId)!, running: true };
+    const summary = { ...this.#options.store.summary(head.threadId)!, running: true, waiting: false };
     this.#options.publish({ type: 'threadSummary', thread: summary });
     this.#options.publish({ type: 'turn', turn: head });
     void this.#run(live);
@@ -132,6 +135,20 @@ export class TurnRunner {
     live.stopRequested = true;
     await this.#interrupt(live);
     this.#finish(live, 'stopped', null);
+  }
+
+  /** The running turn of this Codex thread, by the workspace's ids, and the files its item would change; null when none runs. */
+  turnOf(codexThreadId: string, codexItemId: string): { threadId: string; turnId: string; files: string[] } | null {
+    const threadId = this.#byCodexThread.get(codexThreadId);
+    const live = threadId === undefined ? undefined : this.#live.get(threadId);
+    if (!live) return null;
+    const item = live.itemOf(codexItemId);
+    return { threadId: live.head.threadId, turnId: live.head.id, files: item?.kind === 'fileChange' ? item.changes.map((change) => change.path) : [] };
+  }
+
+  /** Says something in the thread's running turn, where it happened. */
+  note(threadId: string, text: string): void {
+    this.#live.get(threadId)?.note(text);
   }
 
   /** Writes down whatever is waiting; false when the store cannot take it now. */
@@ -198,14 +215,16 @@ export class TurnRunner {
         return;
       }
       const names = live.head.attachments ?? [];
-      const text = `${context ?? ''}${live.head.question}${attachmentNote(names)}`;
-      const images = names.filter(isImage).map((name) => ({ type: 'localImage' as const, path: join(live.place.folder, name) }));
+      const { folder, attachments, permission } = live.place;
+      const text = `${context ?? ''}${live.head.question}${attachmentNote(names, attachments === folder ? null : attachments)}`;
+      const images = names.filter(isImage).map((name) => ({ type: 'localImage' as const, path: join(attachments, name) }));
       live.turnRequested = true;
       // The choice is sent with every turn: Codex keeps a turn's model for the turns after it,
       // so a thread set back to the default must say which model that is.
       const started = await this.#options.codex.request('turn/start', {
         threadId: codexThreadId, input: [{ type: 'text', text, text_elements: [] }, ...images],
         ...(resolved.model ? { model: resolved.model } : {}), ...(resolved.effort ? { effort: resolved.effort } : {}),
+        approvalPolicy: APPROVAL_POLICY, sandboxPolicy: sandboxPolicyOf(permission),
       });
       this.#turnStarted(live, started.turn.id);
       // A stop asked for meanwhile (and perhaps already given up on) still reaches Codex.
@@ -224,7 +243,7 @@ export class TurnRunner {
     const { threadId } = live.head;
     const { folder, codexThreadId } = live.place;
     const settings = {
-      cwd: folder, approvalPolicy: APPROVAL_POLICY, sandbox: SANDBOX,
+      cwd: folder, approvalPolicy: APPROVAL_POLICY, sandbox: sandboxModeOf(live.place.permission),
       config: { web_search: 'live', [`shell_environment_policy.set.${MARKER}`]: threadId },
     } as const;
     let context: string | null = null;
@@ -285,11 +304,12 @@ export class TurnRunner {
       this.#endedCodexTurns.add(live.codexTurnId);
       if (this.#endedCodexTurns.size > ENDED_KEPT) this.#endedCodexTurns.delete(this.#endedCodexTurns.values().next().value!);
     }
+    this.#options.ended?.(threadId);
     this.#journal.flush();
     if (this.#journal.pending) this.#unsaved.set(live.head.id, live);
     const summary = this.#options.store.summary(threadId);
     if (!summary) return;
-    this.#options.publish({ type: 'threadSummary', thread: { ...summary, running: false } });
+    this.#options.publish({ type: 'threadSummary', thread: { ...summary, running: false, waiting: false } });
     this.#options.publish({ type: 'threadUsage', threadId, usage: this.#options.store.threadUsage(threadId) });
   }
 }

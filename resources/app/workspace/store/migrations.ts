@@ -74,4 +74,7 @@ export const migrations: readonly Migration[] = [
       ) STRICT;
     `);
   },
+  // 6: what Codex may do in each thread without asking; threads made before could write in
+  // their folder, as they still can.
+  (db) => db.exec(`ALTER TABLE threads ADD COLUMN permission TEXT NOT NULL DEFAULT 'write';`),
 ];

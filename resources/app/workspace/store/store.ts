@@ -8,7 +8,7 @@ import type { BackendName } from './indexBackend.ts';
 import { preparedOnce } from './prepared.ts';
 import { applyTail, type ItemTail } from './tails.ts';
 import { systemClock, type Clock } from '../clock.ts';
-import type { Choice, Item, SearchAnswer, StoredSummary, Thread, Turn, TurnHead, Usage } from '../model.ts';
+import type { Choice, Item, Permission, SearchAnswer, StoredSummary, Thread, Turn, TurnHead, Usage } from '../model.ts';
 
 export class StoreError extends Error {
   readonly reason: 'newer' | 'unwritable' | 'full' | 'corrupt' | 'other';
@@ -40,6 +40,7 @@ export interface NewThread {
   createdAt: number;
   model?: string | null;
   effort?: string | null;
+  permission?: Permission;
 }
 
 interface TurnRow {
@@ -49,6 +50,9 @@ interface TurnRow {
 interface ThreadRow {
   id: string; title: string; folder: string; created_at: number; updated_at: number; pinned: number; archived: number;
 }
+
+/** A thread as the store keeps it: what runs and waits now, and whose its folder is, the service adds. */
+export type KeptThread = Omit<Thread, 'running' | 'waiting' | 'ownFolder' | 'approvals'>;
 
 /** Where a page of the list starts: after this thread, in the list's order (newest first). */
 export interface ListCursor { updatedAt: number; id: string }
@@ -205,15 +209,15 @@ export class ThreadStore {
   }
 
   /** The thread with its newest turns, as many as fill about this many items; earlier: more before them. */
-  readThread(id: string, itemBudget = Infinity, at?: number): (Omit<Thread, 'running'> & { codexThreadId: string | null }) | null {
+  readThread(id: string, itemBudget = Infinity, at?: number): (KeptThread & { codexThreadId: string | null }) | null {
     const row = this.#statement('SELECT * FROM threads WHERE id = ?').get(id) as
-      (ThreadRow & { codex_thread_id: string | null; model: string | null; effort: string | null }) | undefined;
+      (ThreadRow & { codex_thread_id: string | null; model: string | null; effort: string | null; permission: Permission }) | undefined;
     if (!row) return null;
     const { turns, earlier, later } = at === undefined
       ? { ...this.readTurns(id, null, itemBudget), later: false }
       : this.#readFrom(id, at, itemBudget);
     return { ...summaryOf(row), folder: row.folder, codexThreadId: row.codex_thread_id, turns, earlier, later, usage: this.threadUsage(id),
-      model: row.model, effort: row.effort,
+      model: row.model, effort: row.effort, permission: row.permission,
     };
   }
 
@@ -297,10 +301,15 @@ export class ThreadStore {
   }
 
   /** What Codex needs to carry on with a thread: its folder, Codex's own id for it, the model chosen. */
-  codexPlace(id: string): ({ folder: string; codexThreadId: string | null } & Choice) | null {
-    const row = this.#statement('SELECT folder, codex_thread_id, model, effort FROM threads WHERE id = ?').get(id) as
-      { folder: string; codex_thread_id: string | null; model: string | null; effort: string | null } | undefined;
-    return row ? { folder: row.folder, codexThreadId: row.codex_thread_id, model: row.model, effort: row.effort } : null;
+  codexPlace(id: string): ({ folder: string; codexThreadId: string | null; permission: Permission } & Choice) | null {
+    const row = this.#statement('SELECT folder, codex_thread_id, model, effort, permission FROM threads WHERE id = ?').get(id) as
+      { folder: string; codex_thread_id: string | null; model: string | null; effort: string | null; permission: Permission } | undefined;
+    return row ? { folder: row.folder, codexThreadId: row.codex_thread_id, model: row.model, effort: row.effort, permission: row.permission } : null;
+  }
+
+  /** What Codex may do in the thread from its next turn on; false when there is no such thread. */
+  setPermission(id: string, permission: Permission): boolean {
+    return this.#write(() => Number(this.#statement('UPDATE threads SET permission = ? WHERE id = ?').run(permission, id).changes) > 0);
   }
 
   /** The thread's model choice from now on; it is also the choice the next thread starts with. */
@@ -329,8 +338,9 @@ export class ThreadStore {
   /** A new thread with its first turn, together or not at all. */
   createThread(thread: NewThread, first: TurnHead): void {
     this.#write(() => {
-      this.#statement('INSERT INTO threads (id, title, folder, created_at, updated_at, model, effort) VALUES (?, ?, ?, ?, ?, ?, ?)')
-        .run(thread.id, thread.title, thread.folder, thread.createdAt, thread.createdAt, thread.model ?? null, thread.effort ?? null);
+      this.#statement('INSERT INTO threads (id, title, folder, created_at, updated_at, model, effort, permission) VALUES (?, ?, ?, ?, ?, ?, ?, ?)')
+        .run(thread.id, thread.title, thread.folder, thread.createdAt, thread.createdAt, thread.model ?? null, thread.effort ?? null,
+          thread.permission ?? 'write');
       if (thread.model !== undefined || thread.effort !== undefined) {
         this.#putSetting('lastChoice', JSON.stringify({ model: thread.model ?? null, effort: thread.effort ?? null }));
       }
