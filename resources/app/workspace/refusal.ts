@@ -6,7 +6,8 @@ export type RefusalReason =
   | 'notWebSocket' | 'badHandshake' | 'fileNeedsBytes' | 'badPosition' | 'badChoice' | 'badSignInMethod' | 'needsFlag'
   // Threads and their questions.
   | 'emptyQuestion' | 'noSuchThread' | 'turnRunning' | 'stopping' | 'emptyTitle' | 'titleTooLong' | 'renamedElsewhere'
-  | 'deleteWhileUnsaved' | 'searchTooLong'
+  | 'deleteWhileUnsaved' | 'searchTooLong' | 'busyThread' | 'noTurnToRedo' | 'redoUnsupported' | 'redoFailed' | 'noSuchTurn'
+  | 'branchUnknownTurn' | 'branchTooLarge' | 'branchFailed' | 'noSuchQueued'
   // Files a question brings.
   | 'fileTooLarge' | 'fileNameMissing' | 'fileNameUnreadable' | 'fileNameEmpty' | 'fileNameHasSlash'
   | 'fileNameHasControl' | 'fileNameReserved' | 'fileNameTooLong' | 'fileMissing' | 'tooManyFiles' | 'folderUnsafe'
