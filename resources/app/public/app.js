@@ -9,6 +9,7 @@ import { ServiceView } from './serviceView.js';
 import { ThreadList } from './threadList.js';
 import { Attachments } from './attachments.js';
 import { ModelPicker } from './models.js';
+import { QueueView } from './queueView.js';
 import { SearchBox } from './search.js';
 import { installKeys } from './keys.js';
 import { installNarrowList } from './narrow.js';
@@ -25,6 +26,10 @@ const controller = new Controller({
     list: byId('attachments'), note: byId('attach-note'), button: byId('attach'), input: byId('attach-input'), question: byId('question'),
   }, rules),
   picker: new ModelPicker({ model: byId('model'), effort: byId('effort'), note: byId('model-note') }),
+  queue: new QueueView(byId('queued'), {
+    change: (id, text) => controller.changeQueued(id, text),
+    send: (id) => controller.sendQueued(id),
+  }),
 });
 new SearchBox({ input: byId('search'), results: byId('search-results'), threads: byId('threads') }, md, rules, (thread, turn) => controller.openHit(thread, turn));
 installKeys();

@@ -40,8 +40,6 @@ const ANSWERS: Record<RefusalReason, Answer> = {
   redoFailed: [502, texts.redoFailed],
   noSuchTurn: [404, texts.noSuchTurn],
   branchUnknownTurn: [409, texts.branchUnknownTurn],
-  // The page asks the user, and sends the branch again with the size confirmed.
-  branchTooLarge: [409, texts.branchTooLarge],
   branchFailed: [500, texts.branchFailed],
   noSuchQueued: [404, texts.noSuchQueued],
   fileTooLarge: [413, texts.fileTooLarge(FILE_LIMIT_TEXT)],

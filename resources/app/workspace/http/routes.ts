@@ -92,7 +92,7 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
       route('POST', '/api/threads/:id/redo', async ({ request, params }) => created(await desk.redo(params.id, redoOf(await readFields(request))))),
       route('POST', '/api/threads/:id/branch', async ({ request, params }) => {
         const { position, confirmed } = branchOf(await readFields(request));
-        return created({ thread: await desk.branch(params.id, position, confirmed) });
+        return created(await desk.branch(params.id, position, confirmed));
       }),
       route('POST', '/api/threads/:id/steer', async ({ request, params }) =>
         ok(await desk.steer(params.id, questionOf(await readFields(request)).text))),

@@ -4,7 +4,7 @@
 // their turns (turns.ts), rewrites their history (history.ts) and queues questions (queue.ts).
 import { Threads } from './threads.ts';
 import { TurnRunner, type TurnRunnerOptions } from './turns.ts';
-import { History } from './history.ts';
+import { History, type Branched } from './history.ts';
 import { QuestionQueue } from './queue.ts';
 import { texts } from '../texts.ts';
 import { Refusal } from '../refusal.ts';
@@ -96,7 +96,7 @@ export class ResearchDesk {
   }
 
   /** A new thread branched at the turn at this position; a large folder is copied only once confirmed. */
-  async branch(threadId: string, position: number, confirmed: boolean): Promise<ThreadSummary> {
+  async branch(threadId: string, position: number, confirmed: boolean): Promise<Branched> {
     const place = this.#claim(threadId);
     try {
       const source = this.#store.summary(threadId);

@@ -18,6 +18,9 @@ import type { PageEvent, ThreadSummary, TurnHead } from '../model.ts';
 /** A folder larger than this is copied for a branch only once the user has said so. */
 export const LARGE_BRANCH_BYTES = 1 << 30;
 
+/** The branch made, or the question to put to the user before its folder is copied. */
+export type Branched = { thread: ThreadSummary } | { confirm: string };
+
 export interface HistoryOptions {
   store: ThreadStore;
   codex: CodexPort;
@@ -87,11 +90,11 @@ export class History {
    * (a reflink where the file system makes them), its Codex thread Codex's own fork. On failure
    * nothing of it is left.
    */
-  async branch(source: { id: string; title: string }, place: CodexPlace, turn: KeptTurn, confirmed: boolean): Promise<ThreadSummary> {
+  async branch(source: { id: string; title: string }, place: CodexPlace, turn: KeptTurn, confirmed: boolean): Promise<Branched> {
     const { store, codex, clock, dataFolder, turns, publish } = this.#options;
     if (!turn.codexTurnId || !place.codexThreadId) throw new Refusal('branchUnknownTurn');
     const bytes = await folderBytes(place.folder);
-    if (bytes > LARGE_BRANCH_BYTES && !confirmed) throw new Refusal('branchTooLarge', sizeText(bytes));
+    if (bytes > LARGE_BRANCH_BYTES && !confirmed) return { confirm: texts.branchTooLarge(sizeText(bytes)) };
     const now = clock.now();
     const id = newThreadId(now);
     const folder = join('threads', id);
@@ -113,6 +116,6 @@ export class History {
     }
     const summary = { ...store.summary(id)!, running: false };
     publish({ type: 'threadSummary', thread: summary });
-    return summary;
+    return { thread: summary };
   }
 }
