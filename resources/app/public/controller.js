@@ -318,6 +318,7 @@ export class Controller {
       thread.followEnd();
     } catch (error) {
       ask.say(sentence(error));
+    } finally {
       ask.sending(false);
     }
   }
