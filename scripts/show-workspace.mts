@@ -51,7 +51,14 @@ print(circle_area(2.0))  # 12.566...
 ${'```'}
 `;
 
+// A long turn waits after its first words until the pictures of it are taken.
+let release = () => {};
+const held = new Promise<void>((resolve) => { release = resolve; });
+
 function script(request: ResponsesRequest) {
+  if (lastQuestion(request).startsWith('重新跑')) return { steps: [{ text: ['正在用 2022 年的数据重新拟合……\n\n', '拟合完成。'], holdAfter: { index: 0, until: held } }] };
+  // Codex takes guidance by asking the model again at once, with the guidance added.
+  if (lastQuestion(request).includes('2023')) return { steps: [{ text: ['好的，改用 2023 年的数据重新拟合……', '拟合完成。'], holdAfter: { index: 0, until: held } }] };
   if (lastQuestion(request).includes('面积')) return reply.answer(MATH_ANSWER.match(/[^\n]*\n?/g)!.filter(Boolean), 20);
   if (commandOutput(request) !== null) return { steps: [{ text: ANSWER.match(/[^\n]*\n?/g)!.filter(Boolean), gapMs: 20 }] };
   if (lastQuestion(request).includes('WAL')) {
@@ -62,10 +69,11 @@ function script(request: ResponsesRequest) {
 
 /** Asks in the open page and waits for the whole answer, its code coloured (that waits for an idle moment). */
 async function answered(page: Page, question: string) {
+  const turns = await page.locator('.turn').count();
   await page.fill('#question', question);
   await page.press('#question', 'Enter');
-  await page.locator('.turn-foot').getByText('本轮用量').waitFor();
-  const turn = page.locator('.turn').last();
+  const turn = page.locator('.turn').nth(turns);
+  await turn.locator('.turn-foot').getByText('本轮用量').waitFor();
   if (await turn.locator('pre > code[class^="language-"]').count() > 0) await turn.locator('code.hljs').first().waitFor();
 }
 
@@ -107,6 +115,30 @@ try {
   await page.screenshot({ path: join(shots, 'workspace-narrow-list.png') });
   await launcher.quit();
 
+  // A thread branched at its first turn, and in it a running turn given guidance, with a question queued behind it.
+  const iterating = new Sandbox((folder) => codexHome(standIn, { folder, settings: ['model_context_window = 200000'] }));
+  const third = await Launcher.ready(iterating);
+  const { page: branched } = await openPage(browser, WORKSPACE, { width: 1280, height: 860 });
+  await answered(branched, '实验 run-42 的数据该用哪种模型拟合？');
+  await answered(branched, '换成对数尺度会怎样？');
+  await answered(branched, '把残差画出来');
+  await branched.locator('.turn').first().locator('.branch').click();
+  await branched.locator('#thread-title').getByText('分支').waitFor();
+  await branched.fill('#question', '重新跑一遍拟合，这次只用线性模型');
+  await branched.press('#question', 'Enter');
+  await branched.getByText('正在用 2022 年的数据').waitFor();
+  await branched.fill('#question', '再比较两种模型的 AIC');
+  await branched.click('#queue-send');
+  await branched.locator('#queued .queued-item').waitFor();
+  await branched.fill('#question', '用 2023 年的数据');
+  await branched.press('#question', 'Enter');
+  await branched.getByText('改用 2023 年的数据重新拟合').waitFor();
+  await branched.locator('#question').blur();
+  await branched.locator('.turn').first().hover();
+  await branched.screenshot({ path: join(shots, 'workspace-branch.png') });
+  release();
+  await third.quit();
+
   // Signed out, then signed in through a stand-in ChatGPT sign-in.
   const signIn = await startSignInStandIn({ email: 'ada@example.com', plan: 'plus', usedPercent: 37 });
   const signedOut = new Sandbox((folder) => codexHome(standIn, { folder, signedOut: true, settings: [`chatgpt_base_url = "${signIn.url}/backend-api"`] }));
@@ -128,4 +160,4 @@ try {
   await browser.close();
   await standIn.close();
 }
-console.log(`saved workspace-thread, -search, -reading-light, -reading-dark, -narrow, -narrow-list, -signed-out and -signed-in in ${shots}`);
+console.log(`saved workspace-thread, -search, -branch, -reading-light, -reading-dark, -narrow, -narrow-list, -signed-out and -signed-in in ${shots}`);

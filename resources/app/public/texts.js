@@ -36,7 +36,7 @@ export const texts = {
   send: '发送',
   steer: '引导',
   queue: '排队',
-  steerHint: '回答进行中：“引导”把这段话交给正在进行的这一轮，“排队”留作下一个问题。',
+  steerHint: '“引导”交给这一轮，“排队”留到它完成后。',
   more: '更多',
 
   // Requests.

@@ -78,7 +78,7 @@ export const texts = {
   redoUnsupported: '这个版本的 Codex 不能撤回上一轮：请升级 Codex 后再重问，或从上一轮之前分支。',
   redoFailed: (detail: string) => `Codex 没能撤回上一轮（${detail}），原来的回答保留不变。`,
   noSuchTurn: '这一轮已不在这个线程中。',
-  branchUnknownTurn: '这一轮保存时还没有记录 Codex 的轮次，无法从这里分支：请从之后的轮次分支。',
+  unknownTurn: '这一轮保存于更早的版本，没有记下 Codex 对它的编号，不能重问或从这里分支：请从之后的轮次分支，或直接提出新的问题。',
   branchTooLarge: (size: string) => `这个线程的文件夹有 ${size}，分支会复制一份。确定要分支吗？`,
   branchFailed: (detail: string) => `分支没有成功：${detail}`,
   branchTitle: (title: string, position: number) => `${title}（从第 ${position} 轮分支）`,

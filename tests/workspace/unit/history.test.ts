@@ -5,6 +5,7 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { existsSync, mkdirSync, readFileSync, truncateSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
+import { DatabaseSync } from 'node:sqlite';
 import { LARGE_BRANCH_BYTES } from '../../../resources/app/workspace/research/history.ts';
 import { RpcError } from '../../../resources/app/workspace/codex/rpc.ts';
 import { Refusal } from '../../../resources/app/workspace/refusal.ts';
@@ -81,13 +82,21 @@ test('a retry of a turn Codex never started rolls nothing back; Codex that lost 
   assert.doesNotMatch(text, /问：q2/);
 });
 
-test('while a turn runs the history stays as it is: asking again and branching are refused with a sentence', async () => {
-  const { desk, id } = await threadOf(1);
+test('refused with a sentence, the history as it was: a change while a turn runs, and one of a turn Codex\'s id was never kept for', async () => {
+  const { desk, id, dataFolder, notify } = await threadOf(1);
   desk.ask(id, asked('running'));
   await settle();
   await assert.rejects(desk.redo(id, 'edited'), reason('busyThread'));
   await assert.rejects(desk.branch(id, 0, false), reason('busyThread'));
-  assert.equal(desk.threads.thread(id)!.turns.length, 2);
+  notify('item/completed', { item: { type: 'agentMessage', id: 'a', text: 'an answer' } }, 'codex-1', 'turn-2');
+  notify('turn/completed', { turn: { id: 'turn-2', status: 'completed', error: null } }, 'codex-1', 'turn-2');
+  // As a store from before Codex's turn ids were kept has them.
+  const db = new DatabaseSync(join(dataFolder, 'workspace.db'));
+  db.exec('UPDATE turns SET codex_turn_id = NULL');
+  db.close();
+  await assert.rejects(desk.redo(id, 'edited'), reason('unknownTurn'));
+  await assert.rejects(desk.branch(id, 0, false), reason('unknownTurn'));
+  assert.deepEqual(desk.threads.thread(id)!.turns.map((turn) => turn.question), ['q1', 'running']);
 });
 
 test('guidance goes into the running turn where it was given; after the turn it becomes a queued question, said so', async () => {

@@ -39,7 +39,7 @@ const ANSWERS: Record<RefusalReason, Answer> = {
   redoUnsupported: [501, texts.redoUnsupported],
   redoFailed: [502, texts.redoFailed],
   noSuchTurn: [404, texts.noSuchTurn],
-  branchUnknownTurn: [409, texts.branchUnknownTurn],
+  unknownTurn: [409, texts.unknownTurn],
   branchFailed: [500, texts.branchFailed],
   noSuchQueued: [404, texts.noSuchQueued],
   fileTooLarge: [413, texts.fileTooLarge(FILE_LIMIT_TEXT)],

@@ -59,6 +59,8 @@ export class History {
     const { store, clock, publish } = this.#options;
     const last = store.keptTurn(threadId);
     if (!last) throw new Refusal('noTurnToRedo');
+    // One Codex answered, kept before Codex's turn ids were, cannot be named to it.
+    if (!last.codexTurnId && last.answered) throw new Refusal('unknownTurn');
     if (last.codexTurnId) await this.#rollBack(threadId, place, last);
     const head = newHead(threadId, last.position, question ?? last.question, clock.now(), last.attachments ?? []);
     store.replaceTurn(last.id, head);
@@ -92,7 +94,7 @@ export class History {
    */
   async branch(source: { id: string; title: string }, place: CodexPlace, turn: KeptTurn, confirmed: boolean): Promise<Branched> {
     const { store, codex, clock, dataFolder, turns, publish } = this.#options;
-    if (!turn.codexTurnId || !place.codexThreadId) throw new Refusal('branchUnknownTurn');
+    if (!turn.codexTurnId || !place.codexThreadId) throw new Refusal('unknownTurn');
     const bytes = await folderBytes(place.folder);
     if (bytes > LARGE_BRANCH_BYTES && !confirmed) return { confirm: texts.branchTooLarge(sizeText(bytes)) };
     const now = clock.now();

@@ -49,8 +49,11 @@ interface TurnRow {
   codex_turn_id: string | null;
 }
 
-/** A kept turn with Codex's id for it: null when Codex never started it, or it was kept before such ids were. */
-export type KeptTurn = TurnHead & { codexTurnId: string | null };
+/**
+ * A kept turn with Codex's id for it (null when Codex never started it, or it was kept before such
+ * ids were), and whether anything came of it.
+ */
+export type KeptTurn = TurnHead & { codexTurnId: string | null; answered: boolean };
 interface ThreadRow {
   id: string; title: string; folder: string; created_at: number; updated_at: number; pinned: number; archived: number;
 }
@@ -358,10 +361,12 @@ export class ThreadStore {
 
   /** The thread's last turn, or its turn at this position; null when there is none. */
   keptTurn(threadId: string, position?: number): KeptTurn | null {
+    const columns = 'turns.*, EXISTS (SELECT 1 FROM items WHERE items.turn_id = turns.id) AS answered';
     const row = (position === undefined
-      ? this.#statement('SELECT * FROM turns WHERE thread_id = ? ORDER BY position DESC LIMIT 1').get(threadId)
-      : this.#statement('SELECT * FROM turns WHERE thread_id = ? AND position = ?').get(threadId, position)) as TurnRow | undefined;
-    return row ? { ...headOf(row), codexTurnId: row.codex_turn_id } : null;
+      ? this.#statement(`SELECT ${columns} FROM turns WHERE thread_id = ? ORDER BY position DESC LIMIT 1`).get(threadId)
+      : this.#statement(`SELECT ${columns} FROM turns WHERE thread_id = ? AND position = ?`).get(threadId, position)) as
+      (TurnRow & { answered: number }) | undefined;
+    return row ? { ...headOf(row), codexTurnId: row.codex_turn_id, answered: row.answered === 1 || row.usage !== null } : null;
   }
 
   /** The turn asked again: the old one and its items go, the new one takes its place, together or not at all. */
