@@ -7,7 +7,7 @@ export type RefusalReason =
   // Threads and their questions.
   | 'emptyQuestion' | 'noSuchThread' | 'turnRunning' | 'stopping' | 'emptyTitle' | 'titleTooLong' | 'renamedElsewhere'
   | 'deleteWhileUnsaved' | 'searchTooLong' | 'busyThread' | 'noTurnToRedo' | 'redoUnsupported' | 'redoFailed' | 'noSuchTurn'
-  | 'unknownTurn' | 'branchFailed' | 'noSuchQueued'
+  | 'unknownTurn' | 'changeWhileUnsaved' | 'branchFailed' | 'noSuchQueued'
   // Files a question brings.
   | 'fileTooLarge' | 'fileNameMissing' | 'fileNameUnreadable' | 'fileNameEmpty' | 'fileNameHasSlash'
   | 'fileNameHasControl' | 'fileNameReserved' | 'fileNameTooLong' | 'fileMissing' | 'tooManyFiles' | 'folderUnsafe'

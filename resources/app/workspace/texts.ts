@@ -77,6 +77,7 @@ export const texts = {
   noTurnToRedo: '这个线程还没有可以重问的问题。',
   redoUnsupported: '这个版本的 Codex 不能撤回上一轮：请升级 Codex 后再重问，或从上一轮之前分支。',
   redoFailed: (detail: string) => `Codex 没能撤回上一轮（${detail}），原来的回答保留不变。`,
+  changeWhileUnsaved: '现在无法重问或分支：还有内容没能写入数据文件夹，请先解决上面提示的存储问题。',
   noSuchTurn: '这一轮已不在这个线程中。',
   unknownTurn: '这一轮保存于更早的版本，没有记下 Codex 对它的编号，不能重问或从这里分支：请从之后的轮次分支，或直接提出新的问题。',
   branchTooLarge: (size: string) => `这个线程的文件夹有 ${size}，分支会复制一份。确定要分支吗？`,

@@ -40,6 +40,7 @@ const ANSWERS: Record<RefusalReason, Answer> = {
   redoFailed: [502, texts.redoFailed],
   noSuchTurn: [404, texts.noSuchTurn],
   unknownTurn: [409, texts.unknownTurn],
+  changeWhileUnsaved: [503, texts.changeWhileUnsaved],
   branchFailed: [500, texts.branchFailed],
   noSuchQueued: [404, texts.noSuchQueued],
   fileTooLarge: [413, texts.fileTooLarge(FILE_LIMIT_TEXT)],

@@ -57,6 +57,8 @@ export class History {
    */
   async redo(threadId: string, place: CodexPlace, question: string | null): Promise<TurnHead> {
     const { store, clock, publish } = this.#options;
+    // What waits to be written of the old turn would otherwise be written after it is gone.
+    if (!this.#options.turns.writeDown()) throw new Refusal('changeWhileUnsaved');
     const last = store.keptTurn(threadId);
     if (!last) throw new Refusal('noTurnToRedo');
     // One Codex answered, kept before Codex's turn ids were, cannot be named to it.
@@ -95,6 +97,8 @@ export class History {
   async branch(source: { id: string; title: string }, place: CodexPlace, turn: KeptTurn, confirmed: boolean): Promise<Branched> {
     const { store, codex, clock, dataFolder, turns, publish } = this.#options;
     if (!turn.codexTurnId || !place.codexThreadId) throw new Refusal('unknownTurn');
+    // The branch copies what the store has: all of it, written down first.
+    if (!turns.writeDown()) throw new Refusal('changeWhileUnsaved');
     const bytes = await folderBytes(place.folder);
     if (bytes > LARGE_BRANCH_BYTES && !confirmed) return { confirm: texts.branchTooLarge(sizeText(bytes)) };
     const now = clock.now();
