@@ -69,10 +69,9 @@ function script(request: ResponsesRequest) {
 
 /** Asks in the open page and waits for the whole answer, its code coloured (that waits for an idle moment). */
 async function answered(page: Page, question: string) {
-  const turns = await page.locator('.turn').count();
   await page.fill('#question', question);
   await page.press('#question', 'Enter');
-  const turn = page.locator('.turn').nth(turns);
+  const turn = page.locator('.turn', { has: page.locator('.question', { hasText: question }) }).last();
   await turn.locator('.turn-foot').getByText('本轮用量').waitFor();
   if (await turn.locator('pre > code[class^="language-"]').count() > 0) await turn.locator('code.hljs').first().waitFor();
 }
