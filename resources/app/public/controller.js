@@ -68,7 +68,10 @@ export class Controller {
     views.ask.bindAsk(() => void this.#ask());
     views.ask.bindStop(() => void this.#stop());
     views.ask.bindQueue(() => void this.#ask('queue'));
-    views.ask.bindCancelEdit(() => this.#edit(null));
+    views.ask.bindCancelEdit(() => {
+      this.#edit(null);
+      views.ask.clear();
+    });
     views.thread.bindTurnActions({
       edit: (head) => this.#edit(head),
       retry: (head) => void this.#send(`${threadPath(head.threadId)}/redo`, {}),

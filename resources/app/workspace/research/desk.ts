@@ -11,7 +11,7 @@ import { Refusal } from '../refusal.ts';
 import { checkAttachments } from '../files/uploads.ts';
 import { draftFolder } from '../files/drafts.ts';
 import type { CodexPlace } from './liveTurn.ts';
-import type { ThreadSummary, TurnHead, Choice, Queued } from '../model.ts';
+import type { ThreadSummary, TurnHead, TurnStatus, Choice, Queued } from '../model.ts';
 
 export const QUESTION_LIMIT_BYTES = 1 << 20;
 
@@ -140,7 +140,7 @@ export class ResearchDesk {
    * The first queued question goes once the turn before it has completed; after a stop, a failure
    * or a cut, it waits for the user, who may no longer want it.
    */
-  #sendQueued(threadId: string, status: string): void {
+  #sendQueued(threadId: string, status: TurnStatus): void {
     const next = status === 'completed' && !this.turns.closing ? this.queue.first(threadId) : null;
     if (!next) return;
     try {

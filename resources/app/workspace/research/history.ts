@@ -56,9 +56,9 @@ export class History {
    * before the old turn first, and only then does the old turn leave the store and the pages.
    */
   async redo(threadId: string, place: CodexPlace, question: string | null): Promise<TurnHead> {
-    const { store, clock, publish } = this.#options;
+    const { store, clock, publish, turns } = this.#options;
     // What waits to be written of the old turn would otherwise be written after it is gone.
-    if (!this.#options.turns.writeDown()) throw new Refusal('changeWhileUnsaved');
+    if (!turns.writeDown()) throw new Refusal('changeWhileUnsaved');
     const last = store.keptTurn(threadId);
     if (!last) throw new Refusal('noTurnToRedo');
     // One Codex answered, kept before Codex's turn ids were, cannot be named to it.
