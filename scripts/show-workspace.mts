@@ -52,11 +52,18 @@ print(circle_area(2.0))  # 12.566...
 ${'```'}
 `;
 
+// A long turn waits after its first words until the pictures of it are taken.
+let release = () => {};
+const held = new Promise<void>((resolve) => { release = resolve; });
+
 function script(request: ResponsesRequest) {
   if (commandOutput(request) !== null && lastQuestion(request).includes('pandas')) return reply.answer('没有得到联网的允许，改用标准库读取。');
   if (lastQuestion(request).includes('pandas')) {
     return { steps: [{ command: 'pip install --user pandas', escalate: '需要联网下载 Python 包 pandas，用来读取实验数据。' }] };
   }
+  if (lastQuestion(request).startsWith('重新跑')) return { steps: [{ text: ['正在用 2022 年的数据重新拟合……\n\n', '拟合完成。'], holdAfter: { index: 0, until: held } }] };
+  // Codex takes guidance by asking the model again at once, with the guidance added.
+  if (lastQuestion(request).includes('2023')) return { steps: [{ text: ['好的，改用 2023 年的数据重新拟合……', '拟合完成。'], holdAfter: { index: 0, until: held } }] };
   if (lastQuestion(request).includes('面积')) return reply.answer(MATH_ANSWER.match(/[^\n]*\n?/g)!.filter(Boolean), 20);
   if (commandOutput(request) !== null) return { steps: [{ text: ANSWER.match(/[^\n]*\n?/g)!.filter(Boolean), gapMs: 20 }] };
   if (lastQuestion(request).includes('WAL')) {
@@ -69,8 +76,8 @@ function script(request: ResponsesRequest) {
 async function answered(page: Page, question: string) {
   await page.fill('#question', question);
   await page.press('#question', 'Enter');
-  await page.locator('.turn-foot').getByText('本轮用量').waitFor();
-  const turn = page.locator('.turn').last();
+  const turn = page.locator('.turn', { has: page.locator('.question', { hasText: question }) }).last();
+  await turn.locator('.turn-foot').getByText('本轮用量').waitFor();
   if (await turn.locator('pre > code[class^="language-"]').count() > 0) await turn.locator('code.hljs').first().waitFor();
 }
 
@@ -129,6 +136,30 @@ try {
   await page.screenshot({ path: join(shots, 'workspace-narrow-list.png') });
   await launcher.quit();
 
+  // A thread branched at its first turn, and in it a running turn given guidance, with a question queued behind it.
+  const iterating = new Sandbox((folder) => codexHome(standIn, { folder, settings: ['model_context_window = 200000'] }));
+  const third = await Launcher.ready(iterating);
+  const { page: branched } = await openPage(browser, WORKSPACE, { width: 1280, height: 860 });
+  await answered(branched, '实验 run-42 的数据该用哪种模型拟合？');
+  await answered(branched, '换成对数尺度会怎样？');
+  await answered(branched, '把残差画出来');
+  await branched.locator('.turn').first().locator('.branch').click();
+  await branched.locator('#thread-title').getByText('分支').waitFor();
+  await branched.fill('#question', '重新跑一遍拟合，这次只用线性模型');
+  await branched.press('#question', 'Enter');
+  await branched.getByText('正在用 2022 年的数据').waitFor();
+  await branched.fill('#question', '再比较两种模型的 AIC');
+  await branched.click('#queue-send');
+  await branched.locator('#queued .queued-item').waitFor();
+  await branched.fill('#question', '用 2023 年的数据');
+  await branched.press('#question', 'Enter');
+  await branched.getByText('改用 2023 年的数据重新拟合').waitFor();
+  await branched.locator('#question').blur();
+  await branched.locator('.turn').first().hover();
+  await branched.screenshot({ path: join(shots, 'workspace-branch.png') });
+  release();
+  await third.quit();
+
   // Signed out, then signed in through a stand-in ChatGPT sign-in.
   const signIn = await startSignInStandIn({ email: 'ada@example.com', plan: 'plus', usedPercent: 37 });
   const signedOut = new Sandbox((folder) => codexHome(standIn, { folder, signedOut: true, settings: [`chatgpt_base_url = "${signIn.url}/backend-api"`] }));
@@ -150,4 +181,4 @@ try {
   await browser.close();
   await standIn.close();
 }
-console.log(`saved workspace-thread, -search, -approval, -own-folder, -reading-light, -reading-dark, -narrow, -narrow-list, -signed-out and -signed-in in ${shots}`);
+console.log(`saved workspace-thread, -search, -approval, -own-folder, -branch, -reading-light, -reading-dark, -narrow, -narrow-list, -signed-out and -signed-in in ${shots}`);

@@ -15,12 +15,14 @@ export async function world(t: TestContext, answer: Script, options: { signedOut
     await standIn.close();
     await sandbox.retire();
   });
-  return { sandbox, browser };
+  return { sandbox, browser, standIn };
 }
 
 export async function ask(page: Page, question: string) {
   const turns = await page.locator('.turn').count();
-  // A thread asks one question at a time: the last answer may be on the page before its turn ends.
+  // A thread asks one question at a time: the last answer may be on the page before its turn ends,
+  // and what is sent while it runs is guidance for it.
+  await page.locator('#stop').waitFor({ state: 'hidden' });
   await page.locator('#send:enabled').waitFor();
   await page.fill('#question', question);
   await page.press('#question', 'Enter');

@@ -9,6 +9,7 @@ import { ServiceView } from './serviceView.js';
 import { ThreadList } from './threadList.js';
 import { Attachments } from './attachments.js';
 import { ModelPicker } from './models.js';
+import { QueueView } from './queueView.js';
 import { SearchBox } from './search.js';
 import { installKeys } from './keys.js';
 import { installNarrowList } from './narrow.js';
@@ -35,6 +36,10 @@ const controller = new Controller({
     location.hash = thread;
   }),
   ownFolder: new OwnFolder(),
+  queue: new QueueView(byId('queued'), {
+    change: (id, text) => controller.changeQueued(id, text),
+    send: (id) => controller.sendQueued(id),
+  }),
 });
 new SearchBox({ input: byId('search'), results: byId('search-results'), threads: byId('threads') }, md, rules, (thread, turn) => controller.openHit(thread, turn));
 installKeys();

@@ -1,6 +1,8 @@
 // @ts-check
 // The question box and its bar: sending, stopping, and the one line that says why something
-// failed. The box grows with its text up to a limit, and scrolls only beyond it.
+// failed. While a turn runs, what is sent is guidance for it, or queued as the next question;
+// while the last question is edited, what is sent replaces it. The box grows with its text up to
+// a limit, and scrolls only beyond it.
 import { byId } from './dom.js';
 import { texts } from './texts.js';
 
@@ -13,6 +15,12 @@ export class AskView {
   #question = /** @type {HTMLTextAreaElement} */ (byId('question'));
   #send = /** @type {HTMLButtonElement} */ (byId('send'));
   #stop = /** @type {HTMLButtonElement} */ (byId('stop'));
+  #queue = /** @type {HTMLButtonElement} */ (byId('queue-send'));
+  #editing = byId('editing');
+  #cancelEdit = byId('cancel-edit');
+  /** @type {Rules | null} */
+  #rules = null;
+  #running = false;
   #error = byId('ask-error');
   #hint = byId('ask-hint');
 
@@ -33,6 +41,25 @@ export class AskView {
       event.preventDefault();
       handler();
     });
+  }
+
+  /** @param {() => void} handler */
+  bindQueue(handler) {
+    this.#queue.addEventListener('click', handler);
+  }
+
+  /** @param {() => void} handler */
+  bindCancelEdit(handler) {
+    this.#cancelEdit.addEventListener('click', handler);
+  }
+
+  /** The last question put in the box to be edited, or the editing ended (null). @param {string | null} question */
+  edit(question) {
+    this.#editing.hidden = question === null;
+    if (question === null) return;
+    this.#question.value = question;
+    this.#fit();
+    this.focus();
   }
 
   /** @param {() => void} handler */
@@ -59,15 +86,19 @@ export class AskView {
     this.#question.focus();
   }
 
-  /** While the thread answers, it is stopped rather than asked. @param {boolean} running */
+  /** While the thread answers, it is stopped, guided or queued for, rather than asked. @param {boolean} running */
   running(running) {
+    this.#running = running;
     this.#stop.hidden = !running;
-    this.#send.disabled = running;
+    this.#queue.hidden = !running;
+    this.#send.textContent = running ? texts.steer : texts.send;
+    this.#showHint();
   }
 
   /** @param {boolean} sending */
   sending(sending) {
     this.#send.disabled = sending;
+    this.#queue.disabled = sending;
   }
 
   /** @param {boolean} stopping */
@@ -82,7 +113,12 @@ export class AskView {
 
   /** @param {Rules} rules */
   rules(rules) {
-    this.#hint.textContent = texts.ask(texts.fileLimit(rules.fileBytes));
+    this.#rules = rules;
+    this.#showHint();
+  }
+
+  #showHint() {
+    this.#hint.textContent = this.#running ? texts.steerHint : this.#rules ? texts.ask(texts.fileLimit(this.#rules.fileBytes)) : '';
   }
 
   #fit() {

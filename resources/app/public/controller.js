@@ -1,7 +1,8 @@
 // @ts-check
 // The page's flow: which thread is open (the address says), the service's events drawn into the
-// views, questions asked and answers stopped, a long thread's turns fetched as the reader scrolls
-// to them, and the account's requests. What it keeps is in its one state object.
+// views, questions asked, asked again, steered, queued and stopped, threads branched, a long
+// thread's turns fetched as the reader scrolls to them, and the account's requests. What it keeps
+// is in its one state object.
 import { EventSocket } from './socket.js';
 import { eventsUrl, getJson, postJson } from './api.js';
 import { texts } from './texts.js';
@@ -10,6 +11,7 @@ import { texts } from './texts.js';
 /** @typedef {import('../workspace/model.ts').ServiceState} ServiceState */
 /** @typedef {import('../workspace/model.ts').Thread} Thread */
 /** @typedef {import('../workspace/model.ts').Turn} Turn */
+/** @typedef {import('../workspace/model.ts').TurnHead} TurnHead */
 /** @typedef {import('../workspace/model.ts').SignInMethod} SignInMethod */
 /** @typedef {import('./threadView.js').Prepared} Prepared */
 /** @typedef {import('./threadView.js').Side} Side */
@@ -20,6 +22,7 @@ import { texts } from './texts.js';
  *   attachments: import('./attachments.js').Attachments, picker: import('./models.js').ModelPicker,
  *   approvals: import('./approvalCards.js').ApprovalCards, permission: import('./permissionPicker.js').PermissionPicker,
  *   notices: import('./notices.js').Notices, ownFolder: import('./ownFolder.js').OwnFolder,
+ *   queue: import('./queueView.js').QueueView,
  * }} Views
  */
 /** A page of turns and whether more lie beyond it, drawn ahead. @typedef {{ prepared: Prepared, more: boolean }} Page */
@@ -30,6 +33,7 @@ import { texts } from './texts.js';
  *   complaint: string,
  *   fetching: Record<Side, boolean>,
  *   ahead: Record<Side, { thread: string, edge: number, page: Promise<Page | null> } | null>,
+ *   running: boolean, editing: string | null,
  * }} State
  */
 
@@ -50,6 +54,10 @@ export class Controller {
     fetching: { before: false, after: false },
     /** The pages of turns beyond the drawn ones, fetched and drawn while the reader reads. */
     ahead: { before: null, after: null },
+    /** Whether the open thread runs a turn: what is sent is guidance for it. */
+    running: false,
+    /** The thread whose last question the box holds to be asked again; null: none. */
+    editing: null,
   };
   #views;
   #socket;
@@ -61,6 +69,16 @@ export class Controller {
     views.thread.bindNear((side) => this.#drawNear(side));
     views.ask.bindAsk(() => void this.#ask());
     views.ask.bindStop(() => void this.#stop());
+    views.ask.bindQueue(() => void this.#ask('queue'));
+    views.ask.bindCancelEdit(() => {
+      this.#edit(null);
+      views.ask.clear();
+    });
+    views.thread.bindTurnActions({
+      edit: (head) => this.#edit(head),
+      retry: (head) => void this.#send(`${threadPath(head.threadId)}/redo`, {}),
+      branch: (head) => void this.#branch(head),
+    });
     views.list.bindNewThread(() => {
       if (location.hash) location.hash = '';
       else this.#openFromAddress();
@@ -80,6 +98,16 @@ export class Controller {
   start() {
     window.addEventListener('hashchange', () => this.#openFromAddress());
     this.#openFromAddress();
+  }
+
+  /** A queued question of the open thread edited, or taken out (null). @param {string} id @param {string | null} text */
+  changeQueued(id, text) {
+    if (this.#state.open) void this.#send(`${threadPath(this.#state.open)}/queue/change`, { id, question: text });
+  }
+
+  /** A queued question of the open thread asked now. @param {string} id */
+  sendQueued(id) {
+    if (this.#state.open) void this.#send(`${threadPath(this.#state.open)}/queue/send`, { id });
   }
 
   /** Opens a thread at a search hit's turn, again when it is the one open. @param {string} thread @param {number} turn */
@@ -137,7 +165,9 @@ export class Controller {
     const views = this.#views;
     this.#state.ahead = { before: null, after: null };
     views.thread.show(thread, this.#state.at);
-    views.ask.running(thread?.running ?? false);
+    this.#running(thread?.running ?? false);
+    if (this.#state.editing !== thread?.id) this.#edit(null);
+    views.queue.show(thread?.queued ?? [], thread?.running ?? false);
     views.attachments.reset(thread?.id ?? null);
     views.picker.show(thread);
     views.approvals.show(thread?.id ?? null, thread?.approvals ?? []);
@@ -177,7 +207,7 @@ export class Controller {
         this.#drawCounts();
         if (event.thread.id !== state.open) return;
         views.thread.summary(event.thread);
-        views.ask.running(event.thread.running);
+        this.#running(event.thread.running);
         return;
       case 'threadUsage':
         if (event.threadId === state.open) views.thread.usage(event.usage);
@@ -205,6 +235,15 @@ export class Controller {
       case 'turn':
         if (event.turn.threadId === state.open) views.thread.turn(event.turn);
         return;
+      case 'turnRemoved':
+        if (event.threadId === state.open) views.thread.removeTurn(event.turnId);
+        return;
+      case 'queue':
+        if (event.threadId === state.open) views.queue.show(event.queued, state.running);
+        return;
+      case 'context':
+        if (event.threadId === state.open) views.thread.context(event.context);
+        return;
       case 'item':
         if (event.threadId === state.open) views.thread.item(event.turnId, event.item);
         return;
@@ -214,7 +253,78 @@ export class Controller {
     }
   }
 
-  async #ask() {
+  /** @param {boolean} running */
+  #running(running) {
+    this.#state.running = running;
+    this.#views.ask.running(running);
+    this.#views.queue.running(running);
+  }
+
+  /** The open thread's last question into the box, to be asked again; null: editing ends. @param {TurnHead | null} head */
+  #edit(head) {
+    this.#state.editing = head?.threadId ?? null;
+    this.#views.ask.edit(head?.question ?? null);
+  }
+
+  /**
+   * What the box holds: guidance for the running turn, a question queued behind it (how: 'queue'),
+   * the last question asked again, or a question.
+   * @param {'ask' | 'queue'} [how]
+   */
+  async #ask(how = 'ask') {
+    const { ask } = this.#views;
+    const state = this.#state;
+    const question = ask.question;
+    if (question.trim() === '' || !ask.ready || !state.open) return this.#question();
+    if (how === 'queue') return this.#send(`${threadPath(state.open)}/queue`, { question }, true);
+    if (state.running) return this.#send(`${threadPath(state.open)}/steer`, { question }, true);
+    if (state.editing === state.open) {
+      this.#edit(null);
+      return this.#send(`${threadPath(state.open)}/redo`, { question }, true);
+    }
+    return this.#question();
+  }
+
+  /**
+   * A request about the open thread; its failure is said below the box, and its notice (guidance
+   * that came too late, and was queued) too. cleared: the box's text went with it.
+   * @param {string} path @param {object} body @param {boolean} [cleared]
+   */
+  async #send(path, body, cleared = false) {
+    const { ask, thread } = this.#views;
+    ask.sending(true);
+    ask.say('');
+    try {
+      const answer = await postJson(path, body);
+      if (cleared) ask.clear();
+      ask.say(answer.notice ?? '');
+      thread.followEnd();
+    } catch (error) {
+      ask.say(sentence(error));
+    } finally {
+      ask.sending(false);
+    }
+  }
+
+  /** A branch at the turn, opened once made; a large folder is copied only once the user agrees. @param {TurnHead} head */
+  async #branch(head) {
+    const { ask } = this.#views;
+    ask.say(texts.branching);
+    try {
+      const path = `${threadPath(head.threadId)}/branch`;
+      let answer = await postJson(path, { position: head.position });
+      if (answer.confirm) {
+        if (!window.confirm(answer.confirm)) return ask.say('');
+        answer = await postJson(path, { position: head.position, confirmed: true });
+      }
+      ask.say('');
+      location.hash = answer.thread.id;
+    } catch (error) {
+      ask.say(sentence(error));
+    }
+  }
+
+  async #question() {
     const { ask, thread, attachments, picker } = this.#views;
     const state = this.#state;
     const question = ask.question;
@@ -241,6 +351,7 @@ export class Controller {
       thread.followEnd();
     } catch (error) {
       ask.say(sentence(error));
+    } finally {
       ask.sending(false);
     }
   }

@@ -205,6 +205,10 @@ export class ItemView {
         this.node.classList.add(item.level);
         this.node.textContent = item.text;
         break;
+      case 'guidance':
+        this.node.append(element('span', 'label', texts.guidance), element('span', 'guidance-text', item.text));
+        this.node.setAttribute('dir', 'auto');
+        break;
     }
   }
 
@@ -244,6 +248,7 @@ export class ItemView {
       case 'webSearch':
       case 'tool':
       case 'notice':
+      case 'guidance':
         break;
     }
   }

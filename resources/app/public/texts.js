@@ -5,6 +5,7 @@
 // come from the service and are shown as they are; limits shown here are the service's numbers.
 
 /** @typedef {import('../workspace/model.ts').Usage} Usage */
+/** @typedef {import('../workspace/model.ts').Context} Context */
 
 const number = new Intl.NumberFormat('zh-CN');
 const clock = new Intl.DateTimeFormat('zh-CN', { month: 'numeric', day: 'numeric', hour: '2-digit', minute: '2-digit' });
@@ -33,6 +34,9 @@ export const texts = {
   effort: '推理强度',
   stop: '停止',
   send: '发送',
+  steer: '引导',
+  queue: '排队',
+  steerHint: '“引导”交给这一轮，“排队”留到它完成后。',
   more: '更多',
 
   // Requests.
@@ -50,6 +54,26 @@ export const texts = {
   /** @param {Usage} usage */
   turnUsage: (usage) => `本轮用量：${tokens(usage)}`,
   answering: 'Codex 正在回答……',
+  // Asking again, branching, guidance, the queue, the context.
+  editLast: '编辑并重问',
+  editLastHint: '修改这个问题并重新提问：这一轮的回答会被替换。要修改更早的问题，请在那一轮“从这里分支”。',
+  retry: '重试',
+  branch: '从这里分支',
+  branchHint: '新建一个线程，包含到这一轮为止的对话，和当前文件夹的一份副本；原线程不变。',
+  branching: '正在分支……',
+  editing: '正在编辑上一个问题，发送后会替换那一轮的回答。要修改更早的问题，请从那一轮分支。',
+  cancelEdit: '取消编辑',
+  guidance: '引导',
+  queuedTitle: '排队的问题（本轮完成后发送）',
+  queuedEdit: '编辑',
+  queuedSave: '保存',
+  queuedCancel: '取消',
+  queuedSendNow: '现在发送',
+  /** @param {Context} context */
+  context: (context) => (context.window
+    ? `上下文：已用 ${Math.min(100, Math.round((context.used / context.window) * 100))}%（${number.format(context.used)} / ${number.format(context.window)} 个 token）`
+    : `上下文：${number.format(context.used)} 个 token`),
+  contextFull: '上下文快满了：Codex 会压缩较早的对话，细节可能丢失。可以从较早的轮次分支，或开一个新线程。',
   stopped: '已停止，之前的内容已保留。',
   interrupted: '回答被中断了。',
   failed: '这个问题没有得到回答。',

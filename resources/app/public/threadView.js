@@ -2,7 +2,7 @@
 // The open thread (or the welcome, when none is): its head, and its turns with their items, drawn
 // as the service's events come. A thread of years is drawn a page of turns at a time: the turns
 // before (or after) what is drawn are asked for through bindNear as the reader scrolls close.
-import { byId, element } from './dom.js';
+import { button, byId, element } from './dom.js';
 import { texts } from './texts.js';
 import { ItemView, prepareItem } from './items.js';
 import { CodeColours, copyFromCodeBlocks } from './code.js';
@@ -15,12 +15,16 @@ import { ThreadActions } from './threadActions.js';
 /** @typedef {import('../workspace/model.ts').TurnHead} TurnHead */
 /** @typedef {import('../workspace/model.ts').Item} Item */
 /** @typedef {import('../workspace/model.ts').Usage} Usage */
+/** @typedef {import('../workspace/model.ts').Context} Context */
+/** What a turn's own buttons do. @typedef {{ edit(head: TurnHead): void, retry(head: TurnHead): void, branch(head: TurnHead): void }} TurnActions */
 /** @typedef {import('../workspace/model.ts').Rules} Rules */
 /** @typedef {import('./markdown.js').Markdown} Markdown */
 /** @typedef {{ node: HTMLElement, items: HTMLElement, foot: HTMLElement, head: TurnHead }} TurnParts */
 /** Before the drawn turns, or after them. @typedef {'before' | 'after'} Side */
 /** Turns with their items' Markdown drawn ahead (prepare), by item key. @typedef {{ turns: Turn[], drawn: Map<string, DocumentFragment[]> }} Prepared */
 
+/** From this share of the model's context on, the thread's head warns. */
+const CONTEXT_WARNING = 0.8;
 /** Within this of the end, the reader is at the end. */
 const END_SLACK_PX = 48;
 /** How much drawing one frame takes, when a page of turns goes in. */
@@ -53,6 +57,7 @@ export class ThreadView {
   #title = byId('thread-title');
   #meta = byId('thread-meta');
   #usage = byId('thread-usage');
+  #context = byId('thread-context');
   #scroller = byId('scroller');
   #welcome = byId('welcome');
   #conversation = byId('conversation');
@@ -69,6 +74,8 @@ export class ThreadView {
 
   #actions;
   #colours = new CodeColours();
+  /** @type {TurnActions | null} */
+  #turnActions = null;
 
   /** @param {Markdown} md @param {() => Rules | null} rules the service's, once it has said them */
   constructor(md, rules) {
@@ -175,6 +182,7 @@ export class ThreadView {
     this.summary(thread);
     this.#meta.textContent = thread.ownFolder ? `${texts.folder(thread.folder)} · ${texts.ownFolderNote}` : texts.folder(thread.folder);
     this.usage(thread.usage);
+    this.context(thread.context);
     const fragment = document.createDocumentFragment();
     for (const turn of thread.turns) fragment.append(this.#drawTurn(turn));
     if (thread.earlier && thread.turns.length > 0) fragment.prepend(this.#sentinels.before);
@@ -194,6 +202,28 @@ export class ThreadView {
   /** @param {Usage | null} usage */
   usage(usage) {
     this.#usage.textContent = usage ? texts.threadUsage(usage) : '';
+  }
+
+  /** How full the model's context is; a warning once it is nearly full. @param {Context | null} context */
+  context(context) {
+    this.#context.textContent = context ? texts.context(context) : '';
+    const full = context?.window ? context.used / context.window >= CONTEXT_WARNING : false;
+    this.#context.classList.toggle('full', full);
+    this.#context.title = full ? texts.contextFull : '';
+  }
+
+  /** What the buttons of each turn do: the last one edited or retried, any one branched from. @param {TurnActions} actions */
+  bindTurnActions(actions) {
+    this.#turnActions = actions;
+  }
+
+  /** The turn is gone from the thread (it was asked again). @param {string} turnId */
+  removeTurn(turnId) {
+    const parts = this.#turns.get(turnId);
+    if (!parts) return;
+    parts.node.remove();
+    this.#turns.delete(turnId);
+    for (const key of [...this.#items.keys()]) if (key.startsWith(`${turnId}/`)) this.#items.delete(key);
   }
 
   /** Brings the turn a search hit named into view and marks it for a moment. @param {number} position */
@@ -300,6 +330,7 @@ export class ThreadView {
       question.setAttribute('dir', 'auto');
       if (head.attachments) node.append(attachmentList(head.attachments));
       parts = { node, items: node.appendChild(element('div', 'items')), foot: node.appendChild(element('div', 'turn-foot')), head };
+      node.append(this.#actionsFor(parts));
       this.#turns.set(head.id, parts);
     }
     parts.head = head;
@@ -307,6 +338,24 @@ export class ThreadView {
     parts.foot.textContent = footText(head);
     parts.foot.classList.toggle('error', head.status === 'failed' || head.status === 'interrupted');
     return parts;
+  }
+
+  /**
+   * A turn's buttons; which of them show (editing only the thread's last turn, retrying only one
+   * that did not complete, none while it runs) the style sheet decides from where the turn is and its status.
+   * @param {TurnParts} parts
+   */
+  #actionsFor(parts) {
+    const bar = element('div', 'turn-actions');
+    /** @param {string} text @param {string} className @param {keyof TurnActions} action @param {string} [hint] */
+    const add = (text, className, action, hint) => {
+      const node = bar.appendChild(button(text, `turn-action ${className}`, () => this.#turnActions?.[action](parts.head)));
+      if (hint) node.title = hint;
+    };
+    add(texts.editLast, 'last-only edit', 'edit', texts.editLastHint);
+    add(texts.retry, 'last-only retry', 'retry');
+    add(texts.branch, 'branch', 'branch', texts.branchHint);
+    return bar;
   }
 
   /** @param {string} turnId @param {Item} item @param {HTMLElement} into @param {DocumentFragment[]} [drawn] */

@@ -36,11 +36,13 @@ export type FileChangeItem = ItemBase & {
 };
 export type ToolItem = ItemBase & { kind: 'tool'; name: string };
 export type PlanItem = ItemBase & { kind: 'plan'; text: string };
-/** Something the user must know about this turn, in one sentence: an error, a retry. */
-export type NoticeItem = ItemBase & { kind: 'notice'; level: 'error' | 'warning'; text: string };
+/** Something the user must know about this turn, in one sentence: an error, a retry, a compaction. */
+export type NoticeItem = ItemBase & { kind: 'notice'; level: 'error' | 'warning' | 'info'; text: string };
+/** What the user told Codex while the turn ran, where in the turn it was given. */
+export type GuidanceItem = ItemBase & { kind: 'guidance'; text: string };
 
 export type Item =
-  | AnswerItem | ReasoningItem | CommandItem | WebSearchItem | FileChangeItem | ToolItem | PlanItem | NoticeItem;
+  | AnswerItem | ReasoningItem | CommandItem | WebSearchItem | FileChangeItem | ToolItem | PlanItem | NoticeItem | GuidanceItem;
 
 export interface TurnHead {
   id: string;
@@ -133,6 +135,23 @@ export interface Thread extends ThreadSummary {
   ownFolder: boolean;
   /** What its running turn waits for a person to decide. */
   approvals: Approval[];
+  /** How full the model's context was at the thread's last request; null before Codex said. */
+  context: Context | null;
+  /** The questions waiting for the running turn to end, oldest first. */
+  queued: Queued[];
+}
+
+/** Tokens the model had in its context at a thread's last request, against its window (null: not known). */
+export interface Context {
+  used: number;
+  window: number | null;
+}
+
+/** A question kept to be asked when the thread's running turn ends. */
+export interface Queued {
+  id: string;
+  text: string;
+  queuedAt: number;
 }
 
 /** A model and reasoning effort; null for either is Codex's own default. */
@@ -259,6 +278,10 @@ export type PageEvent =
   | { type: 'approval'; approval: Approval }
   /** Answered here or elsewhere, declined at the limit, or its turn ended: the card goes. */
   | { type: 'approvalEnded'; threadId: string; id: string }
+  /** The turn is gone: asked again, and Codex's history rolled back to before it. */
+  | { type: 'turnRemoved'; threadId: string; turnId: string }
+  | { type: 'queue'; threadId: string; queued: Queued[] }
+  | { type: 'context'; threadId: string; context: Context }
   | { type: 'turn'; turn: TurnHead }
   | { type: 'item'; threadId: string; turnId: string; item: Item }
   | { type: 'delta'; threadId: string; turnId: string; position: number; field: 'text' | 'output'; part?: number; text: string };

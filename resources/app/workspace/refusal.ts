@@ -6,7 +6,8 @@ export type RefusalReason =
   | 'notWebSocket' | 'badHandshake' | 'fileNeedsBytes' | 'badPosition' | 'badChoice' | 'badSignInMethod' | 'needsFlag'
   // Threads and their questions.
   | 'emptyQuestion' | 'noSuchThread' | 'turnRunning' | 'stopping' | 'emptyTitle' | 'titleTooLong' | 'renamedElsewhere'
-  | 'deleteWhileUnsaved' | 'searchTooLong' | 'badPermission'
+  | 'deleteWhileUnsaved' | 'searchTooLong' | 'badPermission' | 'busyThread' | 'noTurnToRedo' | 'redoUnsupported' | 'redoFailed' | 'noSuchTurn'
+  | 'unknownTurn' | 'changeWhileUnsaved' | 'branchFailed' | 'noSuchQueued'
   // What Codex asks a person to allow.
   | 'badDecision' | 'approvalGone'
   // A folder of the user's own.

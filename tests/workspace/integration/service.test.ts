@@ -62,6 +62,8 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
       ['an unknown thread', 'POST', '/api/threads/2020-01-01-deadbeef/turns', { question: 'hi' }, {}, 404, texts.noSuchThread],
       ['a stop in an unknown thread', 'POST', '/api/threads/2020-01-01-deadbeef/stop', {}, {}, 404, texts.noSuchThread],
       ['a second question while one runs', 'POST', `/api/threads/${id}/turns`, { question: 'third' }, {}, 409, texts.turnRunning],
+      ['a branch at no turn', 'POST', `/api/threads/${id}/branch`, { position: -1 }, {}, 400, texts.badPosition],
+      ['a queued question no longer queued', 'POST', `/api/threads/${id}/queue/change`, { id: 'sent', question: 'x' }, {}, 404, texts.noSuchQueued],
       ['another origin', 'POST', '/api/threads', { question: 'hi' }, { origin: 'http://evil.example' }, 403, texts.foreignOrigin],
       ['no origin at all', 'POST', '/api/threads', { question: 'hi' }, { origin: '' }, 403, texts.foreignOrigin],
       ['a preflight', 'OPTIONS', '/api/threads', undefined, { origin: 'http://evil.example' }, 405, texts.methodNotAllowed],

@@ -4,58 +4,12 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { statSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
-import { ResearchDesk, type Question } from '../../../resources/app/workspace/research/desk.ts';
 import { STOP_DEADLINE_MS } from '../../../resources/app/workspace/research/turns.ts';
-import { ThreadStore, StoreError } from '../../../resources/app/workspace/store/store.ts';
+import { StoreError } from '../../../resources/app/workspace/store/store.ts';
 import { RpcError } from '../../../resources/app/workspace/codex/rpc.ts';
-import { routeNotifications } from '../../../resources/app/workspace/codex/protocol.ts';
-import { VirtualClock, settle } from '../../harness/clock.ts';
+import { settle } from '../../harness/clock.ts';
+import { asked, deskFixture } from '../../harness/desk.ts';
 import { temporaryFolder } from '../../harness/service.ts';
-
-/** Codex as the test scripts it: each method answers, fails, or waits for the test. */
-class ScriptedCodex {
-  calls: [string, any][] = [];
-  #count = (method: string) => this.calls.filter(([m]) => m === method).length;
-  handlers: Record<string, (params: any) => unknown> = {
-    'thread/start': () => ({ thread: { id: `codex-${this.#count('thread/start')}` } }),
-    'thread/resume': () => ({}),
-    'turn/start': () => ({ turn: { id: `turn-${this.#count('turn/start')}` } }),
-    'turn/interrupt': () => ({}),
-  };
-
-  async request<T>(method: string, params: unknown): Promise<T> {
-    this.calls.push([method, params]);
-    return (await this.handlers[method]!(params)) as T;
-  }
-
-  methods = () => this.calls.map(([method]) => method);
-}
-
-/** A desk on a real store; commit, when given, stands between the desk and the store's writes. */
-function deskFixture(options: { commit?: (write: () => void) => void; dataFolder?: string } = {}) {
-  const dataFolder = options.dataFolder ?? temporaryFolder('lm-desk-');
-  const realStore = ThreadStore.open(join(dataFolder, 'workspace.db'));
-  const store = new Proxy(realStore, {
-    get: (target, key) => (key === 'commit' && options.commit
-      ? (batch: never) => options.commit!(() => target.commit(batch))
-      : (Reflect.get(target, key, target) as () => unknown).bind(target)),
-  });
-  const codex = new ScriptedCodex();
-  const clock = new VirtualClock();
-  const storage: (string | null)[] = [];
-  const desk = new ResearchDesk({
-    store, codex, dataFolder, home: dataFolder, uid: process.getuid!(), clock, publish: () => {}, endCommands: async () => {},
-    reportStorage: (error) => storage.push(error ? error.reason : null),
-  });
-  const route = routeNotifications({ account: () => {}, turn: (notification) => desk.turns.onNotification(notification) });
-  /** Codex's notification for the turn it is running in this Codex thread. */
-  const notify = (method: string, params: object, codexThread = 'codex-1', turn = 'turn-1') =>
-    route(method, { threadId: codexThread, turnId: turn, ...params });
-  const answers = (id: string) => desk.threads.thread(id)!.turns.map((turn) => turn.items.map((item) => item.kind === 'answer' && item.text));
-  return { desk, store: realStore, codex, clock, storage, dataFolder, notify, answers };
-}
-
-const asked = (text: string): Question => ({ text, attachments: [], draft: null, choice: null, folder: null });
 
 test('a new thread: an owner-only folder, and a Codex thread working there that may write only there, asks before going beyond, searches live', async () => {
   const { desk, codex, dataFolder } = deskFixture();

@@ -6,7 +6,7 @@ import { LiveTurn } from '../../../resources/app/workspace/research/liveTurn.ts'
 import { OUTPUT_LIMIT } from '../../../resources/app/workspace/codex/translate.ts';
 import { texts } from '../../../resources/app/workspace/texts.ts';
 import type { TurnNotification } from '../../../resources/app/workspace/codex/protocol.ts';
-import type { Item, Turn, TurnHead } from '../../../resources/app/workspace/model.ts';
+import type { Context, Item, Turn, TurnHead } from '../../../resources/app/workspace/model.ts';
 
 const T = 'codex-thread';
 const U = 'codex-turn';
@@ -16,8 +16,8 @@ const completed = (item: object) => n('item/completed', { item });
 const turnEnd = (status: string, error: object | null = null) => n('turn/completed', { turn: { id: U, status, error } });
 const breakdown = (input: number, output: number) => ({ totalTokens: input + output, inputTokens: input, cachedInputTokens: 0, outputTokens: output, reasoningOutputTokens: 0 });
 /** The thread's running total after a request, and that request's own count. */
-const tokens = (total: [number, number], last: [number, number]) => n('thread/tokenUsage/updated', {
-  tokenUsage: { total: breakdown(...total), last: breakdown(...last) },
+const tokens = (total: [number, number], last: [number, number], modelContextWindow?: number) => n('thread/tokenUsage/updated', {
+  tokenUsage: { total: breakdown(...total), last: breakdown(...last), modelContextWindow },
 });
 
 interface Row {
@@ -25,6 +25,8 @@ interface Row {
   play: TurnNotification[];
   stop?: boolean;
   want: Partial<Turn> & { items: Item[] };
+  /** How full the context was said to be, last. */
+  context?: Context;
 }
 
 const output = (text: string) => n('item/commandExecution/outputDelta', { itemId: 'c', delta: text });
@@ -56,11 +58,12 @@ const rows: Row[] = [
   {
     name: 'the turn\'s usage counts from before its first request, across its requests',
     // The thread had used 90 + 10 before this turn; the turn makes two requests of 10 + 5.
-    play: [tokens([100, 15], [10, 5]), tokens([110, 20], [10, 5]), turnEnd('completed')],
+    play: [tokens([100, 15], [10, 5], 1000), tokens([110, 20], [12, 5], 1000), turnEnd('completed')],
     want: { status: 'completed', usage: { input: 20, cachedInput: 0, output: 10, reasoning: 0, total: 30 }, items: [] },
+    context: { used: 17, window: 1000 },
   },
   {
-    name: 'items Codex sends only whole are kept; ones the page does not show are skipped',
+    name: 'items Codex sends only whole are kept; a compaction is said where it happened',
     play: [
       completed({ type: 'webSearch', id: 'w', query: 'lanternmoor' }), completed({ type: 'contextCompaction', id: 'x' }),
       completed({ type: 'fileChange', id: 'f', status: 'completed', changes: [{ path: 'notes.md', kind: { type: 'add' }, diff: '+hi' }] }), turnEnd('completed'),
@@ -68,7 +71,8 @@ const rows: Row[] = [
     want: {
       items: [
         { kind: 'webSearch', position: 0, status: 'completed', query: 'lanternmoor' },
-        { kind: 'fileChange', position: 1, status: 'completed', changes: [{ path: 'notes.md', change: 'add', diff: '+hi' }] },
+        { kind: 'notice', level: 'info', position: 1, status: 'completed', text: texts.compacted },
+        { kind: 'fileChange', position: 2, status: 'completed', changes: [{ path: 'notes.md', change: 'add', diff: '+hi' }] },
       ],
     },
   },
@@ -79,8 +83,10 @@ for (const row of rows) {
     const head: TurnHead = { id: 'u', threadId: 't', position: 0, question: 'q', status: 'running', error: null, usage: null, startedAt: 0, endedAt: null };
     const events: string[] = [];
     const kept = new Map<number, Item>();
+    let said: Context | undefined;
     const turn = new LiveTurn(head, { folder: '/threads/t', attachments: '/threads/t', codexThreadId: T, choice: { model: null, effort: null }, permission: 'write' }, {
       turn: (changed) => events.push(`turn ${changed.status}`),
+      context: (_, context) => { said = context; },
       item: (_, item) => { kept.set(item.position, item); },
       delta: (_, item, field, part, text) => { kept.set(item.position, item); events.push(`delta ${item.position} ${field} ${part ?? ''} ${text.length}`); },
     });
@@ -93,5 +99,6 @@ for (const row of rows) {
     // What the sink was handed last is what the turn holds: the store keeps what the page shows.
     assert.deepEqual([...kept.values()], items);
     assert.equal(events.at(-1), `turn ${turn.head.status}`);
+    assert.deepEqual(said, row.context);
   });
 }

@@ -91,6 +91,12 @@ export interface CodexRequests {
     result: { turn: { id: string } };
   };
   'turn/interrupt': { params: { threadId: string; turnId: string }; result: Nothing };
+  'turn/steer': { params: { threadId: string; expectedTurnId: string; input: CodexInput[] }; result: { turnId: string } };
+  'thread/fork': { params: CodexThreadSettings & { threadId: string; lastTurnId: string }; result: { thread: { id: string } } };
+  /** The thread's history before this turn (0.169 has it; 0.146 has only thread/rollback). */
+  'thread/revert': { params: { threadId: string; beforeTurnId: string }; result: unknown };
+  /** The thread's history without its last turns (0.146; gone by 0.169). */
+  'thread/rollback': { params: { threadId: string; numTurns: number }; result: unknown };
   'model/list': { params: { cursor?: string }; result: { data: CodexModel[]; nextCursor: string | null } };
   'config/read': { params: Nothing; result: { config: { model: string | null; model_reasoning_effort: string | null } } };
   'account/read': { params: Nothing; result: CodexAccount };
@@ -116,7 +122,10 @@ export interface TurnNotifications {
   'item/reasoning/summaryPartAdded': { threadId: string; turnId: string; itemId: string; summaryIndex: number };
   'item/reasoning/summaryTextDelta': { threadId: string; turnId: string; itemId: string; summaryIndex: number; delta: string };
   'item/commandExecution/outputDelta': { threadId: string; turnId: string; itemId: string; delta: string };
-  'thread/tokenUsage/updated': { threadId: string; turnId: string; tokenUsage: { total: CodexTokenBreakdown; last: CodexTokenBreakdown } };
+  'thread/tokenUsage/updated': {
+    threadId: string; turnId: string;
+    tokenUsage: { total: CodexTokenBreakdown; last: CodexTokenBreakdown; modelContextWindow?: number | null };
+  };
   'error': { threadId: string; turnId: string; error: CodexTurnError; willRetry: boolean };
   'turn/completed': {
     threadId: string;

@@ -71,6 +71,28 @@ export function choiceOf(fields: Fields): Choice {
   return { model, effort };
 }
 
+/** The question asked again: edited, or null to ask it as it was. */
+export function redoOf(fields: Fields): string | null {
+  const { question = null } = fields;
+  if (question !== null && typeof question !== 'string') throw new Refusal('emptyQuestion');
+  return question;
+}
+
+/** The turn a branch is made at, and whether the user has agreed to copy a large folder. */
+export function branchOf(fields: Fields): { position: number; confirmed: boolean } {
+  const { position, confirmed = false } = fields;
+  if (typeof position !== 'number' || !Number.isSafeInteger(position) || position < 0) throw new Refusal('badPosition');
+  return { position, confirmed: confirmed === true };
+}
+
+/** A queued question, by its id, and its new text; null takes it out of the queue. */
+export function queuedChangeOf(fields: Fields): { id: string; text: string | null } {
+  const { id, question = null } = fields;
+  if (typeof id !== 'string') throw new Refusal('noSuchQueued');
+  if (question !== null && typeof question !== 'string') throw new Refusal('emptyQuestion');
+  return { id, text: question };
+}
+
 /** A new title, and the title the page saw, which another page may have changed since. */
 export function renameOf(fields: Fields): { from: string; title: string } {
   const { from, title } = fields;

@@ -6,7 +6,8 @@ import { securityHeaders } from './answer.ts';
 import { checkChange, type PeerGate } from './security.ts';
 import { createRouter, created, ok, route, type Handler } from './router.ts';
 import {
-  cursorOf, decisionOf, flagOf, isApprovalId, isThreadId, permissionOf, positionOf, questionOf, readFields, readJson, renameOf, signInMethodOf,
+  branchOf, cursorOf, decisionOf, flagOf, isApprovalId, isThreadId, permissionOf, positionOf, queuedChangeOf, questionOf, readFields,
+  readJson, redoOf, renameOf, signInMethodOf,
 } from './parse.ts';
 import { listFolders, type FolderRules } from '../files/ownFolder.ts';
 import { takeBackFile, uploadFile } from './uploads.ts';
@@ -92,6 +93,22 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
           : threads.earlierTurns(params.id, positionOf(query.get('before'))));
       }),
       route('POST', '/api/threads/:id/turns', async ({ request, params }) => created(desk.ask(params.id, questionOf(await readFields(request))))),
+      route('POST', '/api/threads/:id/redo', async ({ request, params }) => created(await desk.redo(params.id, redoOf(await readFields(request))))),
+      route('POST', '/api/threads/:id/branch', async ({ request, params }) => {
+        const { position, confirmed } = branchOf(await readFields(request));
+        return created(await desk.branch(params.id, position, confirmed));
+      }),
+      route('POST', '/api/threads/:id/steer', async ({ request, params }) =>
+        ok(await desk.steer(params.id, questionOf(await readFields(request)).text))),
+      route('POST', '/api/threads/:id/queue', async ({ request, params }) =>
+        created({ queued: desk.enqueue(params.id, questionOf(await readFields(request)).text) })),
+      route('POST', '/api/threads/:id/queue/change', async ({ request, params }) => {
+        const { id, text } = queuedChangeOf(await readFields(request));
+        desk.changeQueued(params.id, id, text);
+        return ok({});
+      }),
+      route('POST', '/api/threads/:id/queue/send', async ({ request, params }) =>
+        created(desk.sendQueued(params.id, queuedChangeOf(await readFields(request)).id))),
       route('POST', '/api/threads/:id/stop', async ({ request, params }) => {
         await readJson(request);
         await desk.stop(params.id);

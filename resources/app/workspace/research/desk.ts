@@ -1,14 +1,19 @@
-// The research desk: where a question is asked, in a new thread or as a follow-up, and stopped.
-// Each thread is a Codex thread working in a folder of its own; the desk keeps the threads
-// (threads.ts) and runs their turns (turns.ts), and a question needs both.
+// The research desk: where a question is asked, in a new thread or as a follow-up, asked again,
+// given to a running turn as guidance or queued behind it, branched from, and stopped. Each thread
+// is a Codex thread working in a folder of its own; the desk keeps the threads (threads.ts), runs
+// their turns (turns.ts), rewrites their history (history.ts) and queues questions (queue.ts).
 import { Threads } from './threads.ts';
 import { TurnRunner, type TurnRunnerOptions } from './turns.ts';
 import { Approvals } from './approvals.ts';
+import { History, type Branched } from './history.ts';
+import { QuestionQueue } from './queue.ts';
+import { texts } from '../texts.ts';
 import { Refusal } from '../refusal.ts';
 import { checkAttachments } from '../files/uploads.ts';
 import { draftFolder } from '../files/drafts.ts';
 import { checkOwnFolder, type FolderRules } from '../files/ownFolder.ts';
-import type { Choice, Permission, ThreadSummary, TurnHead } from '../model.ts';
+import type { CodexPlace } from './liveTurn.ts';
+import type { Choice, Permission, Queued, ThreadSummary, TurnHead, TurnStatus } from '../model.ts';
 
 export const QUESTION_LIMIT_BYTES = 1 << 20;
 
@@ -41,11 +46,18 @@ export class ResearchDesk {
   readonly turns: TurnRunner;
   readonly threads: Threads;
   readonly approvals: Approvals;
+  readonly queue: QuestionQueue;
+  readonly #history: History;
   readonly #dataFolder: string;
   readonly #folderRules: FolderRules;
+  readonly #store: DeskOptions['store'];
+  /** Threads whose history is being rewritten or copied: nothing else starts in them meanwhile. */
+  readonly #busy = new Set<string>();
 
   constructor(options: DeskOptions) {
-    const turns = new TurnRunner({ ...options, ended: (threadId) => approvals.turnEnded(threadId) });
+    const turns = new TurnRunner({
+      ...options, ended: (threadId) => approvals.turnEnded(threadId), onSettled: (threadId, status) => this.#sendQueued(threadId, status),
+    });
     const approvals = new Approvals({
       clock: options.clock, publish: options.publish,
       turnOf: (codexThreadId, codexItemId) => turns.turnOf(codexThreadId, codexItemId),
@@ -58,8 +70,11 @@ export class ResearchDesk {
     this.turns = turns;
     this.approvals = approvals;
     this.threads = threads;
+    this.queue = new QuestionQueue(options);
+    this.#history = new History({ ...options, turns });
     this.#dataFolder = options.dataFolder;
     this.#folderRules = { home: options.home, dataFolder: options.dataFolder, uid: options.uid };
+    this.#store = options.store;
   }
 
   /** A new thread, its folder and its first turn; the answer streams in afterwards. */
@@ -79,6 +94,7 @@ export class ResearchDesk {
     const place = this.threads.place(threadId);
     if (!place) throw new Refusal('noSuchThread');
     if (this.turns.isRunning(threadId)) throw new Refusal('turnRunning');
+    if (this.#busy.has(threadId)) throw new Refusal('busyThread');
     this.#refuseWhileClosing();
     const names = checkAttachments(place.attachments, question.attachments);
     const head = this.threads.addTurn(threadId, question.text, names, question.choice);
@@ -95,6 +111,83 @@ export class ResearchDesk {
   setPermission(threadId: string, permission: Permission): void {
     this.threads.setPermission(threadId, permission);
     this.approvals.forgetAllowed(threadId);
+  }
+
+  /** The thread's last question asked again, edited (text) or as it was (null: a retry), in place of its turn. */
+  async redo(threadId: string, text: string | null): Promise<{ thread: ThreadSummary; turn: TurnHead }> {
+    if (text !== null) checkQuestion(text);
+    const place = this.#claim(threadId);
+    try {
+      const head = await this.#history.redo(threadId, place, text);
+      return { thread: this.turns.begin(head, place), turn: head };
+    } finally {
+      this.#busy.delete(threadId);
+    }
+  }
+
+  /** A new thread branched at the turn at this position; a large folder is copied only once confirmed. */
+  async branch(threadId: string, position: number, confirmed: boolean): Promise<Branched> {
+    const place = this.#claim(threadId);
+    try {
+      const source = this.#store.summary(threadId);
+      const turn = this.#store.keptTurn(threadId, position);
+      if (!source || !turn) throw new Refusal('noSuchTurn');
+      return await this.#history.branch(source, place, turn, confirmed);
+    } finally {
+      this.#busy.delete(threadId);
+    }
+  }
+
+  /** Guidance for the running turn; when none runs any more, the words are queued instead, and the page is told so. */
+  async steer(threadId: string, text: string): Promise<{ steered: true } | { steered: false; queued: Queued; notice: string }> {
+    checkQuestion(text);
+    if (!this.threads.exists(threadId)) throw new Refusal('noSuchThread');
+    if (await this.turns.steer(threadId, text)) return { steered: true };
+    return { steered: false, queued: this.queue.add(threadId, text), notice: texts.steeredToQueue };
+  }
+
+  /** A question kept until the running turn completes. */
+  enqueue(threadId: string, text: string): Queued {
+    checkQuestion(text);
+    if (!this.threads.exists(threadId)) throw new Refusal('noSuchThread');
+    return this.queue.add(threadId, text);
+  }
+
+  changeQueued(threadId: string, id: string, text: string | null): void {
+    if (text !== null) checkQuestion(text);
+    this.queue.change(threadId, id, text);
+  }
+
+  /** A queued question asked now, by the user's word (the turn before it did not complete). */
+  sendQueued(threadId: string, id: string): { thread: ThreadSummary; turn: TurnHead } {
+    const queued = this.queue.find(threadId, id);
+    const asked = this.ask(threadId, { text: queued.text, attachments: [], draft: null, choice: null, folder: null });
+    this.queue.change(threadId, id, null);
+    return asked;
+  }
+
+  /**
+   * The first queued question goes once the turn before it has completed; after a stop, a failure
+   * or a cut, it waits for the user, who may no longer want it.
+   */
+  #sendQueued(threadId: string, status: TurnStatus): void {
+    const next = status === 'completed' && !this.turns.closing ? this.queue.first(threadId) : null;
+    if (!next) return;
+    try {
+      this.sendQueued(threadId, next.id);
+    } catch {
+      // It stays queued, for the user to send.
+    }
+  }
+
+  /** The thread's place, with nothing running in it, held for a change of its history. */
+  #claim(threadId: string): CodexPlace {
+    const place = this.threads.place(threadId);
+    if (!place) throw new Refusal('noSuchThread');
+    if (this.turns.isRunning(threadId) || this.#busy.has(threadId)) throw new Refusal('busyThread');
+    this.#refuseWhileClosing();
+    this.#busy.add(threadId);
+    return place;
   }
 
   #refuseWhileClosing(): void {

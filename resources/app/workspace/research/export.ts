@@ -37,6 +37,8 @@ function itemMarkdown(item: Item): string | null {
       return item.text.trim() === '' ? null : item.text.trim();
     case 'notice':
       return quoted(item.text);
+    case 'guidance':
+      return texts.exportGuidance(item.text);
     case 'reasoning':
     case 'tool':
       return null;

@@ -2,7 +2,7 @@
 import { completeItem, describeError, OUTPUT_LIMIT, toItem, usageOf } from '../codex/translate.ts';
 import { texts } from '../texts.ts';
 import type { CodexTokenBreakdown, TurnNotification } from '../codex/protocol.ts';
-import type { Choice, Item, Permission, Turn, TurnHead, TurnStatus } from '../model.ts';
+import type { Choice, Context, Item, Permission, Turn, TurnHead, TurnStatus } from '../model.ts';
 
 /**
  * Where a thread's turns run, read once per question: its folder, where its questions' files are,
@@ -21,6 +21,8 @@ export interface TurnSink {
   turn(head: TurnHead): void;
   /** An item appeared or was replaced whole; settled when Codex has said its last word on it. */
   item(head: TurnHead, item: Item, settled: boolean): void;
+  /** How full the model's context is, as Codex counted at its last request. */
+  context(head: TurnHead, context: Context): void;
   /** Text was appended to an item (its answer, a reasoning part, a command's output). */
   delta(head: TurnHead, item: Item, field: 'text' | 'output', part: number | undefined, text: string): void;
 }
@@ -71,6 +73,10 @@ export class LiveTurn {
         return;
       }
       case 'item/completed': {
+        if (notification.params.item.type === 'contextCompaction') {
+          this.#push({ kind: 'notice', level: 'info', text: texts.compacted, position: this.items.length, status: 'completed' });
+          return;
+        }
         const position = this.#byCodexId.get(notification.params.item.id);
         if (position === undefined) {
           // Completed without a start (Codex sends some items only whole).
@@ -121,7 +127,9 @@ export class LiveTurn {
         return;
       }
       case 'thread/tokenUsage/updated': {
-        const { total, last } = notification.params.tokenUsage;
+        const { total, last, modelContextWindow } = notification.params.tokenUsage;
+        // The last request's tokens are what the model had before it: the context in use.
+        this.#sink.context(this.head, { used: last.totalTokens, window: modelContextWindow ?? null });
         // The thread's total before this turn's first request is the base of the turn's own count.
         this.#usageBase ??= subtract(total, last);
         this.head.usage = usageOf(total, this.#usageBase);
@@ -172,6 +180,11 @@ export class LiveTurn {
   /** The item Codex knows by this id, as it is now. */
   itemOf(codexId: string): Item | undefined {
     return this.#find(codexId);
+  }
+
+  /** The user's guidance, which Codex took into the turn here. */
+  guide(text: string): void {
+    if (!this.finished) this.#push({ kind: 'guidance', text, position: this.items.length, status: 'completed' });
   }
 
   #find(codexId: string): Item | undefined {

@@ -44,11 +44,11 @@ export function titleOf(question: string): string {
 }
 
 /** Thread ids name folders: the day first, so a file manager lists them in order. */
-function newThreadId(now: number): string {
+export function newThreadId(now: number): string {
   return `${new Date(now).toISOString().slice(0, 10)}-${randomBytes(4).toString('hex')}`;
 }
 
-function newHead(threadId: string, position: number, question: string, now: number, attachments: string[]): TurnHead {
+export function newHead(threadId: string, position: number, question: string, now: number, attachments: string[]): TurnHead {
   return {
     id: randomUUID(), threadId, position, question, status: 'running', error: null, usage: null, startedAt: now, endedAt: null,
     ...(attachments.length > 0 ? { attachments } : {}),

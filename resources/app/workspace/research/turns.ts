@@ -14,7 +14,7 @@ import { MARKER } from '../codex/commands.ts';
 import { StoreError, type ThreadStore } from '../store/store.ts';
 import { attachmentNote, isImage } from '../files/uploads.ts';
 import type { Clock, Timer } from '../clock.ts';
-import type { Choice, PageEvent, ThreadSummary, Turn, TurnHead } from '../model.ts';
+import type { Choice, PageEvent, ThreadSummary, Turn, TurnHead, TurnStatus } from '../model.ts';
 
 export const STOP_DEADLINE_MS = 900;
 // The service's end waits for nothing long: what Codex has not confirmed by then is cut short.
@@ -36,6 +36,8 @@ export interface TurnRunnerOptions {
   resolveChoice?(choice: Choice): Promise<Choice>;
   /** The thread's running turn has ended. */
   ended?(threadId: string): void;
+  /** A thread's turn has ended and its end is written down: the next queued question may go. */
+  onSettled?(threadId: string, status: TurnStatus): void;
 }
 
 /** Why a turn could not start, in one sentence: Codex's own refusals are in English. */
@@ -45,6 +47,14 @@ function failureOf(error: unknown): string {
   if (error instanceof RpcError) return texts.codexError(error.message);
   if (error instanceof StoreError) return describeStorage(error);
   return texts.internal(error instanceof Error ? error.message : String(error));
+}
+
+/** How a thread's Codex thread works: in its folder, at its level, its commands told which thread they are for. */
+export function codexSettings(threadId: string, place: Pick<CodexPlace, 'folder' | 'permission'>) {
+  return {
+    cwd: place.folder, approvalPolicy: APPROVAL_POLICY, sandbox: sandboxModeOf(place.permission),
+    config: { web_search: 'live', [`shell_environment_policy.set.${MARKER}`]: threadId },
+  } as const;
 }
 
 export class TurnRunner {
@@ -77,6 +87,14 @@ export class TurnRunner {
         this.#journal.item(head.id, item);
         options.publish({ type: 'item', threadId: head.threadId, turnId: head.id, item });
         if (settled) this.#journal.flush();
+      },
+      context: (head, context) => {
+        try {
+          options.store.setContext(head.threadId, context);
+        } catch {
+          // Only a gauge: the next request's count replaces it.
+        }
+        options.publish({ type: 'context', threadId: head.threadId, context });
       },
       delta: (head, item, field, part, text) => {
         this.#journal.grew(head.id, item, part ?? 0, text);
@@ -151,6 +169,31 @@ export class TurnRunner {
     this.#live.get(threadId)?.note(text);
   }
 
+  /**
+   * Gives the running turn the user's guidance, where Codex takes it at its next step; false when
+   * no turn of the thread is running in Codex (it ended, or Codex has not said which it is yet).
+   */
+  async steer(threadId: string, text: string): Promise<boolean> {
+    const live = this.#live.get(threadId);
+    if (!live?.codexTurnId || !live.codexThreadId || live.stopRequested) return false;
+    try {
+      await this.#options.codex.request('turn/steer', {
+        threadId: live.codexThreadId, expectedTurnId: live.codexTurnId, input: [{ type: 'text', text, text_elements: [] }],
+      });
+    } catch (error) {
+      // "no active turn to steer": it ended meanwhile.
+      if (error instanceof RpcError) return false;
+      throw error;
+    }
+    live.guide(text);
+    return true;
+  }
+
+  /** A Codex thread made elsewhere (a branch's fork) is loaded in the running app-server. */
+  adopt(threadId: string, codexThreadId: string): void {
+    this.#track(threadId, codexThreadId);
+  }
+
   /** Writes down whatever is waiting; false when the store cannot take it now. */
   writeDown(): boolean {
     this.#journal.flush();
@@ -205,7 +248,7 @@ export class TurnRunner {
 
   async #run(live: LiveTurn): Promise<void> {
     try {
-      const { codexThreadId, context } = await this.#codexThread(live);
+      const { codexThreadId, context } = await this.#codexThread(live.head.threadId, live.place);
       live.codexThreadId = codexThreadId;
       const { choice } = live.place;
       const resolved = (await this.#options.resolveChoice?.(choice)) ?? choice;
@@ -226,6 +269,11 @@ export class TurnRunner {
         ...(resolved.model ? { model: resolved.model } : {}), ...(resolved.effort ? { effort: resolved.effort } : {}),
         approvalPolicy: APPROVAL_POLICY, sandboxPolicy: sandboxPolicyOf(permission),
       });
+      try {
+        this.#options.store.setCodexTurn(live.head.id, started.turn.id);
+      } catch {
+        // Without it the turn cannot be asked again or branched from; it still runs.
+      }
       this.#turnStarted(live, started.turn.id);
       // A stop asked for meanwhile (and perhaps already given up on) still reaches Codex.
       if (live.stopRequested) await this.#interrupt(live);
@@ -239,29 +287,28 @@ export class TurnRunner {
    * question, resumed after the app-server was started again. One that Codex no longer has (its
    * sessions were cleared) is started afresh, with the thread so far given as context.
    */
-  async #codexThread(live: LiveTurn): Promise<{ codexThreadId: string; context: string | null }> {
-    const { threadId } = live.head;
-    const { folder, codexThreadId } = live.place;
-    const settings = {
-      cwd: folder, approvalPolicy: APPROVAL_POLICY, sandbox: sandboxModeOf(live.place.permission),
-      config: { web_search: 'live', [`shell_environment_policy.set.${MARKER}`]: threadId },
-    } as const;
-    let context: string | null = null;
-    if (codexThreadId && this.#loaded.has(codexThreadId)) return { codexThreadId, context };
-    if (codexThreadId) {
-      try {
-        await this.#options.codex.request('thread/resume', { threadId: codexThreadId, ...settings });
-        this.#track(threadId, codexThreadId);
-        return { codexThreadId, context };
-      } catch (error) {
-        if (!(error instanceof RpcError)) throw error;
-        context = this.#transcript(threadId);
-      }
-    }
-    const started = await this.#options.codex.request('thread/start', settings);
+  async #codexThread(threadId: string, place: CodexPlace): Promise<{ codexThreadId: string; context: string | null }> {
+    const loaded = await this.load(threadId, place);
+    if (loaded) return { codexThreadId: loaded, context: null };
+    const context = place.codexThreadId ? this.#transcript(threadId) : null;
+    const started = await this.#options.codex.request('thread/start', codexSettings(threadId, place));
     this.#options.store.setCodexThread(threadId, started.thread.id);
     this.#track(threadId, started.thread.id);
     return { codexThreadId: started.thread.id, context };
+  }
+
+  /** The thread's Codex thread, loaded in the running app-server; null when there is none, or Codex no longer has it. */
+  async load(threadId: string, place: CodexPlace): Promise<string | null> {
+    const { codexThreadId } = place;
+    if (!codexThreadId || this.#loaded.has(codexThreadId)) return codexThreadId;
+    try {
+      await this.#options.codex.request('thread/resume', { threadId: codexThreadId, ...codexSettings(threadId, place) });
+    } catch (error) {
+      if (!(error instanceof RpcError)) throw error;
+      return null;
+    }
+    this.#track(threadId, codexThreadId);
+    return codexThreadId;
   }
 
   /** The app-server has this Codex thread loaded: its notifications are this thread's. */
@@ -311,5 +358,6 @@ export class TurnRunner {
     if (!summary) return;
     this.#options.publish({ type: 'threadSummary', thread: { ...summary, running: false, waiting: false } });
     this.#options.publish({ type: 'threadUsage', threadId, usage: this.#options.store.threadUsage(threadId) });
+    this.#options.onSettled?.(threadId, live.head.status);
   }
 }

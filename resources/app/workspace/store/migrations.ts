@@ -77,4 +77,17 @@ export const migrations: readonly Migration[] = [
   // 6: what Codex may do in each thread without asking; threads made before could write in
   // their folder, as they still can.
   (db) => db.exec(`ALTER TABLE threads ADD COLUMN permission TEXT NOT NULL DEFAULT 'write';`),
+  // 7: Codex's own id for each turn (a rollback or a branch names the turn to Codex), how full the
+  // model's context is after a thread's last request, and the questions queued behind a running turn.
+  (db) => db.exec(`
+    ALTER TABLE turns ADD COLUMN codex_turn_id TEXT;
+    ALTER TABLE threads ADD COLUMN context TEXT;
+    CREATE TABLE queued (
+      id TEXT PRIMARY KEY,
+      thread_id TEXT NOT NULL REFERENCES threads (id) ON DELETE CASCADE,
+      text TEXT NOT NULL,
+      queued_at INTEGER NOT NULL
+    ) STRICT;
+    CREATE INDEX queued_by_thread ON queued (thread_id, queued_at);
+  `),
 ];

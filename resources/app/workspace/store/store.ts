@@ -8,7 +8,8 @@ import type { BackendName } from './indexBackend.ts';
 import { preparedOnce } from './prepared.ts';
 import { applyTail, type ItemTail } from './tails.ts';
 import { systemClock, type Clock } from '../clock.ts';
-import type { Choice, Item, Permission, SearchAnswer, StoredSummary, Thread, Turn, TurnHead, Usage } from '../model.ts';
+import { randomUUID } from 'node:crypto';
+import type { Choice, Context, Item, Permission, Queued, SearchAnswer, StoredSummary, Thread, Turn, TurnHead, Usage } from '../model.ts';
 
 export class StoreError extends Error {
   readonly reason: 'newer' | 'unwritable' | 'full' | 'corrupt' | 'other';
@@ -46,7 +47,14 @@ export interface NewThread {
 interface TurnRow {
   id: string; thread_id: string; position: number; question: string; status: string;
   error: string | null; usage: string | null; started_at: number; ended_at: number | null; attachments: string | null;
+  codex_turn_id: string | null;
 }
+
+/**
+ * A kept turn with Codex's id for it (null when Codex never started it, or it was kept before such
+ * ids were), and whether anything came of it.
+ */
+export type KeptTurn = TurnHead & { codexTurnId: string | null; answered: boolean };
 interface ThreadRow {
   id: string; title: string; folder: string; created_at: number; updated_at: number; pinned: number; archived: number;
 }
@@ -211,13 +219,14 @@ export class ThreadStore {
   /** The thread with its newest turns, as many as fill about this many items; earlier: more before them. */
   readThread(id: string, itemBudget = Infinity, at?: number): (KeptThread & { codexThreadId: string | null }) | null {
     const row = this.#statement('SELECT * FROM threads WHERE id = ?').get(id) as
-      (ThreadRow & { codex_thread_id: string | null; model: string | null; effort: string | null; permission: Permission }) | undefined;
+      (ThreadRow & { codex_thread_id: string | null; model: string | null; effort: string | null; permission: Permission; context: string | null }) | undefined;
     if (!row) return null;
     const { turns, earlier, later } = at === undefined
       ? { ...this.readTurns(id, null, itemBudget), later: false }
       : this.#readFrom(id, at, itemBudget);
     return { ...summaryOf(row), folder: row.folder, codexThreadId: row.codex_thread_id, turns, earlier, later, usage: this.threadUsage(id),
       model: row.model, effort: row.effort, permission: row.permission,
+      context: row.context ? (JSON.parse(row.context) as Context) : null, queued: this.queued(id),
     };
   }
 
@@ -354,6 +363,75 @@ export class ThreadStore {
 
   setCodexThread(threadId: string, codexThreadId: string | null): void {
     this.#write(() => this.#statement('UPDATE threads SET codex_thread_id = ? WHERE id = ?').run(codexThreadId, threadId));
+  }
+
+  /** Codex's id for the turn, once Codex has started it: what a rollback or a branch names. */
+  setCodexTurn(turnId: string, codexTurnId: string): void {
+    this.#write(() => this.#statement('UPDATE turns SET codex_turn_id = ? WHERE id = ?').run(codexTurnId, turnId));
+  }
+
+  /** The thread's last turn, or its turn at this position; null when there is none. */
+  keptTurn(threadId: string, position?: number): KeptTurn | null {
+    const columns = 'turns.*, EXISTS (SELECT 1 FROM items WHERE items.turn_id = turns.id) AS answered';
+    const row = (position === undefined
+      ? this.#statement(`SELECT ${columns} FROM turns WHERE thread_id = ? ORDER BY position DESC LIMIT 1`).get(threadId)
+      : this.#statement(`SELECT ${columns} FROM turns WHERE thread_id = ? AND position = ?`).get(threadId, position)) as
+      (TurnRow & { answered: number }) | undefined;
+    return row ? { ...headOf(row), codexTurnId: row.codex_turn_id, answered: row.answered === 1 || row.usage !== null } : null;
+  }
+
+  /** The turn asked again: the old one and its items go, the new one takes its place, together or not at all. */
+  replaceTurn(oldId: string, head: TurnHead): void {
+    this.#write(() => {
+      this.#statement('DELETE FROM turns WHERE id = ?').run(oldId);
+      this.#putTurn(head);
+    });
+  }
+
+  /**
+   * A new thread whose turns are copies of another's up to and including this position, each
+   * keeping Codex's id for it (Codex's fork keeps its turns' ids too).
+   */
+  branchThread(thread: NewThread & { codexThreadId: string }, from: string, through: number): void {
+    this.#write(() => {
+      this.#statement(`INSERT INTO threads (id, title, folder, created_at, updated_at, model, effort, codex_thread_id, permission)
+        VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?)`).run(thread.id, thread.title, thread.folder, thread.createdAt, thread.createdAt, thread.model ?? null,
+        thread.effort ?? null, thread.codexThreadId, thread.permission ?? 'write');
+      const rows = this.#statement('SELECT * FROM turns WHERE thread_id = ? AND position <= ? ORDER BY position').all(from, through) as unknown as TurnRow[];
+      const copy = this.#statement(`INSERT INTO turns (id, thread_id, position, question, status, error, usage, started_at, ended_at, attachments, codex_turn_id)
+        SELECT ?, ?, position, question, status, error, usage, started_at, ended_at, attachments, codex_turn_id FROM turns WHERE id = ?`);
+      for (const row of rows) {
+        const id = randomUUID();
+        copy.run(id, thread.id, row.id);
+        this.#search.putQuestion(id, row.question);
+        const items = this.#statement('SELECT body FROM items WHERE turn_id = ? ORDER BY position').all(row.id) as { body: string }[];
+        for (const { body } of items) this.#putItem(id, JSON.parse(body) as Item);
+      }
+    });
+  }
+
+  /** How full the model's context was at the thread's last request. */
+  setContext(threadId: string, context: Context): void {
+    this.#write(() => this.#statement('UPDATE threads SET context = ? WHERE id = ?').run(JSON.stringify(context), threadId));
+  }
+
+  /** The questions queued behind the thread's running turn, oldest first. */
+  queued(threadId: string): Queued[] {
+    const rows = this.#statement('SELECT id, text, queued_at FROM queued WHERE thread_id = ? ORDER BY queued_at, rowid').all(threadId) as
+      { id: string; text: string; queued_at: number }[];
+    return rows.map((row) => ({ id: row.id, text: row.text, queuedAt: row.queued_at }));
+  }
+
+  enqueue(threadId: string, queued: Queued): void {
+    this.#write(() => this.#statement('INSERT INTO queued (id, thread_id, text, queued_at) VALUES (?, ?, ?, ?)')
+      .run(queued.id, threadId, queued.text, queued.queuedAt));
+  }
+
+  /** Changes a queued question's text, or takes it out (text null); false when it is no longer queued. */
+  changeQueued(threadId: string, id: string, text: string | null): boolean {
+    return this.#write(() => Number((text === null
+      ? this.#statement('DELETE FROM queued WHERE thread_id = ? AND id = ?').run(threadId, id)
+      : this.#statement('UPDATE queued SET text = ? WHERE thread_id = ? AND id = ?').run(text, threadId, id)).changes) > 0);
   }
 
   commit(batch: Batch): void {

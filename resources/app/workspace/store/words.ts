@@ -27,6 +27,7 @@ export function wordsOf(item: Item): string | null {
     case 'answer':
     case 'plan':
     case 'notice':
+    case 'guidance':
       return item.text;
     case 'reasoning':
       return item.parts.join('\n');

@@ -1,0 +1,53 @@
+// The research desk on a scripted Codex, a real store and a virtual clock, for the tests of what
+// it asks Codex, what the page and the store get, and what it refuses.
+import { join } from 'node:path';
+import { ResearchDesk, type Question } from '../../resources/app/workspace/research/desk.ts';
+import { ThreadStore } from '../../resources/app/workspace/store/store.ts';
+import { routeNotifications } from '../../resources/app/workspace/codex/protocol.ts';
+import { VirtualClock } from './clock.ts';
+import { temporaryFolder } from './service.ts';
+
+/** Codex as the test scripts it: each method answers, fails, or waits for the test. */
+export class ScriptedCodex {
+  calls: [string, any][] = [];
+  #count = (method: string) => this.calls.filter(([m]) => m === method).length;
+  handlers: Record<string, (params: any) => unknown> = {
+    'thread/start': () => ({ thread: { id: `codex-${this.#count('thread/start')}` } }),
+    'thread/resume': () => ({}),
+    'turn/start': () => ({ turn: { id: `turn-${this.#count('turn/start')}` } }),
+    'turn/interrupt': () => ({}),
+  };
+
+  async request<T>(method: string, params: unknown): Promise<T> {
+    this.calls.push([method, params]);
+    return (await this.handlers[method]!(params)) as T;
+  }
+
+  methods = () => this.calls.map(([method]) => method);
+}
+
+/** A desk on a real store; commit, when given, stands between the desk and the store's writes. */
+export function deskFixture(options: { commit?: (write: () => void) => void; dataFolder?: string } = {}) {
+  const dataFolder = options.dataFolder ?? temporaryFolder('lm-desk-');
+  const realStore = ThreadStore.open(join(dataFolder, 'workspace.db'));
+  const store = new Proxy(realStore, {
+    get: (target, key) => (key === 'commit' && options.commit
+      ? (batch: never) => options.commit!(() => target.commit(batch))
+      : (Reflect.get(target, key, target) as () => unknown).bind(target)),
+  });
+  const codex = new ScriptedCodex();
+  const clock = new VirtualClock();
+  const storage: (string | null)[] = [];
+  const desk = new ResearchDesk({
+    store, codex, dataFolder, home: dataFolder, uid: process.getuid!(), clock, publish: () => {}, endCommands: async () => {},
+    reportStorage: (error) => storage.push(error ? error.reason : null),
+  });
+  const route = routeNotifications({ account: () => {}, turn: (notification) => desk.turns.onNotification(notification) });
+  /** Codex's notification for the turn it is running in this Codex thread. */
+  const notify = (method: string, params: object, codexThread = 'codex-1', turn = 'turn-1') =>
+    route(method, { threadId: codexThread, turnId: turn, ...params });
+  const answers = (id: string) => desk.threads.thread(id)!.turns.map((turn) => turn.items.map((item) => item.kind === 'answer' && item.text));
+  return { desk, store: realStore, codex, clock, storage, dataFolder, notify, answers };
+}
+
+export const asked = (text: string): Question => ({ text, attachments: [], draft: null, choice: null, folder: null });
