@@ -18,6 +18,7 @@ import { texts } from './texts.js';
  *   thread: import('./threadView.js').ThreadView, ask: import('./askView.js').AskView,
  *   service: import('./serviceView.js').ServiceView, list: import('./threadList.js').ThreadList,
  *   attachments: import('./attachments.js').Attachments, picker: import('./models.js').ModelPicker,
+ *   files: import('./filesPanel.js').FilesPanel,
  * }} Views
  */
 /** A page of turns and whether more lie beyond it, drawn ahead. @typedef {{ prepared: Prepared, more: boolean }} Page */
@@ -138,6 +139,7 @@ export class Controller {
     views.ask.running(thread?.running ?? false);
     views.attachments.reset(thread?.id ?? null);
     views.picker.show(thread);
+    views.files.thread(thread?.id ?? null, thread?.running ?? false);
   }
 
   /** @param {PageEvent} event */
@@ -164,6 +166,7 @@ export class Controller {
         if (event.thread.id !== state.open) return;
         views.thread.summary(event.thread);
         views.ask.running(event.thread.running);
+        views.files.running(event.thread.running);
         return;
       case 'threadUsage':
         if (event.threadId === state.open) views.thread.usage(event.usage);

@@ -8,6 +8,7 @@ import { ItemView, prepareItem } from './items.js';
 import { CodeColours, copyFromCodeBlocks } from './code.js';
 import { idle } from './idle.js';
 import { ThreadActions } from './threadActions.js';
+import { resolveLocal } from './localFiles.js';
 
 /** @typedef {import('../workspace/model.ts').Thread} Thread */
 /** @typedef {import('../workspace/model.ts').ThreadSummary} ThreadSummary */
@@ -70,9 +71,17 @@ export class ThreadView {
   #actions;
   #colours = new CodeColours();
 
-  /** @param {Markdown} md @param {() => Rules | null} rules the service's, once it has said them */
-  constructor(md, rules) {
+  /** The open thread's id, whose folder an answer's relative paths name. */
+  #threadId = '';
+  #openFile;
+
+  /**
+   * @param {Markdown} md @param {() => Rules | null} rules the service's, once it has said them
+   * @param {(thread: string, path: string) => void} openFile shows a file of the thread's folder
+   */
+  constructor(md, rules, openFile) {
     this.#md = md;
+    this.#openFile = openFile;
     this.#actions = new ThreadActions({ node: this.#head, title: this.#title, more: byId('thread-more') }, rules);
     copyFromCodeBlocks(this.#conversation);
     // Narrow, the head is its title; the rest folds out from here.
@@ -172,6 +181,7 @@ export class ThreadView {
       this.#actions.show(null);
       return;
     }
+    this.#threadId = thread.id;
     this.summary(thread);
     this.#meta.textContent = texts.folder(thread.folder);
     this.usage(thread.usage);
@@ -315,11 +325,20 @@ export class ThreadView {
     const existing = this.#items.get(key);
     if (existing && existing.kind === item.kind) {
       existing.update(item);
+      this.#findFiles(item, existing.node);
       return;
     }
     const view = new ItemView(item, this.#md, this.#colours, drawn);
     this.#items.set(key, view);
     if (existing) existing.node.replaceWith(view.node);
     else into.append(view.node);
+    this.#findFiles(item, view.node);
+  }
+
+  /** A final answer's relative paths, made images and links where they name the thread's files. @param {Item} item @param {HTMLElement} node */
+  #findFiles(item, node) {
+    if (item.kind !== 'answer' || item.status === 'running') return;
+    const thread = this.#threadId;
+    void resolveLocal(node, thread, '', (path) => this.#openFile(thread, path));
   }
 }

@@ -92,6 +92,29 @@ export interface Thread extends ThreadSummary {
   later: boolean;
 }
 
+/** What a thread's folder holds, as its files panel lists it. */
+export type EntryKind = 'file' | 'folder' | 'link';
+
+export interface Entry {
+  name: string;
+  kind: EntryKind;
+  size: number;
+  changedAt: number;
+  /** The turn (its position) that last changed it; null when no turn ran then. */
+  turn: number | null;
+  /** The user brought it to a question. */
+  user: boolean;
+}
+
+/** A turn's span and what its question brought, for telling which turn changed a file. */
+export interface TurnSpan {
+  position: number;
+  startedAt: number;
+  /** Null while it runs. */
+  endedAt: number | null;
+  attachments: readonly string[];
+}
+
 /** A model and reasoning effort; null for either is Codex's own default. */
 export interface Choice {
   model: string | null;

@@ -46,6 +46,8 @@ const ANSWERS: Record<RefusalReason, Answer> = {
   tooManyFiles: [400, texts.tooManyFiles(ATTACHMENT_LIMIT)],
   folderUnsafe: [409, texts.folderUnsafe],
   badDraft: [400, texts.badDraft],
+  noSuchFile: [404, texts.noSuchFile],
+  badRange: [416, texts.badRange],
   signOutFailed: [502, texts.signOutFailed],
   modelsUnavailable: [503, texts.modelsUnavailable],
 };

@@ -7,6 +7,7 @@ import { checkChange, type PeerGate } from './security.ts';
 import { createRouter, created, ok, route, type Handler } from './router.ts';
 import { cursorOf, flagOf, isThreadId, positionOf, questionOf, readFields, readJson, renameOf, signInMethodOf } from './parse.ts';
 import { takeBackFile, uploadFile } from './uploads.ts';
+import { fileRoutes } from './files.ts';
 import type { StaticFiles } from './static.ts';
 import { attachment, exportFileName, threadMarkdown } from '../research/export.ts';
 import type { ResearchDesk } from '../research/desk.ts';
@@ -23,6 +24,8 @@ export interface RouteDeps {
   gate: PeerGate;
   files: StaticFiles;
   uploads: UploadFolders;
+  /** Shows a folder in the desktop's file manager. */
+  openFolder(path: string): void;
   /** The choice the last question asked for, which the model picker starts from. */
   lastChoice(): Choice;
   complain(line: string): void;
@@ -106,6 +109,7 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
         return ok({});
       }),
       route('GET', '/api/threads/:id/export', exportThread(threads)),
+      ...fileRoutes(threads, deps.openFolder),
       route('GET', '/api/search', ({ url }) => ok(threads.search(url.searchParams.get('q') ?? ''))),
       route('GET', '/api/models', async () => ok({ ...(await deps.models.refresh()), last: deps.lastChoice() })),
       route('POST', '/api/uploads', uploadFile(deps.uploads)),

@@ -73,6 +73,11 @@ export function exportFileName(title: string, threadId: string): string {
 
 /** Content-Disposition for a download: the UTF-8 name for browsers, the id (plain ASCII) for the rest. */
 export function attachment(name: string, threadId: string): string {
+  return disposition('attachment', name, `${threadId}.md`);
+}
+
+/** Content-Disposition with the UTF-8 name for browsers, and a plain ASCII one for the rest. */
+export function disposition(kind: 'attachment' | 'inline', name: string, fallback: string): string {
   const encoded = encodeURIComponent(name).replace(/['()*]/g, (char) => `%${char.charCodeAt(0).toString(16).toUpperCase()}`);
-  return `attachment; filename="${threadId}.md"; filename*=UTF-8''${encoded}`;
+  return `${kind}; filename="${fallback}"; filename*=UTF-8''${encoded}`;
 }

@@ -12,7 +12,7 @@ import type { CodexPlace } from './liveTurn.ts';
 import type { TurnRunner } from './turns.ts';
 import type { ListCursor, ThreadStore } from '../store/store.ts';
 import type { Clock } from '../clock.ts';
-import type { Choice, PageEvent, SearchAnswer, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
+import type { Choice, PageEvent, SearchAnswer, Thread, ThreadSummary, Turn, TurnHead, TurnSpan } from '../model.ts';
 
 /** About how many items a page gets at a time: a screen or two, drawn in one go. */
 export const PAGE_ITEMS = 40;
@@ -67,6 +67,11 @@ export class Threads {
     if (!place) return null;
     const { folder, codexThreadId, model, effort } = place;
     return { folder: join(this.#options.dataFolder, folder), codexThreadId, choice: { model, effort } };
+  }
+
+  /** The thread's turns' spans, which tell which of them changed a file in its folder. */
+  turnSpans(id: string): TurnSpan[] {
+    return this.#options.store.turnSpans(id);
   }
 
   /**

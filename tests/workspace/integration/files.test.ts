@@ -1,0 +1,59 @@
+// A thread's files through the running service: each goes out with a type from its name and a
+// policy that keeps whatever it holds from running on the page's origin, in the ranges asked for;
+// a deleted thread's files are gone with it.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { writeFileSync } from 'node:fs';
+import { join } from 'node:path';
+import { texts } from '../../../resources/app/workspace/texts.ts';
+import { fakeCodex, startService, temporaryFolder } from '../../harness/service.ts';
+
+test('files go out typed by their names, sandboxed, never as a page of this origin, and in ranges', async () => {
+  const service = await startService({ codexPath: fakeCodex(temporaryFolder('lm-fake-')) });
+  try {
+    const id: string = (await service.request('POST', '/api/threads', { question: 'files' })).body.thread.id;
+    const folder = join(service.dataFolder, 'threads', id);
+    const script = '<script>parent.document.title = "ran"</script>';
+    const files: Record<string, string> = {
+      'page.html': script, 'figure.svg': `<svg xmlns="http://www.w3.org/2000/svg">${script}</svg>`, 'plot.png': 'png bytes',
+      'paper.pdf': '%PDF-1.4', 'blob.bin': script, 'report 报告 #?%.md': '# 报告', 'empty.csv': '',
+    };
+    for (const [name, body] of Object.entries(files)) writeFileSync(join(folder, name), body);
+    const get = (path: string, headers: Record<string, string> = {}) =>
+      service.request('GET', `/api/threads/${id}/file?${new URLSearchParams({ path })}`, undefined, headers);
+
+    const rows: [string, string, string][] = [
+      ['page.html', 'text/plain; charset=utf-8', 'inline'],
+      ['figure.svg', 'image/svg+xml', 'attachment'],
+      ['plot.png', 'image/png', 'inline'],
+      ['paper.pdf', 'application/pdf', 'inline'],
+      ['blob.bin', 'application/octet-stream', 'attachment'],
+      ['report 报告 #?%.md', 'text/plain; charset=utf-8', 'inline'],
+      ['empty.csv', 'text/plain; charset=utf-8', 'inline'],
+    ];
+    for (const [name, type, disposition] of rows) {
+      const answer = await get(name);
+      assert.deepEqual([answer.status, answer.headers.get('content-type'), answer.headers.get('content-disposition')?.split(';')[0]],
+        [200, type, disposition], name);
+      assert.equal(answer.headers.get('x-content-type-options'), 'nosniff', name);
+      const policy = answer.headers.get('content-security-policy') ?? '';
+      assert.match(policy, /default-src 'none'/, name);
+      if (name !== 'paper.pdf') assert.match(policy, /^sandbox;/, name);
+      assert.equal(answer.body, files[name], name);
+    }
+
+    const part = await get('page.html', { range: 'bytes=8-13' });
+    assert.deepEqual([part.status, part.body, part.headers.get('content-range')], [206, 'parent', `bytes 8-13/${script.length}`]);
+    assert.equal((await get('page.html', { range: 'bytes=999-' })).status, 416);
+    assert.deepEqual((await service.request('GET', `/api/threads/${id}/files`)).body.entries.length, Object.keys(files).length);
+
+    await service.request('POST', `/api/threads/${id}/delete`, {});
+    for (const path of [`/api/threads/${id}/files`, `/api/threads/${id}/file?path=plot.png`]) {
+      const gone = await service.request('GET', path);
+      assert.deepEqual([gone.status, gone.body.error], [404, texts.noSuchThread], path);
+    }
+  } finally {
+    service.child.kill('SIGKILL');
+    await service.exited;
+  }
+});
