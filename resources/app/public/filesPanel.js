@@ -65,6 +65,7 @@ export class FilesPanel {
     this.#path = '';
     this.#entries = [];
     this.#toggle.hidden = thread === null;
+    if (thread) /** @type {HTMLAnchorElement} */ (byId('files-archive')).href = `${filesPath(thread)}/archive`;
     if (thread === null) this.#show(false);
     this.running(running);
     this.refresh();

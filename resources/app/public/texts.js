@@ -65,6 +65,7 @@ export const texts = {
   plan: '计划',
   command: '命令',
   webSearch: '网页搜索',
+  sources: '来源',
   tool: '调用工具',
   itemStatus: { running: '运行中……', completed: '已完成', failed: '失败', stopped: '已停止' },
   /** @param {number} code */
@@ -105,6 +106,7 @@ export const texts = {
   close: '关闭',
   revealFolder: '在文件管理器中打开',
   download: '下载',
+  downloadAll: '下载全部文件',
   uploadedByYou: '你上传的',
   /** @param {number} position */
   madeInTurn: (position) => `第 ${position + 1} 问`,

@@ -9,6 +9,7 @@ import { CodeColours, copyFromCodeBlocks } from './code.js';
 import { idle } from './idle.js';
 import { ThreadActions } from './threadActions.js';
 import { resolveLocal } from './localFiles.js';
+import { TurnSources } from './sources.js';
 
 /** @typedef {import('../workspace/model.ts').Thread} Thread */
 /** @typedef {import('../workspace/model.ts').ThreadSummary} ThreadSummary */
@@ -18,7 +19,7 @@ import { resolveLocal } from './localFiles.js';
 /** @typedef {import('../workspace/model.ts').Usage} Usage */
 /** @typedef {import('../workspace/model.ts').Rules} Rules */
 /** @typedef {import('./markdown.js').Markdown} Markdown */
-/** @typedef {{ node: HTMLElement, items: HTMLElement, foot: HTMLElement, head: TurnHead }} TurnParts */
+/** @typedef {{ node: HTMLElement, items: HTMLElement, sources: TurnSources, foot: HTMLElement, head: TurnHead }} TurnParts */
 /** Before the drawn turns, or after them. @typedef {'before' | 'after'} Side */
 /** Turns with their items' Markdown drawn ahead (prepare), by item key. @typedef {{ turns: Turn[], drawn: Map<string, DocumentFragment[]> }} Prepared */
 
@@ -309,7 +310,9 @@ export class ThreadView {
       const question = node.appendChild(element('div', 'question', head.question));
       question.setAttribute('dir', 'auto');
       if (head.attachments) node.append(attachmentList(head.attachments));
-      parts = { node, items: node.appendChild(element('div', 'items')), foot: node.appendChild(element('div', 'turn-foot')), head };
+      const sources = new TurnSources();
+      parts = { node, items: node.appendChild(element('div', 'items')), sources, foot: node.appendChild(element('div', 'turn-foot')), head };
+      parts.foot.before(sources.node);
       this.#turns.set(head.id, parts);
     }
     parts.head = head;
@@ -325,19 +328,26 @@ export class ThreadView {
     const existing = this.#items.get(key);
     if (existing && existing.kind === item.kind) {
       existing.update(item);
-      this.#findFiles(item, existing.node);
+      this.#resolveLinks(turnId, item, existing.node);
       return;
     }
     const view = new ItemView(item, this.#md, this.#colours, drawn);
     this.#items.set(key, view);
     if (existing) existing.node.replaceWith(view.node);
     else into.append(view.node);
-    this.#findFiles(item, view.node);
+    this.#resolveLinks(turnId, item, view.node);
   }
 
-  /** A final answer's relative paths, made images and links where they name the thread's files. @param {Item} item @param {HTMLElement} node */
-  #findFiles(item, node) {
+  /**
+   * A final answer's relative paths, made images and links where they name the thread's files; its
+   * web links, and the pages a search opened, among the turn's sources.
+   * @param {string} turnId @param {Item} item @param {HTMLElement} node
+   */
+  #resolveLinks(turnId, item, node) {
+    const sources = this.#turns.get(turnId)?.sources;
+    if (item.kind === 'webSearch' && item.url) sources?.add(item.url);
     if (item.kind !== 'answer' || item.status === 'running') return;
+    sources?.cited(node);
     const thread = this.#threadId;
     void resolveLocal(node, thread, '', (path) => this.#openFile(thread, path));
   }

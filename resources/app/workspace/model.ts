@@ -29,7 +29,8 @@ export type CommandItem = ItemBase & {
   exitCode: number | null;
   durationMs: number | null;
 };
-export type WebSearchItem = ItemBase & { kind: 'webSearch'; query: string };
+/** url: the page it opened, when it opened one. */
+export type WebSearchItem = ItemBase & { kind: 'webSearch'; query: string; url?: string };
 export type FileChangeItem = ItemBase & {
   kind: 'fileChange';
   changes: { path: string; change: 'add' | 'delete' | 'update'; diff: string }[];

@@ -69,6 +69,8 @@ export const texts = {
   exportCommand: (exitCode: number | null) => (exitCode === null ? '运行命令' : `运行命令（退出码 ${exitCode}）`),
   exportDropped: (count: number) => `（输出过长，省略了 ${count} 个字符）`,
   exportFiles: '修改文件',
+  exportSources: '来源',
+  exportFolder: '文件',
   exportChange: { add: '新增', delete: '删除', update: '修改' },
   exportSearch: (query: string) => `网络搜索：${query}`,
   exportUnfinished: (status: string) => `（这一轮没有完成：${status}）`,

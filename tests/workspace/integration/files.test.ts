@@ -3,8 +3,10 @@
 // a deleted thread's files are gone with it.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { writeFileSync } from 'node:fs';
-import { join } from 'node:path';
+import { execFileSync } from 'node:child_process';
+import { mkdirSync, readdirSync, readFileSync, symlinkSync, writeFileSync } from 'node:fs';
+import { join, relative } from 'node:path';
+import { request as httpRequest } from 'node:http';
 import { texts } from '../../../resources/app/workspace/texts.ts';
 import { fakeCodex, startService, temporaryFolder } from '../../harness/service.ts';
 
@@ -46,6 +48,21 @@ test('files go out typed by their names, sandboxed, never as a page of this orig
     assert.deepEqual([part.status, part.body, part.headers.get('content-range')], [206, 'parent', `bytes 8-13/${script.length}`]);
     assert.equal((await get('page.html', { range: 'bytes=999-' })).status, 416);
     assert.deepEqual((await service.request('GET', `/api/threads/${id}/files`)).body.entries.length, Object.keys(files).length);
+
+    // The whole folder as one archive, which unpacks to the same files; a planted link stays out.
+    const deep = join(folder, '结果', '子 文件夹 '.repeat(12).trim());
+    mkdirSync(deep, { recursive: true });
+    writeFileSync(join(deep, '很长的名字'.repeat(12) + '.bin'), Buffer.alloc(70_000, 5));
+    symlinkSync('/etc/passwd', join(folder, 'passwd'));
+    const archive = await new Promise<Buffer>((resolve) => httpRequest({
+      host: '127.0.0.1', port: service.port, path: `/api/threads/${id}/archive`, headers: { host: `127.0.0.1:${service.port}` },
+    }, async (response) => resolve(Buffer.concat(await response.toArray()))).end());
+    const unpacked = temporaryFolder('lm-unpacked-');
+    execFileSync('tar', ['-xzf', '-', '-C', unpacked], { input: archive });
+    const tree = (root: string) => readdirSync(root, { recursive: true, withFileTypes: true }).filter((entry) => !entry.isDirectory())
+      .map((entry) => join(relative(root, entry.parentPath), entry.name)).sort();
+    assert.deepEqual(tree(unpacked), tree(folder).filter((path) => path !== 'passwd'));
+    for (const path of tree(unpacked)) assert.deepEqual(readFileSync(join(unpacked, path)), readFileSync(join(folder, path)), path);
 
     await service.request('POST', `/api/threads/${id}/delete`, {});
     for (const path of [`/api/threads/${id}/files`, `/api/threads/${id}/file?path=plot.png`]) {

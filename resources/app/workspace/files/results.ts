@@ -121,3 +121,31 @@ export async function openFile(folder: string, path: string): Promise<OpenFile> 
   }
   return { handle, size: opened.size, changedAt: opened.mtimeMs, name: parts.at(-1)! };
 }
+
+/** The paths of the first files below the folder, at most limit of them. */
+export async function filePaths(folder: string, limit: number): Promise<string[]> {
+  const paths: string[] = [];
+  for await (const { path } of everyFile(folder)) {
+    if (paths.push(path) >= limit) break;
+  }
+  return paths;
+}
+
+/**
+ * Every plain file below the folder, by its path relative to it, in order; links, and whatever
+ * they point at, are left out. A folder that cannot be read is skipped.
+ */
+export async function* everyFile(folder: string): AsyncGenerator<{ path: string; absolute: string; stats: Stats }> {
+  const root = await realpath(folder);
+  const pending = [''];
+  while (pending.length > 0) {
+    const relative = pending.shift()!;
+    const names = await readdir(join(root, relative)).catch(() => [] as string[]);
+    for (const name of names.sort()) {
+      const path = relative === '' ? name : `${relative}/${name}`;
+      const stats = await lstat(join(root, path)).catch(() => null);
+      if (stats?.isDirectory()) pending.push(path);
+      else if (stats?.isFile()) yield { path, absolute: join(root, path), stats };
+    }
+  }
+}

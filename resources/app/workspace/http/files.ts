@@ -5,11 +5,13 @@
 // and every answer is sandboxed, so no script in it runs with the page's rights.
 import { extname } from 'node:path';
 import { pipeline } from 'node:stream/promises';
+import { createGzip } from 'node:zlib';
 import type { IncomingMessage, ServerResponse } from 'node:http';
 import { Refusal } from '../refusal.ts';
 import { route, ok, type Route } from './router.ts';
 import { readFields } from './parse.ts';
-import { disposition } from '../research/export.ts';
+import { disposition, exportFileName } from '../research/export.ts';
+import { folderTar } from '../files/archive.ts';
 import { filesAmong, folderPath, listFolder, openFile, type OpenFile } from '../files/results.ts';
 import type { Threads } from '../research/threads.ts';
 
@@ -114,6 +116,18 @@ export function fileRoutes(threads: Threads, openFolder: (path: string) => void)
     // Which of the relative paths a Markdown text names are files here: only those become images and links.
     route('GET', '/api/threads/:id/which', async ({ params, url }) =>
       ok({ files: await filesAmong(folderOf(threads, params.id), url.searchParams.getAll('path').slice(0, ASKED_PATHS)) })),
+    route('GET', '/api/threads/:id/archive', async ({ response, params }) => {
+      const folder = folderOf(threads, params.id);
+      const name = exportFileName(threads.thread(params.id, 1)?.title ?? '', params.id, '.tar.gz');
+      response.writeHead(200, {
+        'Content-Type': 'application/gzip',
+        'Content-Security-Policy': SANDBOX,
+        'X-Content-Type-Options': 'nosniff',
+        'Content-Disposition': disposition('attachment', name, `${params.id}.tar.gz`),
+        'Cache-Control': 'no-store',
+      });
+      await pipeline(folderTar(folder), createGzip(), response);
+    }),
     route('POST', '/api/threads/:id/reveal', async ({ request, params }) => {
       const { path } = await readFields(request);
       openFolder(await folderPath(folderOf(threads, params.id), typeof path === 'string' ? path : ''));

@@ -8,6 +8,10 @@ import { createRouter, created, ok, route, type Handler } from './router.ts';
 import { cursorOf, flagOf, isThreadId, positionOf, questionOf, readFields, readJson, renameOf, signInMethodOf } from './parse.ts';
 import { takeBackFile, uploadFile } from './uploads.ts';
 import { fileRoutes } from './files.ts';
+import { filePaths } from '../files/results.ts';
+
+/** The most files an export links: a folder of many more is one to open, not a list to read. */
+const EXPORTED_FILES = 1000;
 import type { StaticFiles } from './static.ts';
 import { attachment, exportFileName, threadMarkdown } from '../research/export.ts';
 import type { ResearchDesk } from '../research/desk.ts';
@@ -33,11 +37,12 @@ export interface RouteDeps {
 
 /** GET /api/threads/ID/export: the whole thread as one Markdown file. */
 function exportThread(threads: Threads): Handler<'id'> {
-  return ({ response, params }) => {
+  return async ({ response, params }) => {
     const thread = threads.whole(params.id);
     if (!thread) throw new Refusal('noSuchThread');
+    const files = await filePaths(thread.folder, EXPORTED_FILES).catch(() => []);
     // Made whole before the first byte goes out: a deletion meanwhile cannot cut it short.
-    const bytes = Buffer.from(threadMarkdown(thread), 'utf8');
+    const bytes = Buffer.from(threadMarkdown(thread, files), 'utf8');
     response.writeHead(200, {
       ...securityHeaders,
       'Content-Type': 'text/markdown; charset=utf-8',
