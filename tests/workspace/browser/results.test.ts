@@ -46,7 +46,7 @@ test('a turn\'s files: listed as they come, previewed, drawn in the answer, its 
   release();
 
   const figure = turn.locator('img.figure');
-  await page.waitForFunction(() => (document.querySelector('.turn img.figure') as HTMLImageElement | null)?.naturalWidth === 1);
+  await page.waitForFunction("document.querySelector('.turn img.figure')?.naturalWidth === 1");
   assert.equal(await figure.count(), 1, 'a path out of the folder stays text');
   assert.match(await turn.locator('.answer').innerText(), /越界/);
   assert.deepEqual(await turn.locator('.sources a').allTextContents(), ['example.org', '论文']);
@@ -62,7 +62,7 @@ test('a turn\'s files: listed as they come, previewed, drawn in the answer, its 
   assert.deepEqual(await page.locator('.preview-table td').allTextContents(), ['1', '2.5', '第一行\n换行', '2', '4.1', '含,逗号']);
   assert.equal(await page.locator('.preview-table td.number').count(), 4);
   await open('report.md');
-  await page.waitForFunction(() => (document.querySelector('.preview-markdown img.figure') as HTMLImageElement | null)?.naturalWidth === 1);
+  await page.waitForFunction("document.querySelector('.preview-markdown img.figure')?.naturalWidth === 1");
   await open('page.html');
   await page.locator('.preview-body code', { hasText: SCRIPT }).waitFor();
   await open('figure.svg');
