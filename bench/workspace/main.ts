@@ -4,11 +4,11 @@
 // heap; fifty pages on one turn. Prints what it measures as it goes, then one table. Figures only:
 // nothing here fails on timing.
 //
-//   node --experimental-strip-types bench/workspace/main.ts [--only first,long,...] [--quick] [--profile DIR] [--app DIR] [--refill]
+//   node --experimental-strip-types bench/workspace/main.ts [--only first,long,...,files] [--quick] [--profile DIR] [--app DIR] [--refill]
 //
 // fill: make the big store anew (--refill) or report the cached one; list, search, thread, heap:
 // on that store; fifty: 49 event-stream clients and a stalled one on one turn; fifty-tabs: the
-// same with 49 Chromium tabs.
+// same with 49 Chromium tabs; files: a thread's files in the page (results.ts).
 //
 // --app runs another copy of resources/app in place of the shipped one, to compare a change.
 // Uses the fixed port 18765 (the launcher's), so scripts/bench-workspace.sh runs it in a network
@@ -27,8 +27,9 @@ import { openingFigures } from './opening.ts';
 import { filledStore } from './fill.ts';
 import { largeFigures, type LargeSection } from './large.ts';
 import { fiftyFigures } from './fifty.ts';
+import { resultsFigures } from './results.ts';
 
-const SECTIONS = ['first', 'long', 'start', 'memory', 'open', 'fill', 'list', 'search', 'thread', 'heap', 'fifty', 'fifty-tabs'] as const;
+const SECTIONS = ['first', 'long', 'start', 'memory', 'open', 'fill', 'list', 'search', 'thread', 'heap', 'fifty', 'fifty-tabs', 'files'] as const;
 const LARGE: readonly LargeSection[] = ['list', 'search', 'thread', 'heap'];
 type Section = (typeof SECTIONS)[number];
 
@@ -101,6 +102,7 @@ await section(['fill', ...LARGE], async () => {
 });
 await section('fifty', () => fiftyFigures({ clients: 'taps', runs: quick ? 1 : 3, app, log }));
 await section('fifty-tabs', () => fiftyFigures({ clients: 'tabs', runs: 1, app, log }));
+await section('files', () => resultsFigures({ runs: quick ? 2 : 5, app, log }));
 
 log(`load average after: ${load()}`);
 console.log();

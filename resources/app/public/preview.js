@@ -15,8 +15,8 @@ import { resolveLocal } from './localFiles.js';
 
 /** How much of a file is read for a preview: enough for many screens, never a whole large file. */
 const TEXT_BYTES = 1 << 20;
-const TABLE_BYTES = 256 << 10;
-const TABLE_ROWS = 500;
+const TABLE_BYTES = 64 << 10;
+const TABLE_ROWS = 200;
 /** Colouring costs a pass over the whole text: a longer one is shown plain. */
 const COLOUR_BYTES = 200 << 10;
 /** Levels of a JSON tree open at first. */
