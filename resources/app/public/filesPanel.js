@@ -71,7 +71,8 @@ export class FilesPanel {
     this.#toggle.hidden = thread === null;
     if (thread) /** @type {HTMLAnchorElement} */ (byId('files-archive')).href = `${filesPath(thread)}/archive`;
     if (thread === null) this.#show(false);
-    this.running(running);
+    this.#running = running;
+    this.#watch();
     this.refresh();
   }
 

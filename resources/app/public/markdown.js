@@ -48,8 +48,9 @@ export function createMarkdown() {
     for (const inline of state.tokens) {
       const children = inline.children ?? [];
       for (const [index, token] of children.entries()) {
-        const href = token.attrGet?.('href') ?? '';
-        if (token.type !== 'link_open' || isWebAddress(href)) continue;
+        if (token.type !== 'link_open') continue;
+        const href = token.attrGet('href') ?? '';
+        if (isWebAddress(href)) continue;
         token.attrs = isRelativePath(href) ? [['data-local', href]] : null;
         if (!token.attrs) continue;
         token.tag = 'span';

@@ -310,9 +310,10 @@ export class ThreadView {
       const question = node.appendChild(element('div', 'question', head.question));
       question.setAttribute('dir', 'auto');
       if (head.attachments) node.append(attachmentList(head.attachments));
+      const items = node.appendChild(element('div', 'items'));
       const sources = new TurnSources();
-      parts = { node, items: node.appendChild(element('div', 'items')), sources, foot: node.appendChild(element('div', 'turn-foot')), head };
-      parts.foot.before(sources.node);
+      node.append(sources.node);
+      parts = { node, items, sources, foot: node.appendChild(element('div', 'turn-foot')), head };
       this.#turns.set(head.id, parts);
     }
     parts.head = head;

@@ -112,7 +112,6 @@ export async function listFolder(folder: string, path: string, spans: readonly T
 export interface OpenFile {
   handle: FileHandle;
   size: number;
-  changedAt: number;
   name: string;
 }
 
@@ -134,7 +133,7 @@ export async function openFile(folder: string, path: string): Promise<OpenFile> 
     await handle.close();
     throw new Refusal('noSuchFile');
   }
-  return { handle, size: opened.size, changedAt: opened.mtimeMs, name: parts.at(-1)! };
+  return { handle, size: opened.size, name: parts.at(-1)! };
 }
 
 /** The paths of the first files below the folder, at most limit of them. */

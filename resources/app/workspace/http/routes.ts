@@ -9,9 +9,6 @@ import { cursorOf, flagOf, isThreadId, positionOf, questionOf, readFields, readJ
 import { takeBackFile, uploadFile } from './uploads.ts';
 import { fileRoutes } from './files.ts';
 import { filePaths } from '../files/results.ts';
-
-/** The most files an export links: a folder of many more is one to open, not a list to read. */
-const EXPORTED_FILES = 1000;
 import type { StaticFiles } from './static.ts';
 import { attachment, exportFileName, threadMarkdown } from '../research/export.ts';
 import type { ResearchDesk } from '../research/desk.ts';
@@ -20,6 +17,9 @@ import type { AccountDesk } from '../account/accountDesk.ts';
 import type { Models } from '../codex/models.ts';
 import type { UploadFolders } from '../files/uploads.ts';
 import type { Choice } from '../model.ts';
+
+/** The most files an export links: a folder of many more is one to open, not a list to read. */
+const EXPORTED_FILES = 1000;
 
 export interface RouteDeps {
   desk: ResearchDesk;
