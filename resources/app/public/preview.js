@@ -19,6 +19,8 @@ const TABLE_BYTES = 64 << 10;
 const TABLE_ROWS = 200;
 /** Colouring costs a pass over the whole text: a longer one is shown plain. */
 const COLOUR_BYTES = 200 << 10;
+/** A notebook keeps its figures inside it: read whole up to this. */
+const NOTEBOOK_BYTES = 16 << 20;
 /** Levels of a JSON tree open at first. */
 const OPEN_LEVELS = 2;
 
@@ -113,7 +115,8 @@ export class Preview {
     }
     if (extension === 'md' || extension === 'markdown') return this.#markdown(thread, path, url);
     if (extension === 'csv' || extension === 'tsv') return this.#table(url, extension === 'tsv' ? '\t' : ',');
-    if (extension === 'json' || extension === 'ipynb') return this.#json(url);
+    if (extension === 'ipynb') return this.#notebook(url);
+    if (extension === 'json') return this.#json(url);
     if (TEXTS.has(extension)) return this.#code(url, LANGUAGES[extension] ?? '');
     this.#note.textContent = texts.noPreview;
     return document.createDocumentFragment();
@@ -173,6 +176,32 @@ export class Preview {
     return box;
   }
 
+  /** A notebook, read only: its Markdown drawn as answers are, its code and its outputs' text and images. @param {string} url */
+  async #notebook(url) {
+    const read = await this.#read(url, NOTEBOOK_BYTES);
+    /** @type {{ cells?: NotebookCell[], metadata?: { kernelspec?: { language?: string } } }} */
+    let notebook;
+    try {
+      notebook = JSON.parse(read.text);
+    } catch {
+      this.#note.textContent = texts.notJsonFile;
+      return this.#code(url, 'json');
+    }
+    const language = notebook.metadata?.kernelspec?.language ?? 'python';
+    const article = element('article', 'markdown preview-markdown');
+    for (const cell of notebook.cells ?? []) {
+      if (cell.cell_type === 'markdown') {
+        article.append(safeFragment(this.#md.render(joined(cell.source))));
+        continue;
+      }
+      const code = element('code', `language-${language}`, joined(cell.source));
+      article.appendChild(element('div', 'code-block')).appendChild(element('pre')).append(code);
+      for (const output of cell.outputs ?? []) article.append(outputOf(output));
+    }
+    this.#colours.watch(article);
+    return article;
+  }
+
   /** @param {string} url */
   async #json(url) {
     const read = await this.#read(url);
@@ -184,6 +213,25 @@ export class Preview {
       return this.#code(url, 'json');
     }
   }
+}
+
+/** @typedef {{ cell_type: string, source: string | string[], outputs?: NotebookOutput[] }} NotebookCell */
+/** @typedef {{ output_type: string, text?: string | string[], data?: Record<string, string | string[]>, ename?: string, evalue?: string }} NotebookOutput */
+
+/** A notebook's text: a string, or the list of lines it is kept as. @param {string | string[] | undefined} text */
+const joined = (text) => (Array.isArray(text) ? text.join('') : text ?? '');
+
+/** A code cell's output as text, or as the PNG or JPEG image it holds. @param {NotebookOutput} output @returns {Node} */
+function outputOf(output) {
+  const data = output.data ?? {};
+  for (const type of ['image/png', 'image/jpeg']) {
+    if (!data[type]) continue;
+    const image = element('img', 'preview-image');
+    image.src = `data:${type};base64,${joined(data[type]).replace(/\s/g, '')}`;
+    return image;
+  }
+  const text = output.output_type === 'error' ? `${output.ename}: ${output.evalue}` : joined(output.text ?? data['text/plain']);
+  return element('pre', 'notebook-output', text);
 }
 
 /** A JSON value as a tree whose objects and arrays fold. @param {unknown} value @param {number} level @returns {Node} */

@@ -22,6 +22,7 @@ const COMMAND = [
   `printf '# 报告\\n\\n![图](plot.png)\\n' > report.md`,
   `printf '%s' '${SCRIPT}' > page.html`,
   `printf '%s' '<svg xmlns="http://www.w3.org/2000/svg">${SCRIPT}</svg>' > figure.svg`,
+  `printf 'a,b\\n1,"no end\\n' > broken.csv`,
 ].join(' && ');
 
 /** Every file below a folder, by its relative path. */
@@ -61,6 +62,8 @@ test('a turn\'s files: listed as they come, previewed, drawn in the answer, its 
   await page.locator('.preview-table').waitFor();
   assert.deepEqual(await page.locator('.preview-table td').allTextContents(), ['1', '2.5', '第一行\n换行', '2', '4.1', '含,逗号']);
   assert.equal(await page.locator('.preview-table td.number').count(), 4);
+  await open('broken.csv');
+  await page.locator('#preview-note', { hasText: '表格有格式问题' }).waitFor();
   await open('report.md');
   await page.waitForFunction("document.querySelector('.preview-markdown img.figure')?.naturalWidth === 1");
   await open('page.html');

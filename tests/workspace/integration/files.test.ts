@@ -47,6 +47,9 @@ test('files go out typed by their names, sandboxed, never as a page of this orig
     const part = await get('page.html', { range: 'bytes=8-13' });
     assert.deepEqual([part.status, part.body, part.headers.get('content-range')], [206, 'parent', `bytes 8-13/${script.length}`]);
     assert.equal((await get('page.html', { range: 'bytes=999-' })).status, 416);
+    // Listed, then deleted before it is read: said in a sentence.
+    const gone = await get('deleted meanwhile.txt');
+    assert.deepEqual([gone.status, gone.body.error], [404, texts.noSuchFile]);
     assert.deepEqual((await service.request('GET', `/api/threads/${id}/files`)).body.entries.length, Object.keys(files).length);
 
     // The whole folder as one archive, which unpacks to the same files; a planted link stays out.
