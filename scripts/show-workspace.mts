@@ -8,7 +8,7 @@ import { tmpdir } from 'node:os';
 import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type ResponsesRequest } from '../tests/harness/standin.ts';
 import { Launcher, Sandbox, WORKSPACE } from '../tests/harness/launcher.ts';
 import { launchBrowser, openPage, type Page } from '../tests/harness/browser.ts';
-import { SOURCE } from '../tests/harness/service.ts';
+import { SOURCE, until } from '../tests/harness/service.ts';
 import { startSignInStandIn } from '../tests/harness/signin-standin.ts';
 
 const shots = join(SOURCE, 'docs/screenshots');
@@ -141,7 +141,7 @@ try {
   await answered(page, '拟合 data.csv 里的数据，画图并写一份报告');
   await page.click('#files-toggle');
   await page.locator('.file-row', { hasText: 'report.md' }).waitFor();
-  await page.waitForFunction("document.querySelector('.turn img.figure')?.complete");
+  await until('the figure drawn', () => page.evaluate("document.querySelector('.turn img.figure')?.complete"));
   await page.locator('#question').blur();
   await page.screenshot({ path: join(shots, 'workspace-files.png') });
   await page.locator('.file-row', { hasText: 'data.csv' }).click();

@@ -73,6 +73,10 @@ export class Preview {
     this.#md = md;
     this.#colours = colours;
     byId('preview-close').addEventListener('click', () => this.#dialog.close());
+    // Esc closes the preview, and only that: reaching the page's keys it would stop a running turn.
+    this.#dialog.addEventListener('keydown', (event) => {
+      if (event.key === 'Escape') event.stopPropagation();
+    });
     this.#dialog.addEventListener('close', () => {
       this.#shown += 1;
       this.#body.replaceChildren();
@@ -86,7 +90,6 @@ export class Preview {
     this.#note.textContent = '';
     this.#download.href = fileUrl(thread, path, true);
     this.#body.replaceChildren();
-    this.#body.className = 'preview-body';
     if (!this.#dialog.open) this.#dialog.showModal();
     try {
       const drawn = await this.#draw(thread, path);

@@ -12,7 +12,7 @@ import { commandOutput } from '../../harness/standin.ts';
 import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
 import { ask, world } from '../../harness/world.ts';
 import { openPage } from '../../harness/browser.ts';
-import { temporaryFolder } from '../../harness/service.ts';
+import { temporaryFolder, until } from '../../harness/service.ts';
 
 const PNG = 'iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mP8z8BQDwAEhQGAhKmMIQAAAABJRU5ErkJggg==';
 const SCRIPT = '<script>top.document.title = "ran"</script>';
@@ -38,6 +38,8 @@ test('a turn\'s files: listed as they come, previewed, drawn in the answer, its 
     : { steps: [{ text: ['拟合完成。', '\n\n![图](plot.png) 与 ![越界](../../workspace.db)\n\n参考 [论文](https://example.com/paper)。'], holdAfter: { index: 0, until: seen } }] }));
   const launcher = await Launcher.ready(sandbox);
   const { page, problems } = await openPage(browser, WORKSPACE);
+  // Asked from here: the page's policy refuses the eval a polling in the page would need.
+  const drawn = (selector: string) => until(`${selector} drawn`, () => page.evaluate(`document.querySelector(${JSON.stringify(selector)})?.naturalWidth === 1`));
 
   const turn = await ask(page, '拟合这些数据并画图');
   await page.click('#files-toggle');
@@ -47,7 +49,7 @@ test('a turn\'s files: listed as they come, previewed, drawn in the answer, its 
   release();
 
   const figure = turn.locator('img.figure');
-  await page.waitForFunction("document.querySelector('.turn img.figure')?.naturalWidth === 1");
+  await drawn('.turn img.figure');
   assert.equal(await figure.count(), 1, 'a path out of the folder stays text');
   assert.match(await turn.locator('.answer').innerText(), /越界/);
   assert.deepEqual(await turn.locator('.sources a').allTextContents(), ['example.org', '论文']);
@@ -65,7 +67,7 @@ test('a turn\'s files: listed as they come, previewed, drawn in the answer, its 
   await open('broken.csv');
   await page.locator('#preview-note', { hasText: '表格有格式问题' }).waitFor();
   await open('report.md');
-  await page.waitForFunction("document.querySelector('.preview-markdown img.figure')?.naturalWidth === 1");
+  await drawn('.preview-markdown img.figure');
   await open('page.html');
   await page.locator('.preview-body code', { hasText: SCRIPT }).waitFor();
   await open('figure.svg');
