@@ -3,10 +3,12 @@
 // byte ranges a reader may ask for.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { mkdirSync, symlinkSync, utimesSync, writeFileSync } from 'node:fs';
+import { appendFileSync, mkdirSync, symlinkSync, utimesSync, writeFileSync } from 'node:fs';
+import { createServer } from 'node:http';
+import { once } from 'node:events';
 import { join } from 'node:path';
 import { filesAmong, listFolder, openFile } from '../../../resources/app/workspace/files/results.ts';
-import { rangeOf } from '../../../resources/app/workspace/http/files.ts';
+import { rangeOf, send } from '../../../resources/app/workspace/http/files.ts';
 import { Refusal } from '../../../resources/app/workspace/refusal.ts';
 import { temporaryFolder } from '../../harness/service.ts';
 
@@ -85,5 +87,21 @@ test('a byte range is served as asked, the whole file when it cannot be read, an
       outcome = reason(error);
     }
     assert.equal(outcome, expected, `${header} of ${size}`);
+  }
+});
+
+test('a file still being written is sent as it was when it was opened, its stated length kept', async () => {
+  const { folder } = threads();
+  const server = createServer(async (request, response) => {
+    const file = await openFile(folder, 'data.csv');
+    appendFileSync(join(folder, 'data.csv'), '3,4\n'.repeat(1000));
+    await send(request, response, file, false);
+  }).listen(0, '127.0.0.1');
+  await once(server, 'listening');
+  try {
+    const answer = await fetch(`http://127.0.0.1:${(server.address() as import('node:net').AddressInfo).port}/`);
+    assert.deepEqual([answer.headers.get('content-length'), await answer.text()], ['8', 'x,y\n1,2\n']);
+  } finally {
+    server.close();
   }
 });

@@ -63,7 +63,8 @@ export function rangeOf(header: string | undefined, size: number): { start: numb
   return { start, end: to === '' ? size - 1 : Math.min(Number(to), size - 1) };
 }
 
-async function send(request: IncomingMessage, response: ServerResponse, file: OpenFile, download: boolean): Promise<void> {
+/** Sends the open file, or the range of it asked for, as its name says it goes out. */
+export async function send(request: IncomingMessage, response: ServerResponse, file: OpenFile, download: boolean): Promise<void> {
   let range: { start: number; end: number } | null;
   try {
     range = rangeOf(request.headers.range, file.size);
