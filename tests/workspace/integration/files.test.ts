@@ -24,14 +24,11 @@ test('files go out typed by their names, sandboxed, never as a page of this orig
     const get = (path: string, headers: Record<string, string> = {}) =>
       service.request('GET', `/api/threads/${id}/file?${new URLSearchParams({ path })}`, undefined, headers);
 
+    const text = 'text/plain; charset=utf-8';
     const rows: [string, string, string][] = [
-      ['page.html', 'text/plain; charset=utf-8', 'inline'],
-      ['figure.svg', 'image/svg+xml', 'attachment'],
-      ['plot.png', 'image/png', 'inline'],
-      ['paper.pdf', 'application/pdf', 'inline'],
-      ['blob.bin', 'application/octet-stream', 'attachment'],
-      ['report 报告 #?%.md', 'text/plain; charset=utf-8', 'inline'],
-      ['empty.csv', 'text/plain; charset=utf-8', 'inline'],
+      ['page.html', text, 'inline'], ['figure.svg', 'image/svg+xml', 'attachment'], ['plot.png', 'image/png', 'inline'],
+      ['paper.pdf', 'application/pdf', 'inline'], ['blob.bin', 'application/octet-stream', 'attachment'],
+      ['report 报告 #?%.md', text, 'inline'], ['empty.csv', text, 'inline'],
     ];
     for (const [name, type, disposition] of rows) {
       const answer = await get(name);
@@ -50,7 +47,6 @@ test('files go out typed by their names, sandboxed, never as a page of this orig
     // Listed, then deleted before it is read: said in a sentence.
     const gone = await get('deleted meanwhile.txt');
     assert.deepEqual([gone.status, gone.body.error], [404, texts.noSuchFile]);
-    assert.deepEqual((await service.request('GET', `/api/threads/${id}/files`)).body.entries.length, Object.keys(files).length);
 
     // The whole folder as one archive, which unpacks to the same files; a planted link stays out.
     const deep = join(folder, '结果', '子 文件夹 '.repeat(12).trim());
