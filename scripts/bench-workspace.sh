@@ -6,7 +6,7 @@
 # 2,000-item thread scrolled to its top and the page's heap; fifty pages on one running turn. The
 # real Codex answers through a stand-in model on loopback; the page is the real one in Debian's
 # Chromium. Figures only: nothing here fails on timing, and none of it runs in scripts/test.sh.
-#   scripts/bench-workspace.sh [--only first,long,start,memory,open,fill,list,search,thread,heap,fifty,fifty-tabs,branch,steer]
+#   scripts/bench-workspace.sh [--only first,long,start,memory,open,fill,list,search,thread,heap,fifty,fifty-tabs,branch,steer,files]
 #                              [--quick] [--profile DIR] [--app DIR] [--refill]
 # Uses the launcher already built in build/ (or LM_BUILD_DIR); runs in a network namespace of its
 # own, because the launcher's port is fixed and the benchmark must not meet anything else on it.

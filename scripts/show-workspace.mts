@@ -1,12 +1,14 @@
 // Screenshots of the workspace for the README, made the way a user sees it: the real launcher,
 // the real Codex answering through the stand-in model, Debian's Chromium. Run by
 // scripts/show-workspace.sh, which gives it a network namespace of its own.
-import { mkdirSync } from 'node:fs';
 import { join } from 'node:path';
+import { execFileSync } from 'node:child_process';
+import { mkdirSync, mkdtempSync } from 'node:fs';
+import { tmpdir } from 'node:os';
 import { codexHome, commandOutput, lastQuestion, reply, startStandIn, type ResponsesRequest } from '../tests/harness/standin.ts';
 import { Launcher, Sandbox, WORKSPACE } from '../tests/harness/launcher.ts';
 import { launchBrowser, openPage, type Page } from '../tests/harness/browser.ts';
-import { SOURCE } from '../tests/harness/service.ts';
+import { SOURCE, until } from '../tests/harness/service.ts';
 import { startSignInStandIn } from '../tests/harness/signin-standin.ts';
 
 const shots = join(SOURCE, 'docs/screenshots');
@@ -52,11 +54,35 @@ print(circle_area(2.0))  # 12.566...
 ${'```'}
 `;
 
+// A small analysis: a command writes the data, the fit, a report and the figure (drawn here with
+// ImageMagick, copied in by the command), and the answer shows the figure and cites a page.
+const made = mkdtempSync(join(tmpdir(), 'lm-figure-'));
+const points = Array.from({ length: 40 }, (_, i) => [i + 1, 2.1 * (i + 1) + 0.3 + Math.sin(i + 1) * 1.5] as const);
+const toX = (x: number) => 50 + x * 13;
+const toY = (y: number) => 330 - y * 3.4;
+execFileSync('convert', ['-size', '620x360', 'xc:white', '-stroke', '#888', '-draw', 'line 50,330 600,330', '-draw', 'line 50,330 50,20',
+  '-stroke', '#1f3a5f', '-strokewidth', '3', '-draw', `line ${toX(0)},${toY(0.3)} ${toX(41)},${toY(2.1 * 41 + 0.3)}`, '-strokewidth', '1',
+  '-stroke', '#b36b00', '-fill', '#d99a1e', ...points.flatMap(([x, y]) => ['-draw', `circle ${toX(x)},${toY(y)} ${toX(x) + 4},${toY(y)}`]),
+  join(made, 'plot.png')]);
+const ANALYSIS = [
+  `cp ${join(made, 'plot.png')} plot.png`,
+  `awk 'BEGIN { print "x,y,拟合值,残差"; for (i = 1; i <= 40; i++) { y = 2.1 * i + 0.3 + sin(i) * 1.5; f = 2.1 * i + 0.3; printf "%d,%.3f,%.3f,%.3f\\n", i, y, f, y - f } }' > data.csv`,
+  `printf 'import numpy as np\\n\\ndata = np.loadtxt("data.csv", delimiter=",", skiprows=1)\\nprint(np.polyfit(data[:, 0], data[:, 1], 1))\\n' > fit.py`,
+  `printf '# 拟合报告\\n\\n线性拟合 $y = 2.1x + 0.3$，残差在 ±1.5 以内。\\n\\n![拟合结果](plot.png)\\n\\n数据见 [data.csv](data.csv)。\\n' > report.md`,
+].join(' && ');
+const FIT_ANSWER = '拟合完成：斜率 **2.1**，截距 **0.3**，残差在 ±1.5 以内。\n\n![拟合结果](plot.png)\n\n'
+  + '完整的报告在 [report.md](report.md)，数据在 [data.csv](data.csv)。方法参考 [最小二乘法](https://example.com/least-squares)。\n';
+
 // A long turn waits after its first words until the pictures of it are taken.
 let release = () => {};
 const held = new Promise<void>((resolve) => { release = resolve; });
 
 function script(request: ResponsesRequest) {
+  if (lastQuestion(request).includes('画图并写一份报告')) {
+    return commandOutput(request) === null
+      ? { steps: [{ openedPage: 'https://example.org/data' }, { command: ANALYSIS }] }
+      : reply.answer(FIT_ANSWER.match(/[^\n]*\n?/g)!.filter(Boolean), 20);
+  }
   if (commandOutput(request) !== null && lastQuestion(request).includes('pandas')) return reply.answer('没有得到联网的允许，改用标准库读取。');
   if (lastQuestion(request).includes('pandas')) {
     return { steps: [{ command: 'pip install --user pandas', escalate: '需要联网下载 Python 包 pandas，用来读取实验数据。' }] };
@@ -134,6 +160,21 @@ try {
   await page.click('#menu');
   await page.waitForTimeout(300);
   await page.screenshot({ path: join(shots, 'workspace-narrow-list.png') });
+
+  // A small analysis: its files beside the thread, its figure in the answer, its table previewed.
+  await page.setViewportSize({ width: 1280, height: 860 });
+  await page.locator('#keys summary').click();
+  await page.click('#new-thread');
+  await page.locator('#welcome').waitFor();
+  await answered(page, '拟合 data.csv 里的数据，画图并写一份报告');
+  await page.click('#files-toggle');
+  await page.locator('.file-row', { hasText: 'report.md' }).waitFor();
+  await until('the figure drawn', () => page.evaluate("document.querySelector('.turn img.figure')?.complete"));
+  await page.locator('#question').blur();
+  await page.screenshot({ path: join(shots, 'workspace-files.png') });
+  await page.locator('.file-row', { hasText: 'data.csv' }).click();
+  await page.locator('.preview-table').waitFor();
+  await page.screenshot({ path: join(shots, 'workspace-csv.png') });
   await launcher.quit();
 
   // A thread branched at its first turn, and in it a running turn given guidance, with a question queued behind it.
@@ -181,4 +222,4 @@ try {
   await browser.close();
   await standIn.close();
 }
-console.log(`saved workspace-thread, -search, -approval, -own-folder, -branch, -reading-light, -reading-dark, -narrow, -narrow-list, -signed-out and -signed-in in ${shots}`);
+console.log(`saved workspace-thread, -search, -approval, -own-folder, -branch, -reading-light, -reading-dark, -narrow, -narrow-list, -files, -csv, -signed-out and -signed-in in ${shots}`);

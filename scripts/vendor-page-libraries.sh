@@ -13,13 +13,15 @@ markdown_it=15.0.3
 dompurify=3.4.18
 katex=0.19.1
 highlight=11.12.0
+papaparse=5.7.1
 
 npm install --no-save --no-audit --no-fund --no-package-lock --loglevel=error --prefix "$work" \
-  "markdown-it@$markdown_it" "dompurify@$dompurify" "katex@$katex" "@highlightjs/cdn-assets@$highlight"
+  "markdown-it@$markdown_it" "dompurify@$dompurify" "katex@$katex" "@highlightjs/cdn-assets@$highlight" \
+  "papaparse@$papaparse"
 modules="$work/node_modules"
 
 rm -rf "$vendor"
-mkdir -p "$vendor/markdown-it" "$vendor/dompurify" "$vendor/katex" "$vendor/highlight.js"
+mkdir -p "$vendor/markdown-it" "$vendor/dompurify" "$vendor/katex" "$vendor/highlight.js" "$vendor/papaparse"
 cp "$modules/markdown-it/dist/browser/markdown-it.esm.min.mjs" "$vendor/markdown-it/"
 cp "$modules/markdown-it/LICENSE" "$vendor/markdown-it/LICENSE.txt"
 # The browser bundle carries these packages inside it.
@@ -38,10 +40,14 @@ cp "$modules/@highlightjs/cdn-assets/es/highlight.min.js" "$vendor/highlight.js/
 cp "$modules/@highlightjs/cdn-assets/styles/github.min.css" "$vendor/highlight.js/"
 cp "$modules/@highlightjs/cdn-assets/styles/github-dark.min.css" "$vendor/highlight.js/"
 cp "$modules/@highlightjs/cdn-assets/LICENSE" "$vendor/highlight.js/LICENSE.txt"
+# CSV and TSV previews. Its bundle is a script that sets a global, not a module: the page loads it
+# with a script element when the first table is previewed.
+cp "$modules/papaparse/papaparse.min.js" "$vendor/papaparse/"
+cp "$modules/papaparse/LICENSE" "$vendor/papaparse/LICENSE.txt"
 
 {
   echo "The page's libraries, as fetched by scripts/vendor-page-libraries.sh (not edited):"
-  for package in markdown-it entities linkify-it mdurl uc.micro punycode.js dompurify katex @highlightjs/cdn-assets; do
+  for package in markdown-it entities linkify-it mdurl uc.micro punycode.js dompurify katex @highlightjs/cdn-assets papaparse; do
     node -e "const p=require('$modules/$package/package.json'); console.log('- ' + p.name + ' ' + p.version + ' (' + (p.license || '') + ')')"
   done
 } >"$vendor/VERSIONS.txt"

@@ -4,12 +4,12 @@
 // heap; fifty pages on one turn; a branch of a 500-turn thread and guidance for a running turn. Prints what it measures as it goes, then one table. Figures only:
 // nothing here fails on timing.
 //
-//   node --experimental-strip-types bench/workspace/main.ts [--only first,long,...] [--quick] [--profile DIR] [--app DIR] [--refill]
+//   node --experimental-strip-types bench/workspace/main.ts [--only first,long,...,files] [--quick] [--profile DIR] [--app DIR] [--refill]
 //
 // fill: make the big store anew (--refill) or report the cached one; list, search, thread, heap:
 // on that store; fifty: 49 event-stream clients and a stalled one on one turn; fifty-tabs: the
 // same with 49 Chromium tabs; branch: a 500-turn thread branched, with an empty and a 1 GiB folder;
-// steer: guidance sent → the model's request carrying it.
+// steer: guidance sent → the model's request carrying it; files: a thread's files in the page (results.ts).
 //
 // --app runs another copy of resources/app in place of the shipped one, to compare a change.
 // Uses the fixed port 18765 (the launcher's), so scripts/bench-workspace.sh runs it in a network
@@ -29,8 +29,9 @@ import { filledStore } from './fill.ts';
 import { largeFigures, type LargeSection } from './large.ts';
 import { fiftyFigures } from './fifty.ts';
 import { iterateFigures } from './iterate.ts';
+import { resultsFigures } from './results.ts';
 
-const SECTIONS = ['first', 'long', 'start', 'memory', 'open', 'fill', 'list', 'search', 'thread', 'heap', 'fifty', 'fifty-tabs', 'branch', 'steer'] as const;
+const SECTIONS = ['first', 'long', 'start', 'memory', 'open', 'fill', 'list', 'search', 'thread', 'heap', 'fifty', 'fifty-tabs', 'branch', 'steer', 'files'] as const;
 const LARGE: readonly LargeSection[] = ['list', 'search', 'thread', 'heap'];
 type Section = (typeof SECTIONS)[number];
 
@@ -107,6 +108,7 @@ await section(['branch', 'steer'], () => iterateFigures({
   sections: new Set((['branch', 'steer'] as const).filter((name) => wanted.has(name))),
   turns: quick ? 50 : 500, branchRuns: quick ? 1 : 3, steers: quick ? 5 : 20, app, log,
 }));
+await section('files', () => resultsFigures({ runs: quick ? 2 : 5, app, log }));
 
 log(`load average after: ${load()}`);
 console.log();

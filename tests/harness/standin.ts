@@ -22,7 +22,10 @@ export type Step =
   | { text: string[]; gapMs?: number; holdAfter?: { index: number; until: Promise<void> } }
   | { reasoning: string }
   /** A shell command; with `escalate`, run outside the sandbox once a person allows it, for that reason. */
-  | { command: string; escalate?: string };
+  | { command: string; escalate?: string }
+
+  /** A web search the model made, opening this page. */
+  | { openedPage: string };
 
 export type Script = (request: ResponsesRequest, index: number) => Reply;
 
@@ -90,6 +93,11 @@ export async function startStandIn(script: Script): Promise<StandIn> {
         send('response.reasoning_summary_part.added', { item_id: `rs_${id}`, output_index: output, summary_index: 0, part: { type: 'summary_text', text: '' } });
         send('response.reasoning_summary_text.delta', { item_id: `rs_${id}`, output_index: output, summary_index: 0, delta: step.reasoning });
         send('response.output_item.done', { output_index: output, item: { type: 'reasoning', id: `rs_${id}`, summary: [{ type: 'summary_text', text: step.reasoning }] } });
+        output += 1;
+      } else if ('openedPage' in step) {
+        send('response.output_item.done', {
+          output_index: output, item: { type: 'web_search_call', id: `ws_${id}`, status: 'completed', action: { type: 'open_page', url: step.openedPage } },
+        });
         output += 1;
       } else {
         send('response.output_item.done', {

@@ -65,6 +65,18 @@ export async function download(path) {
   setTimeout(() => URL.revokeObjectURL(url), 60_000);
 }
 
+/**
+ * The start of a file as text, at most limit bytes of it; whole says whether that was all of it.
+ * A multi-byte character cut at the limit reads as one replacement character at the end.
+ * @param {string} path @param {number} limit @returns {Promise<{ text: string, whole: boolean, size: number }>}
+ */
+export async function getText(path, limit) {
+  const answer = await request(path, { headers: { Range: `bytes=0-${limit - 1}` } });
+  const bytes = await whole(answer.arrayBuffer());
+  const size = Number(/\/(\d+)$/.exec(answer.headers.get('Content-Range') ?? '')?.[1] ?? bytes.byteLength);
+  return { text: new TextDecoder().decode(bytes), whole: bytes.byteLength >= size, size };
+}
+
 /** The address of the service's event stream. @param {URLSearchParams} query */
 export function eventsUrl(query) {
   const search = query.toString();

@@ -17,12 +17,19 @@ import { ApprovalCards } from './approvalCards.js';
 import { PermissionPicker } from './permissionPicker.js';
 import { Notices } from './notices.js';
 import { OwnFolder } from './ownFolder.js';
+import { FilesPanel } from './filesPanel.js';
+import { Preview } from './preview.js';
+import { CodeColours } from './code.js';
 
 fillTexts();
 const md = createMarkdown();
 const rules = () => controller.rules;
+const preview = new Preview(md, new CodeColours());
+/** @param {string} thread @param {string} path */
+const openFile = (thread, path) => void preview.show(thread, path);
 const controller = new Controller({
-  thread: new ThreadView(md, rules),
+  thread: new ThreadView(md, rules, openFile),
+  files: new FilesPanel(openFile),
   ask: new AskView(),
   service: new ServiceView(),
   list: new ThreadList(byId('threads')),

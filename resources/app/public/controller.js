@@ -23,6 +23,7 @@ import { texts } from './texts.js';
  *   approvals: import('./approvalCards.js').ApprovalCards, permission: import('./permissionPicker.js').PermissionPicker,
  *   notices: import('./notices.js').Notices, ownFolder: import('./ownFolder.js').OwnFolder,
  *   queue: import('./queueView.js').QueueView,
+ *   files: import('./filesPanel.js').FilesPanel,
  * }} Views
  */
 /** A page of turns and whether more lie beyond it, drawn ahead. @typedef {{ prepared: Prepared, more: boolean }} Page */
@@ -170,6 +171,7 @@ export class Controller {
     views.queue.show(thread?.queued ?? [], thread?.running ?? false);
     views.attachments.reset(thread?.id ?? null);
     views.picker.show(thread);
+    views.files.thread(thread?.id ?? null, thread?.running ?? false);
     views.approvals.show(thread?.id ?? null, thread?.approvals ?? []);
     views.permission.show(thread?.id ?? null, thread?.permission ?? 'write');
   }
@@ -208,6 +210,7 @@ export class Controller {
         if (event.thread.id !== state.open) return;
         views.thread.summary(event.thread);
         this.#running(event.thread.running);
+        views.files.running(event.thread.running);
         return;
       case 'threadUsage':
         if (event.threadId === state.open) views.thread.usage(event.usage);

@@ -9,7 +9,7 @@ import { texts } from './texts.js';
 /** @typedef {ReturnType<typeof markdownit>} Markdown */
 /**
  * @typedef {{
- *   type: string, content: string, info: string, attrs: [string, string][] | null, children: Token[] | null,
+ *   type: string, tag: string, content: string, info: string, attrs: [string, string][] | null, children: Token[] | null,
  *   attrGet(name: string): string | null, attrJoin(name: string, value: string): void,
  * }} Token
  */
@@ -30,6 +30,12 @@ function codeBlockHtml(escape, code, language) {
  */
 export const isWebAddress = (href) => /^https?:/i.test(href);
 
+/**
+ * A path with no scheme that does not start at a root: maybe a file of the thread's folder, which
+ * localFiles.js finds out once the Markdown is drawn. @param {string} href
+ */
+const isRelativePath = (href) => href !== '' && !/^[a-z][a-z\d+.-]*:/i.test(href) && !/^[/\\#?]/.test(href);
+
 /** The page's Markdown: no raw HTML from answers, links made clickable, images shown as links. */
 export function createMarkdown() {
   const md = markdownit({ html: false, linkify: true, breaks: false });
@@ -37,10 +43,20 @@ export function createMarkdown() {
   // Every link target is accepted here and refused below unless it is a web address: a refused
   // one then reads as its words, where markdown-it's own refusal would leave its source showing.
   md.validateLink = () => true;
+  // A relative path becomes a marked span, which the page makes a link once it knows the file is there.
   md.core.ruler.push('web_links_only', (/** @type {{ tokens: Token[] }} */ state) => {
     for (const inline of state.tokens) {
-      for (const token of inline.children ?? []) {
-        if (token.type === 'link_open' && !isWebAddress(token.attrGet('href') ?? '')) token.attrs = null;
+      const children = inline.children ?? [];
+      for (const [index, token] of children.entries()) {
+        if (token.type !== 'link_open') continue;
+        const href = token.attrGet('href') ?? '';
+        if (isWebAddress(href)) continue;
+        token.attrs = isRelativePath(href) ? [['data-local', href]] : null;
+        if (!token.attrs) continue;
+        token.tag = 'span';
+        // Links do not nest: the next close is this one's.
+        const close = children.slice(index).find((each) => each.type === 'link_close');
+        if (close) close.tag = 'span';
       }
     }
   });
@@ -54,12 +70,14 @@ export function createMarkdown() {
       token.attrJoin('class', `align-${align}`);
     }
   });
-  // The page loads nothing from elsewhere; an image in an answer becomes a link to it.
+  // The page loads nothing from elsewhere: a remote image becomes a link to it. One with a relative
+  // path is marked, and drawn once the page knows it is a file of the thread's folder.
   md.renderer.rules.image = (/** @type {Token[]} */ tokens, /** @type {number} */ index) => {
     const token = /** @type {Token} */ (tokens[index]);
     const source = token.attrGet('src') ?? '';
     const alt = md.utils.escapeHtml(token.content || source);
-    return isWebAddress(source) ? `<a href="${md.utils.escapeHtml(source)}">${alt}</a>` : alt;
+    if (isWebAddress(source)) return `<a href="${md.utils.escapeHtml(source)}">${alt}</a>`;
+    return isRelativePath(source) ? `<span class="local-image" data-local="${md.utils.escapeHtml(source)}">${alt}</span>` : alt;
   };
   md.renderer.rules.fence = (/** @type {Token[]} */ tokens, /** @type {number} */ index) => {
     const token = /** @type {Token} */ (tokens[index]);

@@ -11,6 +11,13 @@ const number = new Intl.NumberFormat('zh-CN');
 const clock = new Intl.DateTimeFormat('zh-CN', { month: 'numeric', day: 'numeric', hour: '2-digit', minute: '2-digit' });
 const MIB = 1024 * 1024;
 
+/** @param {number} bytes */
+function fileSize(bytes) {
+  if (bytes < 1024) return `${bytes} B`;
+  const [value, unit] = bytes < MIB ? [bytes / 1024, 'KB'] : bytes < 1024 * MIB ? [bytes / MIB, 'MB'] : [bytes / 1024 / MIB, 'GB'];
+  return `${value < 10 ? value.toFixed(1) : Math.round(value)} ${unit}`;
+}
+
 /** @param {Usage} usage */
 const tokens = (usage) => `输入 ${number.format(usage.input)} · 输出 ${number.format(usage.output)} 个 token`;
 
@@ -82,6 +89,7 @@ export const texts = {
   plan: '计划',
   command: '命令',
   webSearch: '网页搜索',
+  sources: '来源',
   tool: '调用工具',
   itemStatus: { running: '运行中……', completed: '已完成', failed: '失败', stopped: '已停止' },
   /** @param {number} code */
@@ -153,6 +161,38 @@ export const texts = {
   moreFolders: (shown) => `只列出前 ${shown} 个文件夹。`,
   noFolders: '这里没有子文件夹。',
   ownFolderNote: '你的文件夹',
+
+  // The thread's files and their previews.
+  files: '文件',
+  filesPanel: '本线程的文件',
+  filesTop: '文件夹',
+  filesEmpty: '文件夹里还没有文件。',
+  upFolder: '上一级文件夹',
+  close: '关闭',
+  revealFolder: '在文件管理器中打开',
+  download: '下载',
+  downloadAll: '下载全部文件',
+  uploadedByYou: '你上传的',
+  /** @param {number} position */
+  madeInTurn: (position) => `第 ${position + 1} 问`,
+  fileLink: '链接（不打开）',
+  /** @param {number} bytes */
+  size: fileSize,
+  openPdf: '在新标签页中用浏览器打开这个 PDF',
+  noPreview: '这种文件不能在页面中预览，可以下载后查看。',
+  notJsonFile: '这个文件不是有效的 JSON，按文本显示。',
+  /** @param {number} read @param {number} size */
+  previewCut: (read, size) => `文件共 ${fileSize(size)}，这里只显示开头的 ${fileSize(read)}。`,
+  /** @param {number} shown @param {number} total */
+  tableRows: (shown, total) => (shown === total ? `共 ${number.format(total)} 行。` : `显示前 ${number.format(shown)} 行，共 ${number.format(total)} 行。`),
+  /** @param {number} shown @param {number} size */
+  tableStart: (shown, size) => `显示前 ${number.format(shown)} 行（文件共 ${fileSize(size)}，只读取了开头）。`,
+  /** @param {string} problem */
+  tableProblem: (problem) => `表格有格式问题：${problem}`,
+  /** @param {number} count */
+  jsonArray: (count) => `[ ${number.format(count)} 项 ]`,
+  /** @param {number} count */
+  jsonObject: (count) => `{ ${number.format(count)} 个字段 }`,
 
   // The thread list.
   waitingNow: '● 等你确认 · ',

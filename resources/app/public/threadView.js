@@ -8,6 +8,8 @@ import { ItemView, prepareItem } from './items.js';
 import { CodeColours, copyFromCodeBlocks } from './code.js';
 import { idle } from './idle.js';
 import { ThreadActions } from './threadActions.js';
+import { resolveLocal } from './localFiles.js';
+import { TurnSources } from './sources.js';
 
 /** @typedef {import('../workspace/model.ts').Thread} Thread */
 /** @typedef {import('../workspace/model.ts').ThreadSummary} ThreadSummary */
@@ -19,7 +21,7 @@ import { ThreadActions } from './threadActions.js';
 /** What a turn's own buttons do. @typedef {{ edit(head: TurnHead): void, retry(head: TurnHead): void, branch(head: TurnHead): void }} TurnActions */
 /** @typedef {import('../workspace/model.ts').Rules} Rules */
 /** @typedef {import('./markdown.js').Markdown} Markdown */
-/** @typedef {{ node: HTMLElement, items: HTMLElement, foot: HTMLElement, head: TurnHead }} TurnParts */
+/** @typedef {{ node: HTMLElement, items: HTMLElement, sources: TurnSources, foot: HTMLElement, head: TurnHead }} TurnParts */
 /** Before the drawn turns, or after them. @typedef {'before' | 'after'} Side */
 /** Turns with their items' Markdown drawn ahead (prepare), by item key. @typedef {{ turns: Turn[], drawn: Map<string, DocumentFragment[]> }} Prepared */
 
@@ -77,9 +79,17 @@ export class ThreadView {
   /** @type {TurnActions | null} */
   #turnActions = null;
 
-  /** @param {Markdown} md @param {() => Rules | null} rules the service's, once it has said them */
-  constructor(md, rules) {
+  /** The open thread's id, whose folder an answer's relative paths name. */
+  #threadId = '';
+  #openFile;
+
+  /**
+   * @param {Markdown} md @param {() => Rules | null} rules the service's, once it has said them
+   * @param {(thread: string, path: string) => void} openFile shows a file of the thread's folder
+   */
+  constructor(md, rules, openFile) {
     this.#md = md;
+    this.#openFile = openFile;
     this.#actions = new ThreadActions({ node: this.#head, title: this.#title, more: byId('thread-more') }, rules);
     copyFromCodeBlocks(this.#conversation);
     // Narrow, the head is its title; the rest folds out from here.
@@ -179,6 +189,7 @@ export class ThreadView {
       this.#actions.show(null);
       return;
     }
+    this.#threadId = thread.id;
     this.summary(thread);
     this.#meta.textContent = thread.ownFolder ? `${texts.folder(thread.folder)} · ${texts.ownFolderNote}` : texts.folder(thread.folder);
     this.usage(thread.usage);
@@ -329,7 +340,10 @@ export class ThreadView {
       const question = node.appendChild(element('div', 'question', head.question));
       question.setAttribute('dir', 'auto');
       if (head.attachments) node.append(attachmentList(head.attachments));
-      parts = { node, items: node.appendChild(element('div', 'items')), foot: node.appendChild(element('div', 'turn-foot')), head };
+      const items = node.appendChild(element('div', 'items'));
+      const sources = new TurnSources();
+      node.append(sources.node);
+      parts = { node, items, sources, foot: node.appendChild(element('div', 'turn-foot')), head };
       node.append(this.#actionsFor(parts));
       this.#turns.set(head.id, parts);
     }
@@ -364,11 +378,27 @@ export class ThreadView {
     const existing = this.#items.get(key);
     if (existing && existing.kind === item.kind) {
       existing.update(item);
+      this.#resolveLinks(turnId, item, existing.node);
       return;
     }
     const view = new ItemView(item, this.#md, this.#colours, drawn);
     this.#items.set(key, view);
     if (existing) existing.node.replaceWith(view.node);
     else into.append(view.node);
+    this.#resolveLinks(turnId, item, view.node);
+  }
+
+  /**
+   * A final answer's relative paths, made images and links where they name the thread's files; its
+   * web links, and the pages a search opened, among the turn's sources.
+   * @param {string} turnId @param {Item} item @param {HTMLElement} node
+   */
+  #resolveLinks(turnId, item, node) {
+    const sources = this.#turns.get(turnId)?.sources;
+    if (item.kind === 'webSearch' && item.url) sources?.add(item.url);
+    if (item.kind !== 'answer' || item.status === 'running') return;
+    sources?.cited(node);
+    const thread = this.#threadId;
+    void resolveLocal(node, thread, '', (path) => this.#openFile(thread, path));
   }
 }

@@ -26,6 +26,7 @@ import { AccountDesk } from './account/accountDesk.ts';
 import type { ServiceState } from './model.ts';
 import { ATTACHMENT_LIMIT, FILE_LIMIT_BYTES } from './files/uploads.ts';
 import { sweepDrafts } from './files/drafts.ts';
+import { openOnDesktop } from './files/desktop.ts';
 import { SEARCH_MAX_LENGTH } from './store/search.ts';
 
 export interface Boot {
@@ -146,6 +147,7 @@ export function startWorkspace(boot: Boot): Workspace {
     desk, account, models, gate, files: new StaticFiles(PUBLIC), complain: boot.complain,
     uploads: { dataFolder, threadFolder: (id) => desk.threads.attachmentsFolder(id) },
     lastChoice: () => store.lastChoice(), folderRules,
+    openFolder: (path) => openOnDesktop(path, boot.complain),
   });
   const upgrade = createUpgrade({
     threads: desk.threads, hub, gate, complain: boot.complain,

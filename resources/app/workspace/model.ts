@@ -29,7 +29,8 @@ export type CommandItem = ItemBase & {
   exitCode: number | null;
   durationMs: number | null;
 };
-export type WebSearchItem = ItemBase & { kind: 'webSearch'; query: string };
+/** url: the page it opened, when it opened one. */
+export type WebSearchItem = ItemBase & { kind: 'webSearch'; query: string; url?: string };
 export type FileChangeItem = ItemBase & {
   kind: 'fileChange';
   changes: { path: string; change: 'add' | 'delete' | 'update'; diff: string }[];
@@ -152,6 +153,29 @@ export interface Queued {
   id: string;
   text: string;
   queuedAt: number;
+}
+
+/** What a thread's folder holds, as its files panel lists it. */
+export type EntryKind = 'file' | 'folder' | 'link';
+
+export interface Entry {
+  name: string;
+  kind: EntryKind;
+  size: number;
+  changedAt: number;
+  /** The turn (its position) that last changed it; null when no turn ran then. */
+  turn: number | null;
+  /** The user brought it to a question. */
+  user: boolean;
+}
+
+/** A turn's span and what its question brought, for telling which turn changed a file. */
+export interface TurnSpan {
+  position: number;
+  startedAt: number;
+  /** Null while it runs. */
+  endedAt: number | null;
+  attachments: readonly string[];
 }
 
 /** A model and reasoning effort; null for either is Codex's own default. */

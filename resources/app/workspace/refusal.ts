@@ -16,6 +16,8 @@ export type RefusalReason =
   | 'fileTooLarge' | 'fileNameMissing' | 'fileNameUnreadable' | 'fileNameEmpty' | 'fileNameHasSlash'
   | 'fileNameHasControl' | 'fileNameReserved' | 'fileNameTooLong' | 'fileMissing' | 'tooManyFiles' | 'folderUnsafe'
   | 'badDraft'
+  // The files in a thread's folder.
+  | 'noSuchFile' | 'badRange'
   // Codex.
   | 'signOutFailed' | 'modelsUnavailable';
 

@@ -55,6 +55,8 @@ export const texts = {
   notWebSocket: '这个地址只接受 WebSocket 连接。',
   storeUnavailable: (reason: string) => `现在无法保存新的问题：${reason}`,
   stopping: '工作区服务正在停止。',
+  noSuchFile: '这个文件不在本线程的文件夹里：它可能已被删除或改名。',
+  badRange: '要读取的范围超出了文件的长度。',
   // Organising threads: titles, pins, the archive, deletion and export.
   emptyTitle: '标题不能为空。',
   titleTooLong: (limit: number) => `标题太长了：请不要超过 ${limit} 个字。`,
@@ -67,6 +69,8 @@ export const texts = {
   exportCommand: (exitCode: number | null) => (exitCode === null ? '运行命令' : `运行命令（退出码 ${exitCode}）`),
   exportDropped: (count: number) => `（输出过长，省略了 ${count} 个字符）`,
   exportFiles: '修改文件',
+  exportSources: '来源',
+  exportFolder: '文件',
   exportChange: { add: '新增', delete: '删除', update: '修改' },
   exportSearch: (query: string) => `网络搜索：${query}`,
   exportUnfinished: (status: string) => `（这一轮没有完成：${status}）`,

@@ -79,6 +79,14 @@ test('answers keep no raw HTML or style, and images become links, since the page
   assert.match(html, /<a href="https:\/\/example.com\/a.png">pic<\/a>/);
   // A link the page refuses reads as its words, not as its source.
   assert.match(html, /<a>x<\/a>/);
+  // A relative path is only marked, for the page to ask whether it names a file of the thread;
+  // a path from the root or with a scheme is words and asks nothing.
+  const rows: [string, string][] = [
+    ['![图](<out/fig 1.png>)', '<span class="local-image" data-local="out/fig%201.png">图</span>'],
+    ['[报告](./report.md)', '<span data-local="./report.md">报告</span>'],
+    ['[x](/etc/passwd) ![y](file:///etc/passwd) [z](#top)', '<a>x</a> y <a>z</a>'],
+  ];
+  for (const [text, expected] of rows) assert.equal(md.renderInline(text), expected, text);
 });
 
 test('mathematics is drawn where a formula is meant, and text stays text where it is not', () => {

@@ -120,9 +120,14 @@ test('an export keeps a command\'s output inside its block whatever backticks it
     items: [
       { kind: 'command', position: 0, status: 'completed', command: 'cat a.md', output: '````\n# 不是标题', dropped: 0, exitCode: 0, durationMs: 1 },
       { kind: 'answer', position: 1, status: 'completed', text: '答案。' },
+      { kind: 'webSearch', position: 2, status: 'completed', query: '', url: 'https://example.org/page' },
+      { kind: 'answer', position: 3, status: 'completed', text: '见 [数据](https://example.org/page) 与 [报告](https://example.com/r)。' },
     ],
   };
-  const markdown = threadMarkdown({ title: 'T', createdAt: 0, updatedAt: 1, turns: [turn] });
+  const markdown = threadMarkdown({ title: 'T', createdAt: 0, updatedAt: 1, turns: [turn] }, ['out/图 1.png']);
+  // Sources once each, a page a search opened named by its domain; the folder's files by relative path.
+  assert.ok(markdown.includes('**来源**\n\n- [example.org](https://example.org/page)\n- [报告](https://example.com/r)'), markdown);
+  assert.ok(markdown.endsWith('## 文件\n\n- [out/图 1.png](out/%E5%9B%BE%201.png)\n'), markdown);
   assert.ok(markdown.includes('> 第一行\n> 第二行'));
   assert.ok(markdown.includes('`````console\n$ cat a.md\n````\n# 不是标题\n`````\n\n答案。'), markdown);
   for (const [title, name] of [

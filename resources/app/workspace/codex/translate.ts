@@ -49,7 +49,8 @@ export function toItem(codex: CodexItem, position: number): Item | null {
     case 'webSearch': {
       const item = codex as Extract<CodexItem, { type: 'webSearch' }>;
       const query = item.query || item.action?.query || item.action?.url || '';
-      return { kind: 'webSearch', position, status: 'running', query };
+      const url = item.action?.url;
+      return { kind: 'webSearch', position, status: 'running', query, ...(url ? { url } : {}) };
     }
     case 'fileChange': {
       const item = codex as Extract<CodexItem, { type: 'fileChange' }>;

@@ -63,6 +63,8 @@ const ANSWERS: Record<RefusalReason, Answer> = {
   folderNotFolder: [400, texts.folderNotFolder],
   folderForbidden: [400, texts.folderForbidden],
   folderNotYours: [403, texts.folderNotYours],
+  noSuchFile: [404, texts.noSuchFile],
+  badRange: [416, texts.badRange],
   signOutFailed: [502, texts.signOutFailed],
   modelsUnavailable: [503, texts.modelsUnavailable],
 };

@@ -11,6 +11,8 @@ import {
 } from './parse.ts';
 import { listFolders, type FolderRules } from '../files/ownFolder.ts';
 import { takeBackFile, uploadFile } from './uploads.ts';
+import { fileRoutes } from './files.ts';
+import { filePaths } from '../files/results.ts';
 import type { StaticFiles } from './static.ts';
 import { attachment, exportFileName, threadMarkdown } from '../research/export.ts';
 import type { ResearchDesk } from '../research/desk.ts';
@@ -20,6 +22,9 @@ import type { Models } from '../codex/models.ts';
 import type { UploadFolders } from '../files/uploads.ts';
 import type { Choice } from '../model.ts';
 
+/** The most files an export links: a folder of many more is one to open, not a list to read. */
+const EXPORTED_FILES = 1000;
+
 export interface RouteDeps {
   desk: ResearchDesk;
   account: AccountDesk;
@@ -27,6 +32,8 @@ export interface RouteDeps {
   gate: PeerGate;
   files: StaticFiles;
   uploads: UploadFolders;
+  /** Shows a folder in the desktop's file manager. */
+  openFolder(path: string): void;
   /** The choice the last question asked for, which the model picker starts from. */
   lastChoice(): Choice;
   /** What the folder browser may show. */
@@ -36,11 +43,12 @@ export interface RouteDeps {
 
 /** GET /api/threads/ID/export: the whole thread as one Markdown file. */
 function exportThread(threads: Threads): Handler<'id'> {
-  return ({ response, params }) => {
+  return async ({ response, params }) => {
     const thread = threads.whole(params.id);
     if (!thread) throw new Refusal('noSuchThread');
+    const files = await filePaths(thread.folder, EXPORTED_FILES).catch(() => []);
     // Made whole before the first byte goes out: a deletion meanwhile cannot cut it short.
-    const bytes = Buffer.from(threadMarkdown(thread), 'utf8');
+    const bytes = Buffer.from(threadMarkdown(thread, files), 'utf8');
     response.writeHead(200, {
       ...securityHeaders,
       'Content-Type': 'text/markdown; charset=utf-8',
@@ -137,6 +145,7 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
         return ok({});
       }),
       route('GET', '/api/folders', ({ url }) => ok(listFolders(url.searchParams.get('path'), deps.folderRules))),
+      ...fileRoutes(threads, deps.openFolder),
       route('GET', '/api/search', ({ url }) => ok(threads.search(url.searchParams.get('q') ?? ''))),
       route('GET', '/api/models', async () => ok({ ...(await deps.models.refresh()), last: deps.lastChoice() })),
       route('POST', '/api/uploads', uploadFile(deps.uploads)),

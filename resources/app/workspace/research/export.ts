@@ -45,36 +45,60 @@ function itemMarkdown(item: Item): string | null {
   }
 }
 
+/** The pages a turn drew on: those its searches opened, and the web links its answers cite; each once. */
+function sourcesOf(turn: Turn): Map<string, string> {
+  const sources = new Map<string, string>();
+  const add = (url: string, title: string) => {
+    if (!sources.has(url)) sources.set(url, title.trim() || new URL(url).hostname);
+  };
+  for (const item of turn.items) {
+    if (item.kind === 'webSearch' && item.url && URL.canParse(item.url)) add(item.url, '');
+    if (item.kind !== 'answer') continue;
+    for (const [, title = '', url = ''] of item.text.matchAll(/\[([^\]\n]*)\]\((https?:\/\/[^\s)]+)\)/g)) if (URL.canParse(url)) add(url, title);
+  }
+  return sources;
+}
+
 function turnMarkdown(turn: Turn): string {
   const parts = [`## ${texts.exportQuestion(turn.position + 1)}`, quoted(turn.question), `### ${texts.exportAnswer}`];
   for (const item of turn.items) {
     const text = itemMarkdown(item);
     if (text !== null) parts.push(text);
   }
+  const sources = sourcesOf(turn);
+  if (sources.size > 0) parts.push(`**${texts.exportSources}**`, [...sources].map(([url, title]) => `- [${title.replaceAll(']', '\\]')}](${url})`).join('\n'));
   if (turn.status !== 'completed') parts.push(`*${texts.exportUnfinished(turn.error ?? turn.status)}*`);
   return parts.join('\n\n');
 }
 
-export function threadMarkdown(thread: Pick<Thread, 'title' | 'createdAt' | 'updatedAt' | 'turns'>): string {
+/** The thread, and links to the files of its folder by their paths relative to it (beside which the export belongs). */
+export function threadMarkdown(thread: Pick<Thread, 'title' | 'createdAt' | 'updatedAt' | 'turns'>, files: readonly string[] = []): string {
   const head = `# ${thread.title}\n\n${texts.exportHeading(when(thread.createdAt), when(thread.updatedAt))}`;
-  return `${[head, ...thread.turns.map(turnMarkdown)].join('\n\n')}\n`;
+  const listed = files.map((path) => `- [${path.replace(/[[\]\\]/g, '\\$&')}](${path.split('/').map(encodeURIComponent).join('/')})`);
+  const tail = listed.length === 0 ? [] : [`## ${texts.exportFolder}`, listed.join('\n')];
+  return `${[head, ...thread.turns.map(turnMarkdown), ...tail].join('\n\n')}\n`;
 }
 
 /**
  * The file's name, from the title: nothing a file system or a shell treats specially, no leading
  * dot, short enough for any file system; the thread id when nothing of the title is left.
  */
-export function exportFileName(title: string, threadId: string): string {
+export function exportFileName(title: string, threadId: string, extension = '.md'): string {
   const cleaned = title
     .replace(/[\u0000-\u001f\u007f/\\:*?"<>|]/g, ' ')
     .replace(/\s+/g, ' ')
     .replace(/^[\s.]+|[\s.]+$/g, '');
   const name = [...cleaned].slice(0, FILE_NAME_LENGTH).join('').trim();
-  return `${name === '' ? threadId : name}.md`;
+  return `${name === '' ? threadId : name}${extension}`;
 }
 
 /** Content-Disposition for a download: the UTF-8 name for browsers, the id (plain ASCII) for the rest. */
 export function attachment(name: string, threadId: string): string {
+  return disposition('attachment', name, `${threadId}.md`);
+}
+
+/** Content-Disposition with the UTF-8 name for browsers, and a plain ASCII one for the rest. */
+export function disposition(kind: 'attachment' | 'inline', name: string, fallback: string): string {
   const encoded = encodeURIComponent(name).replace(/['()*]/g, (char) => `%${char.charCodeAt(0).toString(16).toUpperCase()}`);
-  return `attachment; filename="${threadId}.md"; filename*=UTF-8''${encoded}`;
+  return `${kind}; filename="${fallback}"; filename*=UTF-8''${encoded}`;
 }

@@ -9,7 +9,7 @@ import { preparedOnce } from './prepared.ts';
 import { applyTail, type ItemTail } from './tails.ts';
 import { systemClock, type Clock } from '../clock.ts';
 import { randomUUID } from 'node:crypto';
-import type { Choice, Context, Item, Permission, Queued, SearchAnswer, StoredSummary, Thread, Turn, TurnHead, Usage } from '../model.ts';
+import type { Choice, Context, Item, Permission, Queued, SearchAnswer, StoredSummary, Thread, Turn, TurnHead, TurnSpan, Usage } from '../model.ts';
 
 export class StoreError extends Error {
   readonly reason: 'newer' | 'unwritable' | 'full' | 'corrupt' | 'other';
@@ -296,6 +296,16 @@ export class ThreadStore {
       .all(turnId, item.position) as { part: number; at: number; text: string }[];
     for (const tail of tails) applyTail(item, tail.part, tail.at, tail.text);
     return item;
+  }
+
+  /** Every turn's span and the files its question brought, oldest first: which turn changed a file is told by them. */
+  turnSpans(threadId: string): TurnSpan[] {
+    const rows = this.#statement('SELECT position, started_at, ended_at, attachments FROM turns WHERE thread_id = ? ORDER BY position')
+      .all(threadId) as unknown as Pick<TurnRow, 'position' | 'started_at' | 'ended_at' | 'attachments'>[];
+    return rows.map((row) => ({
+      position: row.position, startedAt: row.started_at, endedAt: row.ended_at,
+      attachments: row.attachments ? JSON.parse(row.attachments) as string[] : [],
+    }));
   }
 
   /** The newest places in any thread holding this text, and how far the index has got. */

@@ -1,0 +1,175 @@
+// @ts-check
+// The open thread's files, beside the thread (over it in a narrow window): its folder's entries,
+// folders opened in place, each file opened in the preview. Only the rows in view exist, so a
+// folder of ten thousand files lists as fast as one of ten. While a turn runs and the panel is
+// open, the folder is asked for again every half second; closed, the panel asks nothing.
+import { button, byId, element } from './dom.js';
+import { texts } from './texts.js';
+import { getJson, postJson } from './api.js';
+
+/** @typedef {import('../workspace/model.ts').Entry} Entry */
+
+/** Each row's height, as app.css gives it: the rows in view are found by arithmetic, not layout. */
+const ROW_PX = 34;
+/** Rows made beyond the view on either side, so a fast scroll shows no gap. */
+const SPARE_ROWS = 8;
+// Half a second: a file a command writes shows within a second, the listing's own time included.
+const WATCH_MS = 500;
+
+/** @param {string} thread */
+export const filesPath = (thread) => `/api/threads/${encodeURIComponent(thread)}`;
+
+/** The address of a file of the thread. @param {string} thread @param {string} path @param {boolean} [download] */
+export const fileUrl = (thread, path, download = false) =>
+  `${filesPath(thread)}/file?${new URLSearchParams(download ? { path, download: '1' } : { path })}`;
+
+/** @param {unknown} error */
+const sentence = (error) => (error instanceof Error ? error.message : String(error));
+
+export class FilesPanel {
+  #panel = byId('files-panel');
+  #toggle = /** @type {HTMLButtonElement} */ (byId('files-toggle'));
+  #where = byId('files-where');
+  #note = byId('files-note');
+  #rows = byId('files-rows');
+  #space = element('div', 'files-space');
+  /** @type {string | null} */
+  #thread = null;
+  #path = '';
+  /** @type {Entry[]} */
+  #entries = [];
+  /** The rows made for the entries, by index: a row scrolled back into view is not made again. */
+  /** @type {Map<number, HTMLButtonElement>} */
+  #made = new Map();
+  #running = false;
+  #timer = 0;
+  #frame = 0;
+  /** Counts the folders asked for: an answer for one asked before the last is dropped. */
+  #asked = 0;
+  #open;
+
+  /** @param {(thread: string, path: string) => void} open shows a file */
+  constructor(open) {
+    this.#open = open;
+    this.#rows.append(this.#space);
+    this.#rows.addEventListener('scroll', () => {
+      if (this.#frame === 0) this.#frame = requestAnimationFrame(() => this.#drawRows());
+    }, { passive: true });
+    this.#toggle.addEventListener('click', () => this.#show(this.#panel.hidden !== false));
+    byId('files-close').addEventListener('click', () => this.#show(false));
+    byId('files-up').addEventListener('click', () => this.#go(this.#path.split('/').slice(0, -1).join('/')));
+    byId('files-reveal').addEventListener('click', () => {
+      if (this.#thread) postJson(`${filesPath(this.#thread)}/reveal`, { path: this.#path }).catch((error) => this.#say(sentence(error)));
+    });
+  }
+
+  /** Another thread is open (or none): its folder's top, if the panel is open. @param {string | null} thread @param {boolean} running */
+  thread(thread, running) {
+    this.#thread = thread;
+    this.#path = '';
+    this.#entries = [];
+    this.#toggle.hidden = thread === null;
+    if (thread) /** @type {HTMLAnchorElement} */ (byId('files-archive')).href = `${filesPath(thread)}/archive`;
+    if (thread === null) this.#show(false);
+    this.#running = running;
+    this.#watch();
+    this.refresh();
+  }
+
+  /** @param {boolean} running */
+  running(running) {
+    const ended = this.#running && !running;
+    this.#running = running;
+    this.#watch();
+    if (ended) this.refresh();
+  }
+
+  /** Asks for the folder shown again, if the panel is open. */
+  refresh() {
+    if (this.#panel.hidden || !this.#thread) return;
+    void this.#load(this.#thread, this.#path);
+  }
+
+  /** @param {boolean} shown */
+  #show(shown) {
+    this.#panel.hidden = !shown;
+    this.#toggle.setAttribute('aria-expanded', String(shown));
+    document.querySelector('.layout')?.classList.toggle('files-open', shown);
+    this.#watch();
+    this.refresh();
+  }
+
+  #watch() {
+    clearInterval(this.#timer);
+    this.#timer = 0;
+    if (this.#running && !this.#panel.hidden) this.#timer = window.setInterval(() => this.refresh(), WATCH_MS);
+  }
+
+  /** @param {string} path */
+  #go(path) {
+    this.#path = path;
+    this.#entries = [];
+    this.#rows.scrollTop = 0;
+    this.refresh();
+  }
+
+  /** @param {string} thread @param {string} path */
+  async #load(thread, path) {
+    const asked = ++this.#asked;
+    try {
+      /** @type {{ entries: Entry[] }} */
+      const answer = await getJson(`${filesPath(thread)}/files?${new URLSearchParams({ path })}`);
+      if (asked !== this.#asked) return;
+      this.#entries = answer.entries;
+      this.#say(answer.entries.length === 0 ? texts.filesEmpty : '');
+    } catch (error) {
+      if (asked !== this.#asked) return;
+      this.#entries = [];
+      this.#say(sentence(error));
+    }
+    this.#where.textContent = path === '' ? texts.filesTop : `${texts.filesTop} / ${path.replaceAll('/', ' / ')}`;
+    byId('files-up').hidden = path === '';
+    this.#space.style.height = `${this.#entries.length * ROW_PX}px`;
+    this.#made.clear();
+    this.#space.replaceChildren();
+    this.#drawRows();
+  }
+
+  /** @param {string} words */
+  #say(words) {
+    this.#note.textContent = words;
+  }
+
+  /** Only the rows in view, and a few either side. */
+  #drawRows() {
+    this.#frame = 0;
+    const first = Math.max(0, Math.floor(this.#rows.scrollTop / ROW_PX) - SPARE_ROWS);
+    const last = Math.min(this.#entries.length, Math.ceil((this.#rows.scrollTop + this.#rows.clientHeight) / ROW_PX) + SPARE_ROWS);
+    const rows = [];
+    for (let index = first; index < last; index += 1) {
+      let row = this.#made.get(index);
+      if (!row) this.#made.set(index, row = this.#row(/** @type {Entry} */ (this.#entries[index]), index));
+      rows.push(row);
+    }
+    this.#space.replaceChildren(...rows);
+  }
+
+  /** @param {Entry} entry @param {number} index */
+  #row(entry, index) {
+    const path = this.#path === '' ? entry.name : `${this.#path}/${entry.name}`;
+    const row = button('', `file-row ${entry.kind}`, () => {
+      if (entry.kind === 'folder') this.#go(path);
+      else if (entry.kind === 'file' && this.#thread) this.#open(this.#thread, path);
+    });
+    row.style.top = `${index * ROW_PX}px`;
+    row.disabled = entry.kind === 'link';
+    const origin = entry.user ? texts.uploadedByYou : entry.turn === null ? '' : texts.madeInTurn(entry.turn);
+    row.append(
+      element('span', 'file-name', entry.kind === 'folder' ? `${entry.name}/` : entry.name),
+      element('span', 'file-origin', origin),
+      element('span', 'file-info', entry.kind === 'file' ? `${texts.size(entry.size)} · ${texts.when(entry.changedAt)}` : entry.kind === 'link' ? texts.fileLink : texts.when(entry.changedAt)),
+    );
+    row.title = entry.name;
+    return row;
+  }
+}

@@ -1,0 +1,106 @@
+// A thread's folder as the page reads it, on real files: which paths reach a file and which are
+// refused (escapes, links planted inside, odd names), what a listing says of each entry, and the
+// byte ranges a reader may ask for.
+import { test } from 'node:test';
+import assert from 'node:assert/strict';
+import { appendFileSync, mkdirSync, symlinkSync, utimesSync, writeFileSync } from 'node:fs';
+import { createServer } from 'node:http';
+import { once } from 'node:events';
+import { join } from 'node:path';
+import { filesAmong, listFolder, openFile } from '../../../resources/app/workspace/files/results.ts';
+import { rangeOf, send } from '../../../resources/app/workspace/http/files.ts';
+import { Refusal } from '../../../resources/app/workspace/refusal.ts';
+import { temporaryFolder } from '../../harness/service.ts';
+
+const reason = (error: unknown) => (error instanceof Refusal ? `refused: ${error.reason}` : `threw: ${String(error)}`);
+
+/** A data folder with two threads; the first holds plain files, odd names and links planted to escape. */
+function threads() {
+  const data = temporaryFolder('lm-results-');
+  const folder = join(data, 'threads', 'a');
+  const other = join(data, 'threads', 'b');
+  mkdirSync(join(folder, 'out'), { recursive: true });
+  mkdirSync(other);
+  writeFileSync(join(other, 'secret.txt'), 'not yours');
+  writeFileSync(join(folder, 'data.csv'), 'x,y\n1,2\n');
+  writeFileSync(join(folder, 'empty.txt'), '');
+  writeFileSync(join(folder, 'out', '图 1 #?%.txt'), 'cjk');
+  symlinkSync('/etc/passwd', join(folder, 'passwd'));
+  symlinkSync(other, join(folder, 'other'));
+  symlinkSync(join(folder, 'out'), join(folder, 'inside'));
+  return { folder };
+}
+
+test('a path reaches a plain file below the thread folder through no link, or is refused as no such file', async () => {
+  const { folder } = threads();
+  const rows: [string, string][] = [
+    ['data.csv', 'data.csv 8'], ['empty.txt', 'empty.txt 0'], ['out/图 1 #?%.txt', '图 1 #?%.txt 3'],
+    ['../b/secret.txt', 'refused: noSuchFile'], ['/etc/passwd', 'refused: noSuchFile'], ['out/../data.csv', 'refused: noSuchFile'],
+    ['./data.csv', 'refused: noSuchFile'], ['out//图 1 #?%.txt', 'refused: noSuchFile'], ['out\\x', 'refused: noSuchFile'],
+    ['data.csv\u0000.png', 'refused: noSuchFile'], ['out%2F图 1 #?%.txt', 'refused: noSuchFile'],
+    ['passwd', 'refused: noSuchFile'], ['other/secret.txt', 'refused: noSuchFile'], ['inside/图 1 #?%.txt', 'refused: noSuchFile'],
+    ['out', 'refused: noSuchFile'], ['', 'refused: noSuchFile'], ['gone.txt', 'refused: noSuchFile'],
+  ];
+  for (const [path, expected] of rows) {
+    const outcome = await openFile(folder, path).then(async (file) => {
+      await file.handle.close();
+      return `${file.name} ${file.size}`;
+    }, reason);
+    assert.equal(outcome, expected, path);
+  }
+  assert.deepEqual(await filesAmong(folder, ['data.csv', 'out', 'passwd', '../b/secret.txt', 'out/图 1 #?%.txt']), ['data.csv', 'out/图 1 #?%.txt']);
+  for (const path of ['passwd', 'other', 'data.csv', '..']) {
+    assert.equal(await listFolder(folder, path, [], 0).then(() => 'listed', reason), 'refused: noSuchFile', path);
+  }
+});
+
+test('a listing tells each entry\'s kind, and which turn changed it or whether the user brought it', async () => {
+  const { folder } = threads();
+  const at = (name: string, seconds: number) => utimesSync(join(folder, name), seconds, seconds);
+  at('data.csv', 100);
+  at('empty.txt', 205);
+  at('out', 500);
+  const spans = [
+    { position: 0, startedAt: 90_000, endedAt: 110_000, attachments: ['empty.txt'] },
+    { position: 1, startedAt: 200_000, endedAt: null, attachments: [] },
+  ];
+  const entries = await listFolder(folder, '', spans, 300_000);
+  assert.deepEqual(entries.map(({ name, kind, turn, user }) => `${name} ${kind} ${turn} ${user}`), [
+    'out folder null false', 'data.csv file 0 false', 'empty.txt file 1 true', 'inside link null false',
+    'other link null false', 'passwd link null false',
+  ]);
+});
+
+test('a byte range is served as asked, the whole file when it cannot be read, and refused past the end', () => {
+  const rows: [string | undefined, number, string][] = [
+    [undefined, 10, 'whole'], ['bytes=0-3', 10, '0-3'], ['bytes=4-', 10, '4-9'], ['bytes=-3', 10, '7-9'], ['bytes=-30', 10, '0-9'],
+    ['bytes=5-100', 10, '5-9'], ['bytes=9-9', 10, '9-9'], ['bytes=10-', 10, 'refused: badRange'], ['bytes=-0', 10, 'refused: badRange'],
+    ['bytes=5-2', 10, 'whole'], ['bytes=0-1,4-5', 10, 'whole'], ['items=0-1', 10, 'whole'], ['bytes=0-1', 0, 'whole'],
+  ];
+  for (const [header, size, expected] of rows) {
+    let outcome: string;
+    try {
+      const range = rangeOf(header, size);
+      outcome = range ? `${range.start}-${range.end}` : 'whole';
+    } catch (error) {
+      outcome = reason(error);
+    }
+    assert.equal(outcome, expected, `${header} of ${size}`);
+  }
+});
+
+test('a file still being written is sent as it was when it was opened, its stated length kept', async () => {
+  const { folder } = threads();
+  const server = createServer(async (request, response) => {
+    const file = await openFile(folder, 'data.csv');
+    appendFileSync(join(folder, 'data.csv'), '3,4\n'.repeat(1000));
+    await send(request, response, file, false);
+  }).listen(0, '127.0.0.1');
+  await once(server, 'listening');
+  try {
+    const answer = await fetch(`http://127.0.0.1:${(server.address() as import('node:net').AddressInfo).port}/`);
+    assert.deepEqual([answer.headers.get('content-length'), await answer.text()], ['8', 'x,y\n1,2\n']);
+  } finally {
+    server.close();
+  }
+});
