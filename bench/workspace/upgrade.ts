@@ -4,7 +4,10 @@
 // slice. The older store is made by the code of the version before: its first search index, a
 // lower-cased copy of every text, is what the upgrade retires.
 //
-//   node --experimental-strip-types bench/workspace/upgrade.ts [--backend fts5|own] [--from COMMIT]
+//   node --experimental-strip-types bench/workspace/upgrade.ts [--backend fts5|own] [--from COMMIT] [--service]
+//
+// --service: in place of the store in this process, the built service on a copy of the older store, as the page meets it: from its start
+// to its first answer, then a search asked every 100 ms until the index is built, each timed.
 //
 // Run it with the oldest Node.js too: its SQLite has no FTS5, so there it builds our own index.
 // The older stores are made once (with FTS5) and kept beside the filled store.
@@ -18,7 +21,7 @@ import { ThreadStore } from '../../resources/app/workspace/store/store.ts';
 import { hasFts5 } from '../../resources/app/workspace/store/fts5Index.ts';
 import type { BackendName } from '../../resources/app/workspace/store/indexBackend.ts';
 import type { Clock } from '../../resources/app/workspace/clock.ts';
-import { SOURCE, temporaryFolder } from '../../tests/harness/service.ts';
+import { fakeCodex, SOURCE, startService, temporaryFolder } from '../../tests/harness/service.ts';
 import { filledStore } from './fill.ts';
 import { median, quantile } from './figures.ts';
 
@@ -27,6 +30,7 @@ const { values } = parseArgs({
     backend: { type: 'string' },
     // The last commit whose store kept the first search index (schema version 4).
     from: { type: 'string', default: '967bea3' },
+    service: { type: 'boolean', default: false },
   },
 });
 const MiB = 2 ** 20;
@@ -106,7 +110,7 @@ const without = pages(version3).used;
 log(`without search (version 3, compacted): ${mb(without)}; with the first index (version 4): ${mb(pages(version4).used)} in use, ${((pages(version4).used / without - 1) * 100).toFixed(0)} % more`);
 log(`filled through this version's store from the start (FTS5): ${mb(fresh.used)} in use, ${((fresh.used / without - 1) * 100).toFixed(0)} % more`);
 
-const backends: BackendName[] = values.backend ? [values.backend as BackendName] : hasFts5() ? ['fts5', 'own'] : ['own'];
+const backends: BackendName[] = values.service ? [] : values.backend ? [values.backend as BackendName] : hasFts5() ? ['fts5', 'own'] : ['own'];
 for (const backend of backends) {
   const folder = temporaryFolder('lm-bench-upgrade-');
   const path = join(folder, 'workspace.db');
@@ -144,4 +148,33 @@ for (const backend of backends) {
     + `(processor time: median ${median(cpu).toFixed(1)}, p99 ${quantile(cpu, 0.99).toFixed(1)}, longest ${Math.max(...cpu).toFixed(1)} ms); `
     + `store ${mb(after.used)} in use (${((after.used / without - 1) * 100).toFixed(0)} % more than without search), file ${mb(after.file)}`);
   rmSync(folder, { recursive: true, force: true });
+}
+
+if (values.service) {
+  const folder = temporaryFolder('lm-bench-upgrade-');
+  const fake = temporaryFolder('lm-bench-fake-');
+  copyFileSync(version4, join(folder, 'workspace.db'));
+  const began = performance.now();
+  const service = await startService({ codexPath: fakeCodex(fake), dataFolder: folder });
+  const listening = performance.now() - began;
+  const answers: number[] = [];
+  let first = 0;
+  let progress = { done: 0, total: 1 };
+  try {
+    while (progress.done < progress.total) {
+      const asked = performance.now();
+      const answer = await service.request('GET', '/api/search?q=checkpoint');
+      if (answer.status !== 200) throw new Error(`search: ${answer.status}`);
+      answers.push(performance.now() - asked);
+      first ||= performance.now() - began;
+      progress = (answer.body as { indexed: typeof progress }).indexed;
+      await new Promise((resolve) => setTimeout(resolve, 100));
+    }
+  } finally {
+    service.child.kill('SIGTERM');
+    await service.exited;
+    for (const each of [folder, fake]) rmSync(each, { recursive: true, force: true });
+  }
+  log(`the service (Node.js ${process.version}) on the version-4 store: listening after ${listening.toFixed(0)} ms, its first search answered ${first.toFixed(0)} ms after its start; `
+    + `the index built ${((performance.now() - began) / 1000).toFixed(1)} s after it; ${answers.length} searches meanwhile: median ${median(answers).toFixed(1)} ms, p99 ${quantile(answers, 0.99).toFixed(1)} ms, longest ${Math.max(...answers).toFixed(1)} ms`);
 }
