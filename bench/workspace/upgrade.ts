@@ -20,10 +20,10 @@ import { DatabaseSync } from 'node:sqlite';
 import { ThreadStore } from '../../resources/app/workspace/store/store.ts';
 import { hasFts5 } from '../../resources/app/workspace/store/fts5Index.ts';
 import type { BackendName } from '../../resources/app/workspace/store/indexBackend.ts';
-import type { Clock } from '../../resources/app/workspace/clock.ts';
 import { fakeCodex, SOURCE, startService, temporaryFolder } from '../../tests/harness/service.ts';
 import { filledStore } from './fill.ts';
 import { median, quantile } from './figures.ts';
+import { pagesOf as pages, timedClock } from './slices.ts';
 
 const { values } = parseArgs({
   options: {
@@ -36,14 +36,6 @@ const { values } = parseArgs({
 const MiB = 2 ** 20;
 const log = (line: string) => console.log(`[load ${loadavg().map((value) => value.toFixed(1)).join(' ')}] ${line}`);
 
-/** The file's pages, and those in use (what was dropped leaves free pages until a VACUUM). */
-function pages(path: string): { file: number; used: number } {
-  const db = new DatabaseSync(path, { readOnly: true });
-  const pragma = (name: string) => Number(Object.values(db.prepare(`PRAGMA ${name}`).get()!)[0]);
-  const [count, free, size] = [pragma('page_count'), pragma('freelist_count'), pragma('page_size')];
-  db.close();
-  return { file: count * size, used: (count - free) * size };
-}
 const mb = (bytes: number) => `${(bytes / MiB).toFixed(0)} MB`;
 
 /** The filled store with no search at all, as version 3 kept it, compacted. */
@@ -75,24 +67,6 @@ async function firstIndex(from: string, to: string): Promise<number> {
   }
 }
 
-/** The system's clock, timing each piece of work it runs: the wall clock, and the processor time a busy machine does not stretch. */
-function timing(slices: number[], cpu: number[]): Clock {
-  return {
-    now: () => Date.now(),
-    after(ms, action) {
-      const handle = setTimeout(() => {
-        const start = performance.now();
-        const used = process.cpuUsage();
-        action();
-        slices.push(performance.now() - start);
-        const { user, system } = process.cpuUsage(used);
-        cpu.push((user + system) / 1000);
-      }, ms);
-      return { cancel: () => clearTimeout(handle) };
-    },
-  };
-}
-
 const filled = filledStore(log);
 const made = join(`${filled.folder}-older`);
 const version3 = join(made, 'version3.db');
@@ -118,7 +92,7 @@ for (const backend of backends) {
   const slices: number[] = [];
   const cpu: number[] = [];
   const began = performance.now();
-  const store = ThreadStore.open(path, { search: backend, clock: timing(slices, cpu) });
+  const store = ThreadStore.open(path, { search: backend, clock: timedClock(slices, cpu) });
   const opened = performance.now() - began;
   const searched = performance.now();
   const early = store.search('checkpoint');
