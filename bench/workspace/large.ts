@@ -6,6 +6,7 @@
 // Search is measured only where the service has /api/search and the page a #search box; otherwise
 // its figures are skipped with a line saying so.
 import { rmSync } from 'node:fs';
+import { join } from 'node:path';
 import { Agent, request } from 'node:http';
 import { fakeCodex, startService, temporaryFolder, type Running } from '../../tests/harness/service.ts';
 import { launchBrowser, openPage, type Browser, type Page } from '../../tests/harness/browser.ts';
@@ -14,7 +15,6 @@ import { copyOfStore, LONG_THREAD_ITEMS, type Filled } from './fill.ts';
 import { now, recorded, resetRecorded } from './inPage.ts';
 import type { Figure } from './figures.ts';
 import { summariseTrace, tracing } from './trace.ts';
-import { join } from 'node:path';
 
 export type LargeSection = 'list' | 'search' | 'thread' | 'heap';
 
