@@ -129,7 +129,11 @@ if (values.service) {
   const fake = temporaryFolder('lm-bench-fake-');
   copyFileSync(version4, join(folder, 'workspace.db'));
   const began = performance.now();
-  const service = await startService({ codexPath: fakeCodex(fake), dataFolder: folder });
+  // A service that cannot start (resources older than the source) leaves no copy of the store behind.
+  const service = await startService({ codexPath: fakeCodex(fake), dataFolder: folder }).catch((error: unknown) => {
+    for (const each of [folder, fake]) rmSync(each, { recursive: true, force: true });
+    throw error;
+  });
   const listening = performance.now() - began;
   const answers: number[] = [];
   let answered = 0;
