@@ -6,6 +6,7 @@
 // Search is measured only where the service has /api/search and the page a #search box; otherwise
 // its figures are skipped with a line saying so.
 import { rmSync } from 'node:fs';
+import { join } from 'node:path';
 import { Agent, request } from 'node:http';
 import { fakeCodex, startService, temporaryFolder, type Running } from '../../tests/harness/service.ts';
 import { launchBrowser, openPage, type Browser, type Page } from '../../tests/harness/browser.ts';
@@ -13,6 +14,7 @@ import { fileURLToPath } from 'node:url';
 import { copyOfStore, LONG_THREAD_ITEMS, type Filled } from './fill.ts';
 import { now, recorded, resetRecorded } from './inPage.ts';
 import type { Figure } from './figures.ts';
+import { summariseTrace, tracing } from './trace.ts';
 
 export type LargeSection = 'list' | 'search' | 'thread' | 'heap';
 
@@ -20,6 +22,8 @@ export interface LargeOptions {
   filled: Filled;
   sections: ReadonlySet<LargeSection>;
   runs: number;
+  /** Where the last wheel to the top leaves its Chromium trace, summarised in the log. */
+  profile?: string | null;
   app?: string;
   log(line: string): void;
 }
@@ -184,6 +188,27 @@ async function searchFigures(browser: Browser, service: Running, options: LargeO
   return figures;
 }
 
+/** Wheels the view up until the thread's first turn is drawn; how many earlier pages were fetched. */
+async function wheelToTop(page: Page): Promise<number> {
+  const box = (await page.locator('#scroller').boundingBox())!;
+  await page.mouse.move(box.x + box.width / 2, box.y + box.height / 2);
+  const begun = now();
+  let requests = 0;
+  const count = (sent: { url(): string }) => { if (sent.url().includes('/turns?before=')) requests += 1; };
+  page.on('request', count);
+  try {
+    for (;;) {
+      const where = await page.evaluate<{ top: number; more: boolean }>(`({ top: document.getElementById('scroller').scrollTop, more: document.querySelector('#conversation > .sentinel') !== null })`);
+      if (where.top === 0 && !where.more) return requests;
+      if (now() - begun > 120_000) throw new Error('never reached the top of the long thread');
+      await page.mouse.wheel(0, -2400);
+      await settle(50);
+    }
+  } finally {
+    page.off('request', count);
+  }
+}
+
 async function threadFigures(browser: Browser, service: Running, options: LargeOptions): Promise<Figure[]> {
   const { filled } = options;
   const entry = `.thread-entry[data-thread="${filled.longThreadId}"]`;
@@ -219,20 +244,9 @@ async function threadFigures(browser: Browser, service: Running, options: LargeO
 
     // To the top: wheel turns upwards, as a reader would, while earlier turns are fetched.
     await resetRecorded(page);
-    const box = (await page.locator('#scroller').boundingBox())!;
-    await page.mouse.move(box.x + box.width / 2, box.y + box.height / 2);
     const begun = now();
-    let requests = 0;
-    const count = () => { requests += 1; };
-    page.on('request', (sent) => { if (sent.url().includes('/turns?before=')) count(); });
-    for (;;) {
-      const where = await page.evaluate<{ top: number; more: boolean }>(`({ top: document.getElementById('scroller').scrollTop, more: document.querySelector('#conversation > .sentinel') !== null })`);
-      if (where.top === 0 && !where.more) break;
-      if (now() - begun > 120_000) throw new Error('never reached the top of the long thread');
-      await page.mouse.wheel(0, -2400);
-      await settle(50);
-    }
-    page.removeAllListeners('request');
+    const trace = options.profile && run === Math.min(options.runs, 5) - 1 ? join(options.profile, 'thread-to-top.trace.json') : null;
+    const requests = trace ? await tracing(browser, page, trace, () => wheelToTop(page)) : await wheelToTop(page);
     const elapsed = now() - begun;
     await settle(300);
     const scrolled = await recorded(page);
@@ -240,7 +254,8 @@ async function threadFigures(browser: Browser, service: Running, options: LargeO
     const tasks = scrolled.longTasks.map((task) => task.duration);
     const frames = scrolled.longFrames;
     const sum = (key: 'scripts' | 'rendering') => frames.reduce((total, frame) => total + frame[key], 0);
-    options.log(`long thread ${run < 0 ? 'warm-up' : `run ${run + 1}`}: click → newest painted ${(at.at - click).toFixed(0)} ms (${at.how}); to the top in ${elapsed.toFixed(0)} ms with ${requests} fetches, ${drawn} items drawn, longest task ${Math.max(0, ...tasks).toFixed(0)} ms (${tasks.filter((task) => task > 50).length} over 50 ms); ${frames.length} long frames: scripts ${sum('scripts').toFixed(0)} ms, rendering ${sum('rendering').toFixed(0)} ms`);
+    options.log(`long thread ${run < 0 ? 'warm-up' : `run ${run + 1}`}: click → newest painted ${(at.at - click).toFixed(0)} ms (${at.how}); to the top in ${elapsed.toFixed(0)} ms with ${requests} fetches, ${drawn} items in the DOM, longest task ${Math.max(0, ...tasks).toFixed(0)} ms (${tasks.filter((task) => task > 50).length} over 50 ms); ${frames.length} long frames: scripts ${sum('scripts').toFixed(0)} ms, rendering ${sum('rendering').toFixed(0)} ms`);
+    if (trace) options.log(`the last wheel to the top, traced (${trace}):\n${summariseTrace(trace)}`);
     if (run < 0) continue;
     toTop.push(elapsed);
     longest.push(Math.max(0, ...tasks));
@@ -267,7 +282,7 @@ async function threadFigures(browser: Browser, service: Running, options: LargeO
   if (wantOpen) {
     figures.push(
       { name: `thread of ${items} items: click → newest painted`, unit: 'ms', runs: [opened], goal: { limit: 300, atMost: true, text: '≤ 300 ms' }, note: 'in the filled store, third in the list; Element Timing of the newest item' },
-      { name: `thread of ${items} items: wheel to the top`, unit: 'ms', runs: [toTop], note: `wheel −2400 px every 50 ms until the first turn is drawn; earlier turns fetched per run: ${fetches.join(', ')}; ${drawn} items drawn at the top` },
+      { name: `thread of ${items} items: wheel to the top`, unit: 'ms', runs: [toTop], note: `wheel −2400 px every 50 ms until the first turn is drawn; earlier turns fetched per run: ${fetches.join(', ')}; ${drawn} items in the DOM at the top` },
       { name: `thread of ${items} items: longest task scrolling to the top`, unit: 'ms', runs: longest.map((value) => [value]), statistic: 'max', goal: { limit: 50, atMost: true, text: 'none over 50 ms' }, note: `Long Tasks API (0: none over 50 ms); tasks over 50 ms per run: ${over50.join(', ')}` },
       { name: `thread of ${items} items: scripts in long frames scrolling to the top`, unit: 'ms', runs: [framesScripts], note: `Long Animation Frames that held input back, summed per run; their rendering (style, layout, paint): ${framesRendering.map((value) => value.toFixed(0)).join(', ')} ms` },
     );

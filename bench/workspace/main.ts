@@ -99,7 +99,7 @@ await section(['fill', ...LARGE], async () => {
     { name: 'filled store on disk', unit: 'MB', runs: [[filled.databaseBytes / 1048576]], note: 'workspace.db; MB = 2^20 bytes' },
   ] : [];
   const sections = new Set(LARGE.filter((name) => wanted.has(name)));
-  if (sections.size > 0) figures.push(...await largeFigures({ filled, sections, runs: quick ? 3 : 10, app, log }));
+  if (sections.size > 0) figures.push(...await largeFigures({ filled, sections, runs: quick ? 3 : 10, profile, app, log }));
   return figures;
 });
 await section('fifty', () => fiftyFigures({ clients: 'taps', runs: quick ? 1 : 3, app, log }));

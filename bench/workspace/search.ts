@@ -15,8 +15,8 @@ import { migrations } from '../../resources/app/workspace/store/migrations.ts';
 import { ThreadStore } from '../../resources/app/workspace/store/store.ts';
 import { hasFts5 } from '../../resources/app/workspace/store/fts5Index.ts';
 import type { BackendName } from '../../resources/app/workspace/store/indexBackend.ts';
-import type { Clock } from '../../resources/app/workspace/clock.ts';
 import { median, quantile } from './figures.ts';
+import { pagesOf, timedClock } from './slices.ts';
 
 const { values } = parseArgs({
   options: {
@@ -83,34 +83,10 @@ function makeFirstVersionStore(path: string): void {
   console.log(`store of ${THREADS} threads, ${THREADS * ITEMS} items made in ${((performance.now() - made) / 1000).toFixed(1)} s`);
 }
 
-/** The file's size, and the part of it in use (pages on the free list are left by what was dropped). */
+/** The file's size, and the part of it in use. */
 function size(path: string): string {
-  const db = new DatabaseSync(path, { readOnly: true });
-  const pragma = (name: string) => Number(Object.values(db.prepare(`PRAGMA ${name}`).get()!)[0]);
-  const [pages, free, bytes] = [pragma('page_count'), pragma('freelist_count'), pragma('page_size')];
-  db.close();
-  return `${(pages * bytes / 2 ** 20).toFixed(0)} MiB (${((pages - free) * bytes / 2 ** 20).toFixed(0)} MiB in use)`;
-}
-
-/**
- * The system's clock, timing each piece of work it runs (the slices of the index's build): the
- * wall clock, and this process's processor time, which a busy machine does not stretch.
- */
-function timing(slices: number[], cpu: number[]): Clock {
-  return {
-    now: () => Date.now(),
-    after(ms, action) {
-      const handle = setTimeout(() => {
-        const start = performance.now();
-        const used = process.cpuUsage();
-        action();
-        slices.push(performance.now() - start);
-        const { user, system } = process.cpuUsage(used);
-        cpu.push((user + system) / 1000);
-      }, ms);
-      return { cancel: () => clearTimeout(handle) };
-    },
-  };
+  const { file, used } = pagesOf(path);
+  return `${(file / 2 ** 20).toFixed(0)} MiB (${(used / 2 ** 20).toFixed(0)} MiB in use)`;
 }
 
 // Common and rare words, text found nowhere, two characters (a scan), and Chinese phrases.
@@ -122,7 +98,7 @@ for (const backend of backends) {
   const slices: number[] = [];
   const cpu: number[] = [];
   const began = performance.now();
-  const reopened = ThreadStore.open(path, { search: backend, clock: timing(slices, cpu) });
+  const reopened = ThreadStore.open(path, { search: backend, clock: timedClock(slices, cpu) });
   const opened = performance.now() - began;
   const early = reopened.search('checkpoint');
   // Blank text is answered with the progress alone.
