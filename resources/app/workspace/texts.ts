@@ -88,6 +88,7 @@ export const texts = {
   branchFailed: (detail: string) => `分支没有成功：${detail}`,
   branchTitle: (title: string, position: number) => `${title}（从第 ${position} 轮分支）`,
   steeredToQueue: '这一轮已经结束，你的话已作为下一个问题排队。',
+  steeredNotReady: '这一轮还在开始或正在停止，接受不了引导：你的话已作为下一个问题排队。',
   noSuchQueued: '这个排队的问题已经发出或被取消了。',
   // Attachments and the model choice.
   fileTooLarge: (limit: string) => `文件太大了：每个文件最多 ${limit}。`,

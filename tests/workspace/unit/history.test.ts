@@ -88,18 +88,25 @@ test('refused with a sentence, the history as it was: a change while a turn runs
   assert.deepEqual(desk.threads.thread(id)!.turns.map((turn) => turn.question), ['q1', 'running']);
 });
 
-test('guidance after the turn has ended becomes a queued question, said so; queued questions wait for the user after a stop', async () => {
+test('guidance after the turn has ended, or before Codex has started it, becomes a queued question, said so; queued questions wait for the user after a stop', async () => {
   const { desk, codex, notify, id, questions } = await threadOf(1);
   const late = await desk.steer(id, 'too late');
   assert.deepEqual([late.steered, !late.steered && late.notice], [false, texts.steeredToQueue]);
   assert.ok(!codex.methods().includes('turn/steer'));
+  let start = () => {};
+  codex.handlers['turn/start'] = () => new Promise((resolve) => { start = () => resolve({ turn: { id: 'turn-2' } }); });
   desk.ask(id, asked('long'));
+  await settle();
+  // Codex has not yet said which turn it runs: nothing to steer, and the sentence says why.
+  const early = await desk.steer(id, 'too early');
+  assert.deepEqual([early.steered, !early.steered && early.notice], [false, texts.steeredNotReady]);
+  start();
   await settle();
   await desk.stop(id);
   notify('turn/completed', { turn: { id: 'turn-2', status: 'interrupted', error: null } }, 'codex-1', 'turn-2');
   await settle();
   assert.deepEqual(questions(), ['q1', 'long']);
-  assert.deepEqual(desk.threads.thread(id)!.queued.map((queued) => queued.text), ['too late']);
+  assert.deepEqual(desk.threads.thread(id)!.queued.map((queued) => queued.text), ['too late', 'too early']);
 });
 
 test('a branch: Codex\'s fork through the turn, a copy of the folder, the turns through it; a large folder asks first', async () => {

@@ -143,7 +143,9 @@ export class ResearchDesk {
     checkQuestion(text);
     if (!this.threads.exists(threadId)) throw new Refusal('noSuchThread');
     if (await this.turns.steer(threadId, text)) return { steered: true };
-    return { steered: false, queued: this.queue.add(threadId, text), notice: texts.steeredToQueue };
+    // Still running: Codex has not yet said which turn it runs, or a stop is on its way.
+    const notice = this.turns.isRunning(threadId) ? texts.steeredNotReady : texts.steeredToQueue;
+    return { steered: false, queued: this.queue.add(threadId, text), notice };
   }
 
   /** A question kept until the running turn completes. */
