@@ -6,7 +6,7 @@ import { fileURLToPath } from 'node:url';
 import type { IncomingMessage, ServerResponse } from 'node:http';
 import type { Duplex } from 'node:stream';
 import { CodexAppServer } from './codex/appServer.ts';
-import { endThreadCommands, killSurvivors, treeOf } from './codex/commands.ts';
+import { endThreadCommands } from './codex/commands.ts';
 import { routeNotifications } from './codex/protocol.ts';
 import { Models } from './codex/models.ts';
 import { QUESTION_LIMIT_BYTES, ResearchDesk } from './research/desk.ts';
@@ -169,11 +169,7 @@ export function startWorkspace(boot: Boot): Workspace {
     async stop() {
       hub.closeAll();
       await desk.turns.shutdown();
-      // Whatever Codex started and its end does not take along is ended after it.
-      const pid = codex.pid;
-      const tree = pid === null ? [] : await treeOf(pid).catch(() => []);
       await codex.stop();
-      await killSurvivors(tree).catch(() => 0);
       store.close();
     },
   };
