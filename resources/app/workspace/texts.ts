@@ -51,7 +51,6 @@ export const texts = {
   foreignUser: '这个工作区属于这台电脑上的另一个用户账户。',
   notFound: '没有这个地址。',
   badPosition: '要读取的位置不对。',
-  searchTooLong: (limit: number) => `搜索内容太长了：请不要超过 ${limit} 个字符。`,
   notWebSocket: '这个地址只接受 WebSocket 连接。',
   storeUnavailable: (reason: string) => `现在无法保存新的问题：${reason}`,
   stopping: '工作区服务正在停止。',
@@ -85,6 +84,7 @@ export const texts = {
   folderUnsafe: '这个线程的文件夹不是普通文件夹，不能往里放文件。',
   badDraft: '这次上传没有对应的问题草稿：请刷新页面后重新添加文件。',
   badChoice: '模型或推理强度的名称不对。',
+  codexNotRunning: 'Codex 还没有启动',
   modelsUnavailable: (reason: string) => `现在无法读取 Codex 提供的模型：${reason}`,
   internal: (detail: string) => `工作区服务出错（${detail}），详情见数据文件夹中的运行日志。`,
   // What Codex is told beside the question: files it was given, and a thread it no longer has.

@@ -65,6 +65,8 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
       ['a preflight', 'OPTIONS', '/api/threads', undefined, { origin: 'http://evil.example' }, 405, texts.methodNotAllowed],
       ['another host name', 'GET', '/', undefined, { host: 'evil.example' }, 421, texts.foreignHost],
       ['a path out of the page\'s folder', 'GET', '/%2e%2e/server.mjs', undefined, {}, 404, texts.notFound],
+      ['search text over the limit of a request\'s head', 'GET', `/api/search?q=${'x'.repeat(16 << 10)}`, undefined, {}, 400, texts.searchTooLong(200)],
+      ['search text of 100,000 characters', 'GET', `/api/search?q=${encodeURIComponent('字'.repeat(100_000))}`, undefined, {}, 400, texts.searchTooLong(200)],
       ['search text over the limit', 'GET', `/api/search?q=${encodeURIComponent('字'.repeat(201))}`, undefined, {}, 400, texts.searchTooLong(200)],
       ['an event stream with no origin', 'GET', '/api/events', undefined, stream({ origin: '' }), 403, texts.foreignOrigin],
       ['an event stream for another origin', 'GET', '/api/events', undefined, stream({ origin: 'http://evil.example' }), 403, texts.foreignOrigin],
