@@ -112,7 +112,7 @@ export function startWorkspace(boot: Boot): Workspace {
       desk.turns.onCodexExit();
     },
   });
-  const models = new Models(codex);
+  const models = new Models(codex, () => codex.running);
 
   const account = new AccountDesk({
     codex, clock,

@@ -138,6 +138,13 @@ test('a Codex that cannot serve is named in one sentence, where the turn failed 
   }
 });
 
+test('reading the models, which any site can make a browser do, does not start Codex', async () => {
+  await withService({}, async (service, methods) => {
+    const answer = await service.request('GET', '/api/models');
+    assert.deepEqual([answer.status, methods()], [503, []]);
+  });
+});
+
 test('an app-server that dies mid-turn: the turn says so, the next question starts Codex again', async () => {
   await withService({ FAKE_CODEX_DIE: 'mid-turn' }, async (service, methods) => {
     const created = await service.request('POST', '/api/threads', { question: 'one' });

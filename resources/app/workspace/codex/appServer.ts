@@ -77,6 +77,11 @@ export class CodexAppServer implements CodexPort {
     return this.#connection && !this.#connection.closed ? (this.#child?.pid ?? null) : null;
   }
 
+  /** Whether an app-server process is there (starting, running or being ended). */
+  get running(): boolean {
+    return this.#child !== null;
+  }
+
   connect(): Promise<RpcConnection> {
     if (this.#stopping) return Promise.reject(new RpcClosed(texts.stopping));
     // Only once the handshake is done (and the version accepted) does anything else go to it.
