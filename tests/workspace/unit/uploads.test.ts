@@ -2,7 +2,11 @@
 // are, which are refused and why, how a taken name is numbered, and what a choice comes to.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { checkName, numbered } from '../../../resources/app/workspace/files/uploads.ts';
+import { readdirSync } from 'node:fs';
+import { checkName, numbered, saveUpload } from '../../../resources/app/workspace/files/uploads.ts';
+import { answerOf } from '../../../resources/app/workspace/http/refusals.ts';
+import { texts } from '../../../resources/app/workspace/texts.ts';
+import { temporaryFolder } from '../../harness/service.ts';
 import { fileNameOf } from '../../../resources/app/workspace/http/parse.ts';
 import { resolveChoice } from '../../../resources/app/workspace/codex/models.ts';
 import { Refusal } from '../../../resources/app/workspace/refusal.ts';
@@ -44,6 +48,17 @@ test('a name in its header is percent-encoded UTF-8, decoded before the rule', (
     [undefined, 'refused: fileNameMissing'],
   ];
   for (const [header, expected] of rows) assert.equal(outcome(() => fileNameOf(header)), expected, String(header));
+});
+
+test('an upload the disk has no room for is told as a full disk (503), and leaves no part behind', async () => {
+  const folder = temporaryFolder('lm-upload-');
+  async function* body() {
+    yield Buffer.from('first part');
+    throw Object.assign(new Error('ENOSPC: no space left on device, write'), { code: 'ENOSPC' });
+  }
+  const error = await saveUpload(body(), folder, 'a.txt').catch((caught: unknown) => caught);
+  assert.deepEqual(answerOf(error), { status: 503, message: texts.storeUnavailable(texts.storageFull) });
+  assert.deepEqual(readdirSync(folder), []);
 });
 
 test('a taken name is numbered before its extension', () => {
