@@ -50,7 +50,7 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
       upgrade: 'websocket', connection: 'Upgrade', 'sec-websocket-key': 'dGhlIHNhbXBsZSBub25jZQ==', 'sec-websocket-version': '13',
       origin: `http://127.0.0.1:${service.port}`, ...headers,
     });
-    const cases: [string, string, string, unknown, Record<string, string>, number, string][] = [
+    const cases: [string, string, string, unknown, Record<string, string>, number, string | undefined][] = [
       ['a body that is not JSON', 'POST', '/api/threads', '{"question":', {}, 400, texts.notJson],
       ['JSON that is not an object', 'POST', '/api/threads', '"question"', {}, 400, texts.notJson],
       ['a question that is not text', 'POST', '/api/threads', { question: 42 }, {}, 400, texts.emptyQuestion],
@@ -64,6 +64,13 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
       ['no origin at all', 'POST', '/api/threads', { question: 'hi' }, { origin: '' }, 403, texts.foreignOrigin],
       ['a preflight', 'OPTIONS', '/api/threads', undefined, { origin: 'http://evil.example' }, 405, texts.methodNotAllowed],
       ['another host name', 'GET', '/', undefined, { host: 'evil.example' }, 421, texts.foreignHost],
+      ['another port of the loopback address', 'GET', '/api/threads', undefined, { host: '127.0.0.1:1' }, 421, texts.foreignHost],
+      ['a name that only begins as the service\'s', 'GET', '/api/threads', undefined, { host: `127.0.0.1:${service.port}0` }, 421, texts.foreignHost],
+      ['localhost, in any case, is the service\'s own', 'GET', '/api/threads', undefined, { host: `LocalHost:${service.port}` }, 200, undefined],
+      ['a page on another local port', 'POST', '/api/threads', { question: 'hi' }, { origin: 'http://127.0.0.1:1' }, 403, texts.foreignOrigin],
+      ['plain text, which any form can send', 'POST', '/api/threads', '{"question":"hi"}', { 'content-type': 'text/plain' }, 400, texts.needsJson],
+      ['an upload sent as text', 'POST', '/api/uploads?draft=abcdefgh', 'x', { 'content-type': 'text/plain', 'x-file-name': 'a.txt' }, 400, texts.fileNeedsBytes],
+      ['an event stream from a page on another local port', 'GET', '/api/events', undefined, stream({ origin: 'http://127.0.0.1:1' }), 403, texts.foreignOrigin],
       ['a path out of the page\'s folder', 'GET', '/%2e%2e/server.mjs', undefined, {}, 404, texts.notFound],
       ['search text over the limit of a request\'s head', 'GET', `/api/search?q=${'x'.repeat(16 << 10)}`, undefined, {}, 400, texts.searchTooLong(200)],
       ['search text of 100,000 characters', 'GET', `/api/search?q=${encodeURIComponent('字'.repeat(100_000))}`, undefined, {}, 400, texts.searchTooLong(200)],
