@@ -193,6 +193,17 @@ test('on SIGTERM, running turns are interrupted and kept so, and the app-server 
   });
 });
 
+test('a store of a newer version: a question is answered, and nothing of it is left in the data folder', async () => {
+  const dataFolder = temporaryFolder('lm-data-');
+  const newer = new DatabaseSync(join(dataFolder, 'workspace.db'));
+  newer.exec('PRAGMA user_version = 999');
+  newer.close();
+  await withService({}, async (service) => {
+    assert.equal((await service.request('POST', '/api/threads', { question: 'hi' })).status, 201);
+    assert.deepEqual(readdirSync(dataFolder), ['workspace.db']);
+  }, { dataFolder });
+});
+
 test('a data folder that cannot be written: the page says so, questions are refused, health answers', async () => {
   const dataFolder = join(temporaryFolder('lm-data-'), 'data');
   writeFileSync(dataFolder, 'a file where the folder should be');
