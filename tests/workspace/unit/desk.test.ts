@@ -10,6 +10,7 @@ import { ThreadStore, StoreError } from '../../../resources/app/workspace/store/
 import { RpcError } from '../../../resources/app/workspace/codex/rpc.ts';
 import { routeNotifications } from '../../../resources/app/workspace/codex/protocol.ts';
 import { VirtualClock, settle } from '../../harness/clock.ts';
+import { texts } from '../../../resources/app/workspace/texts.ts';
 import { temporaryFolder } from '../../harness/service.ts';
 
 /** Codex as the test scripts it: each method answers, fails, or waits for the test. */
@@ -101,6 +102,18 @@ test('a stop before Codex started the turn: the turn never starts', async () => 
   await settle();
   assert.deepEqual(codex.methods(), ['thread/start']);
   assert.equal(desk.threads.thread(thread.id)!.turns[0]!.status, 'stopped');
+});
+
+test('a turn cut short by the service\'s end says so, though Codex reports it interrupted first', async () => {
+  const { desk, codex, notify } = deskFixture();
+  const { thread } = desk.create(asked('long'));
+  await settle();
+  codex.handlers['turn/interrupt'] = () => {
+    notify('turn/completed', { turn: { id: 'turn-1', status: 'interrupted', items: [], error: null } });
+    return {};
+  };
+  await desk.turns.shutdown();
+  assert.equal(desk.threads.thread(thread.id)!.turns[0]!.error, texts.turnCutByServiceEnd);
 });
 
 test('a Codex that does not confirm a stop: the turn is stopped at the deadline, and what it sends later goes nowhere', async () => {
