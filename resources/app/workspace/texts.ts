@@ -63,6 +63,7 @@ export const texts = {
   exportHeading: (created: string, updated: string) => `创建于 ${created}，最后更新于 ${updated}。由 Lanternmoor Pro 研究工作区导出。`,
   exportQuestion: (position: number) => `问题 ${position}`,
   exportAnswer: '回答',
+  exportAttachments: '附带的文件',
   exportCommand: (exitCode: number | null) => (exitCode === null ? '运行命令' : `运行命令（退出码 ${exitCode}）`),
   exportDropped: (count: number) => `（输出过长，省略了 ${count} 个字符）`,
   exportFiles: '修改文件',

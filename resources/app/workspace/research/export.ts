@@ -1,4 +1,4 @@
-// A thread as one Markdown file: its questions, answers, commands with their output and the files
+// A thread as one Markdown file: its questions with the files they carried, answers, commands with their output and the files
 // Codex changed, in the order they happened. Reasoning and tool calls stay out: they are working
 // notes, not the research.
 import { texts } from '../texts.ts';
@@ -44,7 +44,10 @@ function itemMarkdown(item: Item): string | null {
 }
 
 function turnMarkdown(turn: Turn): string {
-  const parts = [`## ${texts.exportQuestion(turn.position + 1)}`, quoted(turn.question), `### ${texts.exportAnswer}`];
+  const parts = [`## ${texts.exportQuestion(turn.position + 1)}`, quoted(turn.question)];
+  const files = turn.attachments ?? [];
+  if (files.length > 0) parts.push([`**${texts.exportAttachments}**`, ...files.map((name) => `- \`${name}\``)].join('\n'));
+  parts.push(`### ${texts.exportAnswer}`);
   for (const item of turn.items) {
     const text = itemMarkdown(item);
     if (text !== null) parts.push(text);
