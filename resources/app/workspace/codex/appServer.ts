@@ -3,7 +3,7 @@
 // given up on (silent, refused, stopped) ends with everything it started before another starts.
 import { spawn, type ChildProcess } from 'node:child_process';
 import { RpcClosed, RpcConnection, RpcError } from './rpc.ts';
-import { killSurvivors, systemProcesses, treeOf, type ProcessTable } from './commands.ts';
+import { killSurvivors, treeOf } from './commands.ts';
 import type { CodexMethod, CodexPort, CodexRequests } from './protocol.ts';
 import { texts } from '../texts.ts';
 import type { Clock } from '../clock.ts';
@@ -30,7 +30,6 @@ export interface AppServerOptions {
   onNotification(method: string, params: unknown): void;
   /** The app-server has ended: every turn that ran through it is over. */
   onExit(): void;
-  processes?: ProcessTable;
 }
 
 /** Refused to start, with the sentence the page shows. */
@@ -123,7 +122,7 @@ export class CodexAppServer implements CodexPort {
     const exited = new Promise<void>((resolve) => child.once('exit', () => resolve()));
     // Read while it runs: once it has ended, what it started is no longer below it. Nothing that
     // may end it goes before the reading is done, however soon the clock says.
-    const tree = treeOf(child.pid, this.#options.processes).catch(() => []);
+    const tree = treeOf(child.pid).catch(() => []);
     void tree.then(() => {
       child.stdin?.end();
       if (givenUp) child.stdout?.destroy();
@@ -133,7 +132,7 @@ export class CodexAppServer implements CodexPort {
     await exited;
     term.cancel();
     kill.cancel();
-    await killSurvivors(await tree, this.#options.processes).catch(() => 0);
+    await killSurvivors(await tree).catch(() => 0);
   }
 
   #setState(state: CodexState): void {

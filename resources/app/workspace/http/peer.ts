@@ -11,7 +11,10 @@ export interface Endpoint {
   port: number;
 }
 
-/** /proc/net/tcp's form of an IPv4 endpoint (tcp6's of an IPv4-mapped one): the address in little-endian words, both in hex. */
+/**
+ * /proc/net/tcp's form of an IPv4 endpoint (tcp6's of an IPv4-mapped one): the address in
+ * little-endian words, both in hex.
+ */
 export function procNetForm(endpoint: Endpoint): string {
   const mapped = endpoint.address.startsWith('::ffff:');
   const octets = endpoint.address.slice(mapped ? 7 : 0).split('.').map(Number);

@@ -1,6 +1,6 @@
-// A thread as one Markdown file: its questions with the files they carried, answers, commands with their output and the files
-// Codex changed, in the order they happened. Reasoning and tool calls stay out: they are working
-// notes, not the research.
+// A thread as one Markdown file: its questions with the files they carried, answers, commands with
+// their output and the files Codex changed, in the order they happened. Reasoning and tool calls
+// stay out: they are working notes, not the research.
 import { texts } from '../texts.ts';
 import type { Item, Thread, Turn } from '../model.ts';
 
