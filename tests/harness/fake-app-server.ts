@@ -39,7 +39,7 @@ createInterface({ input: process.stdin }).on('line', (line) => {
   const answer = (result: object) => send({ id: message.id, result });
   switch (message.method) {
     case 'initialize':
-      if (die === 'silent' || die === 'hang' || die === 'flood') return;
+      if (die === 'hang' || die === 'flood') return;
       answer({ userAgent: version === 'garbage' ? 'codex' : `lanternmoor/${version} (fake)` });
       return;
     case 'account/read':
