@@ -84,7 +84,7 @@ for (const [kind, endsAt] of [['deaf', 1000], ['stubborn', 1500]] as const) {
 
 test('what is asked while Codex starts waits for its handshake, and is refused with it', async () => {
   const log = join(temporaryFolder('lm-fake-'), 'methods');
-  for (const [version, outcome] of [['0.169.0', 'answered'], ['0.100.0', 'refused']] as const) {
+  for (const [version, outcome] of [['0.169.0', 'answered'], ['0.99.0', 'refused']] as const) {
     const { server } = appServer({ FAKE_CODEX_LOG: log, FAKE_CODEX_VERSION: version });
     const first = server.connect();
     const asked = server.request('thread/start', {}).then(() => 'answered', () => 'refused');

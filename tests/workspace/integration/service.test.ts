@@ -62,6 +62,7 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
       ['a second question while one runs', 'POST', `/api/threads/${id}/turns`, { question: 'third' }, {}, 409, texts.turnRunning],
       ['another origin', 'POST', '/api/threads', { question: 'hi' }, { origin: 'http://evil.example' }, 403, texts.foreignOrigin],
       ['no origin at all', 'POST', '/api/threads', { question: 'hi' }, { origin: '' }, 403, texts.foreignOrigin],
+      ['a DELETE from another site', 'DELETE', '/api/threads', undefined, { origin: 'http://evil.example' }, 403, texts.foreignOrigin],
       ['a preflight', 'OPTIONS', '/api/threads', undefined, { origin: 'http://evil.example' }, 405, texts.methodNotAllowed],
       ['another host name', 'GET', '/', undefined, { host: 'evil.example' }, 421, texts.foreignHost],
       ['another port of the loopback address', 'GET', '/api/threads', undefined, { host: '127.0.0.1:1' }, 421, texts.foreignHost],

@@ -75,11 +75,12 @@ test('a new thread: an owner-only folder, and a Codex thread working there that 
 });
 
 test('a thread Codex no longer has is started afresh, with the thread so far before the question', async () => {
-  const { desk, codex, notify } = deskFixture();
+  const { desk, codex, notify, store } = deskFixture();
   const { thread } = desk.create(asked('first question'));
   await settle();
   notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } });
   notify('item/completed', { item: { type: 'agentMessage', id: 'a', text: 'first answer' } });
+  assert.equal(store.readThread(thread.id)!.turns[0]!.items[0]!.status, 'completed', 'an ended item is written at once');
   notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
   desk.turns.onCodexExit();
   codex.handlers['thread/resume'] = () => { throw new RpcError(-32600, 'no rollout found for thread id codex-1'); };
