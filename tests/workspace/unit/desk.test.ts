@@ -92,17 +92,21 @@ test('a thread Codex no longer has is started afresh, with the thread so far bef
   assert.equal(codex.calls.at(-1)![1].threadId, 'codex-2');
 });
 
-test('a stop before Codex started the turn: the turn never starts', async () => {
-  const { desk, codex } = deskFixture();
-  let startThread!: (value: unknown) => void;
-  codex.handlers['thread/start'] = () => new Promise((resolve) => { startThread = resolve; });
-  const { thread } = desk.create(asked('never mind'));
-  await settle();
-  await desk.stop(thread.id);
-  startThread({ thread: { id: 'codex-1' } });
-  await settle();
-  assert.deepEqual(codex.methods(), ['thread/start']);
-  assert.equal(desk.threads.thread(thread.id)!.turns[0]!.status, 'stopped');
+test('a stop while Codex starts the thread: the turn never starts; while it starts the turn: Codex is told once it names it', async () => {
+  const rows: [string, string[]][] = [['thread/start', ['thread/start']], ['turn/start', ['thread/start', 'turn/start', 'turn/interrupt']]];
+  for (const [held, methods] of rows) {
+    const { desk, codex } = deskFixture();
+    const answer = codex.handlers[held]!;
+    let release!: () => void;
+    codex.handlers[held] = (params) => new Promise((resolve) => { release = () => resolve(answer(params)); });
+    const { thread } = desk.create(asked('never mind'));
+    await settle();
+    void desk.stop(thread.id);
+    await settle();
+    release();
+    await settle();
+    assert.deepEqual(codex.methods(), methods, held);
+  }
 });
 
 test('a turn cut short by the service\'s end says so, though Codex reports it interrupted first', async () => {

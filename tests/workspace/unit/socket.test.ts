@@ -23,7 +23,8 @@ test('what a page sends: pings answered, a close returned, text ignored, foreign
     ['text, then a ping', [Buffer.concat([masked(0x1, 'words'), masked(0x9, '')])], [0x8a, 0]],
     ['a close', [masked(0x8, '')], close(1000)],
     ['an unmasked frame', [Buffer.from([0x89, 0])], close(1002)],
-    ['a frame over the limit', [masked(0x1, '', 1 << 20).subarray(0, 10)], close(1009)],
+    ['a frame of 64 KiB, waited for', [masked(0x1, '', 64 << 10).subarray(0, 10)], []],
+    ['a frame a byte over 64 KiB', [masked(0x1, '', (64 << 10) + 1).subarray(0, 10)], close(1009)],
   ];
   for (const [what, chunks, answer] of cases) {
     const written: Buffer[] = [];
