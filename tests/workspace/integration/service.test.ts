@@ -33,8 +33,8 @@ const query = (service: Running, sql: string) => {
 async function twoTurns(service: Running) {
   const created = await service.request('POST', '/api/threads', { question: 'finished' });
   const id: string = created.body.thread.id;
-  const page = service.stream(id);
-  await page.wait('turn', (e) => e.turn.status === 'completed');
+  // Read back, not awaited on a stream: the turn may end before a page could connect.
+  await until('the first turn to end', async () => (await service.request('GET', `/api/threads/${id}`)).body.thread.turns[0].status === 'completed');
   const second = await service.request('POST', `/api/threads/${id}/turns`, { question: 'cut' });
   await until('the running turn\'s item to be kept', () => query(service, `SELECT 1 FROM items WHERE turn_id = '${second.body.turn.id}'`).length);
   return id;
