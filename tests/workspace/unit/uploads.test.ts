@@ -2,7 +2,8 @@
 // are, which are refused and why, how a taken name is numbered, and what a choice comes to.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { readdirSync } from 'node:fs';
+import { readdirSync, symlinkSync } from 'node:fs';
+import { join } from 'node:path';
 import { checkName, numbered, saveUpload } from '../../../resources/app/workspace/files/uploads.ts';
 import { answerOf } from '../../../resources/app/workspace/http/refusals.ts';
 import { texts } from '../../../resources/app/workspace/texts.ts';
@@ -59,6 +60,14 @@ test('an upload the disk has no room for is told as a full disk (503), and leave
   const error = await saveUpload(body(), folder, 'a.txt').catch((caught: unknown) => caught);
   assert.deepEqual(answerOf(error), { status: 503, message: texts.storeUnavailable(texts.storageFull) });
   assert.deepEqual(readdirSync(folder), []);
+});
+
+test('a folder replaced by a link is refused, and nothing is written where it leads', async () => {
+  const [outside, data] = [temporaryFolder('lm-outside-'), temporaryFolder('lm-upload-')];
+  symlinkSync(outside, join(data, 'draft'));
+  async function* body() { yield Buffer.from('x'); }
+  const error = await saveUpload(body(), join(data, 'draft'), 'a.txt').catch((caught: unknown) => caught);
+  assert.deepEqual([answerOf(error)?.status, readdirSync(outside)], [409, []]);
 });
 
 test('a taken name is numbered before its extension', () => {
