@@ -75,6 +75,7 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
       ['a path out of the page\'s folder', 'GET', '/%2e%2e/server.mjs', undefined, {}, 404, texts.notFound],
       ['search text over the limit of a request\'s head', 'GET', `/api/search?q=${'x'.repeat(16 << 10)}`, undefined, {}, 400, texts.searchTooLong(200)],
       ['search text of 100,000 characters', 'GET', `/api/search?q=${encodeURIComponent('字'.repeat(100_000))}`, undefined, {}, 400, texts.searchTooLong(200)],
+      ['200 characters outside the BMP are not over the limit', 'GET', `/api/search?q=${encodeURIComponent('𝄞'.repeat(200))}`, undefined, {}, 200, undefined],
       ['search text over the limit', 'GET', `/api/search?q=${encodeURIComponent('字'.repeat(201))}`, undefined, {}, 400, texts.searchTooLong(200)],
       ['an event stream with no origin', 'GET', '/api/events', undefined, stream({ origin: '' }), 403, texts.foreignOrigin],
       ['an event stream for another origin', 'GET', '/api/events', undefined, stream({ origin: 'http://evil.example' }), 403, texts.foreignOrigin],

@@ -4,7 +4,7 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { readdirSync, symlinkSync } from 'node:fs';
 import { join } from 'node:path';
-import { checkName, numbered, saveUpload } from '../../../resources/app/workspace/files/uploads.ts';
+import { checkAttachments, checkName, numbered, saveUpload } from '../../../resources/app/workspace/files/uploads.ts';
 import { answerOf } from '../../../resources/app/workspace/http/refusals.ts';
 import { texts } from '../../../resources/app/workspace/texts.ts';
 import { temporaryFolder } from '../../harness/service.ts';
@@ -39,6 +39,12 @@ test('a file name is taken as the user gave it, or refused with the reason', () 
     ['汉'.repeat(67), 'refused: fileNameTooLong'],
   ];
   for (const [raw, expected] of rows) assert.equal(outcome(() => checkName(raw)), expected, JSON.stringify(raw));
+});
+
+test('a question brings at most 20 files', () => {
+  const names = (count: number) => Array.from({ length: count }, (_, i) => `${i}.txt`);
+  const folder = temporaryFolder('lm-upload-');
+  assert.deepEqual([20, 21].map((count) => outcome(() => checkAttachments(folder, names(count)).join())), ['refused: fileMissing', 'refused: tooManyFiles']);
 });
 
 test('a name in its header is percent-encoded UTF-8, decoded before the rule', () => {
