@@ -87,10 +87,10 @@ test('what is asked while Codex starts waits for its handshake, and is refused w
   for (const [version, outcome] of [['0.169.0', 'answered'], ['0.99.0', 'refused']] as const) {
     const { server } = appServer({ FAKE_CODEX_LOG: log, FAKE_CODEX_VERSION: version });
     const first = server.connect();
-    const asked = server.request('thread/start', {}).then(() => 'answered', () => 'refused');
-    assert.equal(await asked, outcome, version);
+    const asked = await server.request('thread/start', {}).then(() => 'answered', () => 'refused');
     await first.catch(() => {});
     await server.stop();
+    assert.equal(asked, outcome, version);
   }
   assert.deepEqual(readFileSync(log, 'utf8').trim().split('\n'), ['initialize', 'initialized', 'thread/start', 'initialize']);
 });
