@@ -141,6 +141,17 @@ say(`workspace service starting (pid ${process.pid})`);
 const server = createServer({ noDelay: true }, handle);
 server.on('upgrade', upgrade);
 
+// A head over Node.js's limit never reaches a route. The one request a page makes that long is a
+// search, whose own sentence is the answer, rather than a bare 431.
+server.on('clientError', (error, socket) => {
+  if (error.code !== 'HPE_HEADER_OVERFLOW' || !socket.writable) {
+    socket.destroy();
+    return;
+  }
+  const body = JSON.stringify({ error: entryTexts.searchTooLong() });
+  socket.end(`HTTP/1.1 400 Bad Request\r\nContent-Type: application/json; charset=utf-8\r\nContent-Length: ${Buffer.byteLength(body)}\r\nConnection: close\r\n\r\n${body}`);
+});
+
 server.on('error', (error) => {
   complain(`workspace service could not listen on http://${HOST}:${port}/: ${error.message}`);
   process.exit(1);

@@ -2,7 +2,8 @@
 // demand: a given version, silence, death in the middle of a turn. Told what to do through its
 // environment; writes each method it receives to FAKE_CODEX_LOG.
 import { createInterface } from 'node:readline';
-import { appendFileSync } from 'node:fs';
+import { appendFileSync, closeSync } from 'node:fs';
+import { spawn } from 'node:child_process';
 
 const version = process.env.FAKE_CODEX_VERSION ?? '0.169.0';
 const die = process.env.FAKE_CODEX_DIE ?? '';
@@ -38,7 +39,7 @@ createInterface({ input: process.stdin }).on('line', (line) => {
   const answer = (result: object) => send({ id: message.id, result });
   switch (message.method) {
     case 'initialize':
-      if (die === 'silent') return;
+      if (die === 'hang' || die === 'flood') return;
       answer({ userAgent: version === 'garbage' ? 'codex' : `lanternmoor/${version} (fake)` });
       return;
     case 'account/read':
@@ -66,7 +67,20 @@ createInterface({ input: process.stdin }).on('line', (line) => {
       send({ id: message.id, error: { code: -32601, message: `${message.method} is not faked` } });
   }
 });
-// Ones that will not go: deaf to the end of their input, and the stubborn one to SIGTERM too.
-if (die === 'stubborn') process.on('SIGTERM', () => {});
-if (die === 'stubborn' || die === 'deaf') setInterval(() => {}, 60_000);
-process.stdin.on('end', () => { if (die !== 'stubborn' && die !== 'deaf') process.exit(0); });
+// Ones that will not go: deaf to the end of their input, and the stubborn one to SIGTERM too;
+// ones that never start, holding a child of their own, one of them printing lines all the while.
+const stays = ['stubborn', 'deaf', 'hang', 'flood'].includes(die);
+if (die === 'stubborn' || die === 'hang' || die === 'flood') process.on('SIGTERM', () => {});
+if (stays) setInterval(() => {}, 60_000);
+if (die === 'hang' || die === 'flood') spawn(process.execPath, ['-e', 'setInterval(() => {}, 60_000)'], { stdio: 'ignore' });
+const flood = () => {
+  while (process.stdout.write(`${'stray line '.repeat(20)}\n`));
+  process.stdout.once('drain', flood);
+};
+if (die === 'flood') flood();
+// Its output closed well before its exit is seen: the exit is still what it is reported by.
+if (die === 'at-start') {
+  closeSync(1);
+  setTimeout(() => process.exit(1), 200);
+}
+process.stdin.on('end', () => { if (!stays) process.exit(0); });

@@ -159,6 +159,8 @@ export interface Running {
   request(method: string, path: string, body?: unknown, headers?: Record<string, string>): Promise<{ status: number; body: any; headers: Headers }>;
   stream(threadId?: string | null): EventStream;
   exited: Promise<[number | null, NodeJS.Signals | null]>;
+  /** What it has printed so far, as its run log would have it. */
+  output(): string;
 }
 
 /** app: another app folder (of another build, say) to run instead of the shipped one: benchmarks compare them. */
@@ -184,6 +186,7 @@ export async function startService(options: { codexPath: string; dataFolder?: st
   await until('the service to listen', () => output.includes('listening on'));
   return {
     url, port, child, dataFolder, exited,
+    output: () => output,
     request(method, path, body, headers = {}) {
       // node:http, not fetch: a test must be able to send any Host and Origin, or none.
       const payload = body === undefined ? undefined : Buffer.from(typeof body === 'string' ? body : JSON.stringify(body));

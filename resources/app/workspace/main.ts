@@ -1,12 +1,13 @@
 // The workspace: the store, Codex, the research desk, the event stream and the routes, wired
 // together once the entry is listening.
+import { mkdtempSync, rmSync } from 'node:fs';
 import { join } from 'node:path';
-import { homedir } from 'node:os';
+import { homedir, tmpdir } from 'node:os';
 import { fileURLToPath } from 'node:url';
 import type { IncomingMessage, ServerResponse } from 'node:http';
 import type { Duplex } from 'node:stream';
 import { CodexAppServer } from './codex/appServer.ts';
-import { endThreadCommands, killSurvivors, treeOf } from './codex/commands.ts';
+import { endThreadCommands } from './codex/commands.ts';
 import { routeNotifications } from './codex/protocol.ts';
 import { Models } from './codex/models.ts';
 import { QUESTION_LIMIT_BYTES, ResearchDesk } from './research/desk.ts';
@@ -50,17 +51,25 @@ export interface Workspace {
 
 const PUBLIC = fileURLToPath(new URL('../public', import.meta.url));
 
-function openStore(dataFolder: string, say: (line: string) => void): { store: ThreadStore; problem: string | null } {
+interface Opened {
+  store: ThreadStore;
+  problem: string | null;
+  /** The data folder holds what this service must not change (a newer version's, or a damaged store). */
+  untouchable: boolean;
+}
+
+function openStore(dataFolder: string, say: (line: string) => void): Opened {
   try {
     const store = ThreadStore.open(join(dataFolder, 'workspace.db'));
     const cut = store.recover(texts.turnCutByServiceEnd, Date.now());
     if (cut > 0) say(`marked ${cut} turn(s) cut short by the previous run's end as interrupted`);
-    return { store, problem: null };
+    return { store, problem: null, untouchable: false };
   } catch (error) {
     // The page still works, keeping nothing, and says so; what is on disk is left as it is.
     const problem = error instanceof StoreError ? describeStorage(error) : String(error);
     say(`the store in ${dataFolder} cannot be used (${error instanceof Error ? error.message : String(error)}); nothing will be kept`);
-    return { store: ThreadStore.open(':memory:'), problem };
+    const untouchable = error instanceof StoreError && (error.reason === 'newer' || error.reason === 'corrupt');
+    return { store: ThreadStore.open(':memory:'), problem, untouchable };
   }
 }
 
@@ -71,8 +80,11 @@ export function startWorkspace(boot: Boot): Workspace {
   process.umask(0o077);
   const dataFolder = env.LANTERNMOOR_DATA_DIR || join(homedir(), '.local', 'share', 'Lanternmoor Pro');
   const command = env.LANTERNMOOR_CODEX_PATH ?? '';
-  const { store, problem } = openStore(dataFolder, boot.say);
-  sweepDrafts(dataFolder, Date.now());
+  const { store, problem, untouchable } = openStore(dataFolder, boot.say);
+  // With nothing kept, the threads' folders and drafts are not kept either; one that cannot be
+  // written is left to refuse them, as it says.
+  const workFolder = untouchable ? mkdtempSync(join(tmpdir(), 'lanternmoor-')) : dataFolder;
+  sweepDrafts(workFolder, Date.now());
   const hub = new EventHub();
   const state: ServiceState = {
     codex: { state: 'idle', version: null },
@@ -114,7 +126,7 @@ export function startWorkspace(boot: Boot): Workspace {
       desk.turns.onCodexExit();
     },
   });
-  const models = new Models(codex);
+  const models = new Models(codex, () => codex.running);
 
   const account = new AccountDesk({
     codex, clock,
@@ -126,7 +138,7 @@ export function startWorkspace(boot: Boot): Workspace {
 
   const folderRules = { home: homedir(), dataFolder, uid: process.getuid?.() ?? -1 };
   const desk = new ResearchDesk({
-    store, codex, clock, ...folderRules,
+    store, codex, clock, ...folderRules, dataFolder: workFolder,
     publish: (event) => hub.publish(event),
     endCommands: async (threadId) => {
       const pid = codex.pid;
@@ -145,7 +157,7 @@ export function startWorkspace(boot: Boot): Workspace {
   const gate = new PeerGate(systemLookup, process.getuid?.() ?? -1);
   const handle = createRoutes({
     desk, account, models, gate, files: new StaticFiles(PUBLIC), complain: boot.complain,
-    uploads: { dataFolder, threadFolder: (id) => desk.threads.attachmentsFolder(id) },
+    uploads: { dataFolder: workFolder, threadFolder: (id) => desk.threads.attachmentsFolder(id) },
     lastChoice: () => store.lastChoice(), folderRules,
     openFolder: (path) => openOnDesktop(path, boot.complain),
   });
@@ -173,12 +185,9 @@ export function startWorkspace(boot: Boot): Workspace {
     async stop() {
       hub.closeAll();
       await desk.turns.shutdown();
-      // Whatever Codex started and its end does not take along is ended after it.
-      const pid = codex.pid;
-      const tree = pid === null ? [] : await treeOf(pid).catch(() => []);
       await codex.stop();
-      await killSurvivors(tree).catch(() => 0);
       store.close();
+      if (workFolder !== dataFolder) rmSync(workFolder, { recursive: true, force: true });
     },
   };
 }

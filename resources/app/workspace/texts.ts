@@ -51,7 +51,6 @@ export const texts = {
   foreignUser: '这个工作区属于这台电脑上的另一个用户账户。',
   notFound: '没有这个地址。',
   badPosition: '要读取的位置不对。',
-  searchTooLong: (limit: number) => `搜索内容太长了：请不要超过 ${limit} 个字符。`,
   notWebSocket: '这个地址只接受 WebSocket 连接。',
   storeUnavailable: (reason: string) => `现在无法保存新的问题：${reason}`,
   stopping: '工作区服务正在停止。',
@@ -66,6 +65,7 @@ export const texts = {
   exportHeading: (created: string, updated: string) => `创建于 ${created}，最后更新于 ${updated}。由 Lanternmoor Pro 研究工作区导出。`,
   exportQuestion: (position: number) => `问题 ${position}`,
   exportAnswer: '回答',
+  exportAttachments: '附带的文件',
   exportCommand: (exitCode: number | null) => (exitCode === null ? '运行命令' : `运行命令（退出码 ${exitCode}）`),
   exportDropped: (count: number) => `（输出过长，省略了 ${count} 个字符）`,
   exportFiles: '修改文件',
@@ -105,6 +105,7 @@ export const texts = {
   folderUnsafe: '这个线程的文件夹不是普通文件夹，不能往里放文件。',
   badDraft: '这次上传没有对应的问题草稿：请刷新页面后重新添加文件。',
   badChoice: '模型或推理强度的名称不对。',
+  codexNotRunning: 'Codex 还没有启动',
   modelsUnavailable: (reason: string) => `现在无法读取 Codex 提供的模型：${reason}`,
   // Permissions, what Codex asks to be allowed, and folders of the user's own.
   badPermission: '没有这种权限级别。',

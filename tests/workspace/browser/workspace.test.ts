@@ -1,6 +1,7 @@
 // The workspace as a user meets it: the real launcher starts the service, the real Codex answers
 // through the stand-in model, and Debian's Chromium shows it. Start, ask, watch the answer stream
-// in, follow up, run a command, stop, reload, quit, start again.
+// in, follow up, run a command, stop, reload, quit. (Many pages on one answer, and what a restart
+// finds: the service's own tests.)
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync } from 'node:fs';
@@ -23,9 +24,6 @@ const FIRST_ANSWER = [
 // The first answer pauses after its second delta until the test has seen that much of it.
 let release!: () => void;
 const halfway = new Promise<void>((resolve) => { release = resolve; });
-// So does the one eight pages watch, until all eight have it open.
-let releaseEight!: () => void;
-const eightOpen = new Promise<void>((resolve) => { releaseEight = resolve; });
 
 function script(request: ResponsesRequest) {
   const question = lastQuestion(request);
@@ -39,8 +37,6 @@ function script(request: ResponsesRequest) {
   }
   if (question.includes('很慢的命令')) return reply.command('echo started; sleep 300');
   if (question.includes('命令')) return reply.command('echo 命令输出-42', '先运行命令');
-  if (question.includes('第八页')) return reply.answer('第八页也能提问。');
-  if (question.includes('八个页面')) return { steps: [{ text: ['八页之一。', '八页之二。', '八页之三。', '八页之四。'], holdAfter: { index: 1, until: eightOpen } }] };
   if (question.includes('慢慢')) return reply.answer(Array.from({ length: 300 }, (_, i) => `第${i}句。`), 100);
   if (question.includes('401')) return reply.unauthorized();
   if (question.includes('模型')) return reply.missingModel();
@@ -49,7 +45,7 @@ function script(request: ResponsesRequest) {
 
 const foot = (turn: ReturnType<Page['locator']>) => turn.locator('.turn-foot');
 
-test('start, ask, stream, follow up, run a command, stop, reload, quit, start again: nothing lost, nothing left running', async (t) => {
+test('start, ask, stream, follow up, run a command, stop, reload, quit: nothing lost, nothing left running', async (t) => {
   const { sandbox, browser } = await world(t, script);
 
   const launcher = await Launcher.ready(sandbox);
@@ -118,23 +114,6 @@ test('start, ask, stream, follow up, run a command, stop, reload, quit, start ag
   await foot(fifth).getByText('已停止').waitFor();
   await until('the command to end', () => marked().length === 0, 5000);
 
-  const before = await page.locator('.turn').allTextContents();
-
-  // Eight pages of one browser profile follow one answer to its end, and the eighth still asks:
-  // their event streams do not hold the few connections a browser keeps to one host.
-  const context = await browser.newContext();
-  const tabs: Page[] = [];
-  for (let i = 0; i < 8; i += 1) tabs.push(await context.newPage());
-  await tabs[0]!.goto(WORKSPACE);
-  await (await ask(tabs[0]!, '八个页面一起看')).locator('.answer').getByText('八页之二').waitFor();
-  for (const tab of tabs.slice(1)) await tab.goto(tabs[0]!.url());
-  await Promise.all(tabs.map((tab) => tab.locator('.turn .answer').getByText('八页之二').waitFor()));
-  releaseEight();
-  await Promise.all(tabs.map((tab) => foot(tab.locator('.turn')).getByText('本轮用量').waitFor()));
-  for (const tab of tabs) assert.equal((await tab.locator('.turn .answer').textContent())?.trim(), '八页之一。八页之二。八页之三。八页之四。');
-  await (await ask(tabs[7]!, '第八页提问')).locator('.answer').getByText('第八页也能提问').waitFor();
-  await context.close();
-
   // Failures are said where they happened, in one sentence.
   await newThread(page);
   const unauthorized = await ask(page, '401 请回答');
@@ -147,14 +126,6 @@ test('start, ask, stream, follow up, run a command, stop, reload, quit, start ag
   // Quitting the launcher leaves nothing of the workspace running.
   await launcher.quit();
   await until('nothing of the sandbox to run', () => sandbox.leftovers().length === 0, 10_000);
-
-  // Started again, every thread is still there, as it was.
-  await Launcher.ready(sandbox);
-  const { page: again } = await openPage(browser, WORKSPACE);
-  await again.locator('.thread-entry').nth(2).waitFor();
-  await again.locator('.thread-entry', { hasText: '用 Markdown 介绍一下 SQLite' }).click();
-  await again.locator('.turn').nth(4).waitFor();
-  assert.deepEqual(await again.locator('.turn').allTextContents(), before);
 });
 
 test('a Codex that is not signed in: the page offers the sign-in, and sees one made in a terminal after a reload', async (t) => {

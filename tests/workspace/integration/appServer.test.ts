@@ -1,13 +1,14 @@
 // The app-server's life on a virtual clock: a start that never answers, and a stop it resists.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { readFileSync } from 'node:fs';
+import { existsSync, readFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { CodexAppServer } from '../../../resources/app/workspace/codex/appServer.ts';
 import { texts } from '../../../resources/app/workspace/texts.ts';
 import type { CodexState } from '../../../resources/app/workspace/model.ts';
 import { VirtualClock } from '../../harness/clock.ts';
-import { fakeCodex, temporaryFolder, until } from '../../harness/service.ts';
+import { treeOf } from '../../../resources/app/workspace/codex/commands.ts';
+import { fakeCodex, isRunning, temporaryFolder, until } from '../../harness/service.ts';
 
 function appServer(env: NodeJS.ProcessEnv) {
   const clock = new VirtualClock();
@@ -29,16 +30,39 @@ const alive = (pid: number) => {
   }
 };
 
-test('an app-server that never answers its start is given up after 20 s and let go', async () => {
-  const { server, clock, states } = appServer({ FAKE_CODEX_DIE: 'silent' });
-  const connecting = server.connect();
-  const refused = assert.rejects(connecting, new RegExp(texts.codexDidNotStart('启动后没有回应').replace(/[()（）]/g, '.')));
-  await until('the app-server to run', () => server.state.state === 'starting');
-  await clock.advance(19_999);
-  assert.equal(server.state.state, 'starting');
-  await clock.advance(1);
-  await refused;
-  assert.deepEqual(states.map((state) => state.state), ['starting', 'unavailable']);
+/** This process's CPU time so far, in clock ticks (user and system). */
+function cpuTicks(): number {
+  const stat = readFileSync('/proc/self/stat', 'utf8');
+  const fields = stat.slice(stat.lastIndexOf(')') + 2).split(' ');
+  return Number(fields[11]) + Number(fields[12]);
+}
+
+for (const kind of ['hang', 'flood'] as const) {
+  test(`an app-server given up on (${kind}) ends with everything under it, is read no more, and is not started twice meanwhile`, async () => {
+    const log = join(temporaryFolder('lm-fake-'), 'methods');
+    const { server, clock, states } = appServer({ FAKE_CODEX_DIE: kind, FAKE_CODEX_LOG: log });
+    const first = server.connect().catch((error: Error) => error.message);
+    await until('the start to be asked', () => existsSync(log));
+    const pid = server.pid!;
+    const below = await until('its child', async () => (await treeOf(pid))[0]?.pid);
+    await clock.advance(19_999);
+    assert.equal(server.state.state, 'starting');
+    await clock.advance(1);
+    const again = server.connect().catch((error: Error) => error.message);
+    await clock.advance(1_500);
+    assert.deepEqual([await first, await again], Array(2).fill(texts.codexDidNotStart(texts.codexSilent)));
+    assert.deepEqual(states.map((state) => state.state), ['starting', 'unavailable']);
+    // A SIGKILL sent is not yet a process gone.
+    await until('it and its child to end', () => ![pid, below].some(isRunning));
+    assert.equal(readFileSync(log, 'utf8'), 'initialize\n');
+    const before = cpuTicks();
+    await new Promise((resolve) => setTimeout(resolve, 500));
+    assert.ok(cpuTicks() - before < 10, 'idle once it has given up');
+  });
+}
+
+test('an app-server that exits at start is reported by its exit, though its output closed first', async () => {
+  await assert.rejects(appServer({ FAKE_CODEX_DIE: 'at-start' }).server.connect(), { message: texts.codexDidNotStart(texts.exitCode(1)) });
 });
 
 for (const [kind, endsAt] of [['deaf', 1000], ['stubborn', 1500]] as const) {
@@ -60,13 +84,13 @@ for (const [kind, endsAt] of [['deaf', 1000], ['stubborn', 1500]] as const) {
 
 test('what is asked while Codex starts waits for its handshake, and is refused with it', async () => {
   const log = join(temporaryFolder('lm-fake-'), 'methods');
-  for (const [version, outcome] of [['0.169.0', 'answered'], ['0.100.0', 'refused']] as const) {
+  for (const [version, outcome] of [['0.169.0', 'answered'], ['0.99.0', 'refused']] as const) {
     const { server } = appServer({ FAKE_CODEX_LOG: log, FAKE_CODEX_VERSION: version });
     const first = server.connect();
-    const asked = server.request('thread/start', {}).then(() => 'answered', () => 'refused');
-    assert.equal(await asked, outcome, version);
+    const asked = await server.request('thread/start', {}).then(() => 'answered', () => 'refused');
     await first.catch(() => {});
     await server.stop();
+    assert.equal(asked, outcome, version);
   }
   assert.deepEqual(readFileSync(log, 'utf8').trim().split('\n'), ['initialize', 'initialized', 'thread/start', 'initialize']);
 });

@@ -9,12 +9,12 @@ import { once } from 'node:events';
 import { lsofLookup, procNetLookup, type PeerLookup } from '../../../resources/app/workspace/http/peer.ts';
 import { NODE } from '../../harness/service.ts';
 
-async function ownerOfConnectionFrom(uid: number | null, lookup: PeerLookup): Promise<number | null> {
+async function ownerOfConnectionFrom(uid: number | null, lookup: PeerLookup, host = '127.0.0.1'): Promise<number | null> {
   const server = createServer().listen(0, '127.0.0.1');
   await once(server, 'listening');
   const { port } = server.address() as import('node:net').AddressInfo;
   const accepted = once(server, 'connection') as Promise<[Socket]>;
-  const client = spawn(NODE, ['-e', `require('node:net').connect(${port}, '127.0.0.1'); setTimeout(() => {}, 30000)`],
+  const client = spawn(NODE, ['-e', `require('node:net').connect(${port}, '${host}'); setTimeout(() => {}, 30000)`],
     uid === null ? {} : { uid, gid: uid });
   try {
     const [socket] = await accepted;
@@ -33,6 +33,10 @@ const lookups: [string, PeerLookup][] = [['/proc/net/tcp', procNetLookup], ['lso
 test('lsof: a connection is its owner\'s (another account\'s, when this one may act as another), not the listener\'s', async () => {
   const other = process.getuid!() === 0 ? 65534 : null;
   assert.equal(await ownerOfConnectionFrom(other, lsofLookup), other ?? process.getuid!());
+});
+
+test('/proc/net/tcp6: a connection from an IPv6 socket to the IPv4 address is its owner\'s', async () => {
+  assert.equal(await ownerOfConnectionFrom(null, procNetLookup, '::ffff:127.0.0.1'), process.getuid!());
 });
 
 test('a connection that is gone by the time it is looked up belongs to nobody', async () => {

@@ -35,8 +35,8 @@ const APPROVAL = '00000000-0000-4000-8000-000000000000';
 async function twoTurns(service: Running) {
   const created = await service.request('POST', '/api/threads', { question: 'finished' });
   const id: string = created.body.thread.id;
-  // Read from the store: a stream opened after the question may open after its turn ended.
-  await until('the first turn to be kept as completed', () => query(service, `SELECT 1 FROM turns WHERE thread_id = '${id}' AND status = 'completed'`).length);
+  // Read back, not awaited on a stream: the turn may end before a page could connect.
+  await until('the first turn to end', async () => (await service.request('GET', `/api/threads/${id}`)).body.thread.turns[0].status === 'completed');
   const second = await service.request('POST', `/api/threads/${id}/turns`, { question: 'cut' });
   await until('the running turn\'s item to be kept', () => query(service, `SELECT 1 FROM items WHERE turn_id = '${second.body.turn.id}'`).length);
   return id;
@@ -52,7 +52,7 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
       upgrade: 'websocket', connection: 'Upgrade', 'sec-websocket-key': 'dGhlIHNhbXBsZSBub25jZQ==', 'sec-websocket-version': '13',
       origin: `http://127.0.0.1:${service.port}`, ...headers,
     });
-    const cases: [string, string, string, unknown, Record<string, string>, number, string][] = [
+    const cases: [string, string, string, unknown, Record<string, string>, number, string | undefined][] = [
       ['a body that is not JSON', 'POST', '/api/threads', '{"question":', {}, 400, texts.notJson],
       ['JSON that is not an object', 'POST', '/api/threads', '"question"', {}, 400, texts.notJson],
       ['a question that is not text', 'POST', '/api/threads', { question: 42 }, {}, 400, texts.emptyQuestion],
@@ -66,9 +66,20 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
       ['a queued question no longer queued', 'POST', `/api/threads/${id}/queue/change`, { id: 'sent', question: 'x' }, {}, 404, texts.noSuchQueued],
       ['another origin', 'POST', '/api/threads', { question: 'hi' }, { origin: 'http://evil.example' }, 403, texts.foreignOrigin],
       ['no origin at all', 'POST', '/api/threads', { question: 'hi' }, { origin: '' }, 403, texts.foreignOrigin],
+      ['a DELETE from another site', 'DELETE', '/api/threads', undefined, { origin: 'http://evil.example' }, 403, texts.foreignOrigin],
       ['a preflight', 'OPTIONS', '/api/threads', undefined, { origin: 'http://evil.example' }, 405, texts.methodNotAllowed],
       ['another host name', 'GET', '/', undefined, { host: 'evil.example' }, 421, texts.foreignHost],
+      ['another port of the loopback address', 'GET', '/api/threads', undefined, { host: '127.0.0.1:1' }, 421, texts.foreignHost],
+      ['a name that only begins as the service\'s', 'GET', '/api/threads', undefined, { host: `127.0.0.1:${service.port}0` }, 421, texts.foreignHost],
+      ['localhost, in any case, is the service\'s own', 'GET', '/api/threads', undefined, { host: `LocalHost:${service.port}` }, 200, undefined],
+      ['a page on another local port', 'POST', '/api/threads', { question: 'hi' }, { origin: 'http://127.0.0.1:1' }, 403, texts.foreignOrigin],
+      ['plain text, which any form can send', 'POST', '/api/threads', '{"question":"hi"}', { 'content-type': 'text/plain' }, 400, texts.needsJson],
+      ['an upload sent as text', 'POST', '/api/uploads?draft=abcdefgh', 'x', { 'content-type': 'text/plain', 'x-file-name': 'a.txt' }, 400, texts.fileNeedsBytes],
+      ['an event stream from a page on another local port', 'GET', '/api/events', undefined, stream({ origin: 'http://127.0.0.1:1' }), 403, texts.foreignOrigin],
       ['a path out of the page\'s folder', 'GET', '/%2e%2e/server.mjs', undefined, {}, 404, texts.notFound],
+      ['search text over the limit of a request\'s head', 'GET', `/api/search?q=${'x'.repeat(16 << 10)}`, undefined, {}, 400, texts.searchTooLong(200)],
+      ['search text of 100,000 characters', 'GET', `/api/search?q=${encodeURIComponent('字'.repeat(100_000))}`, undefined, {}, 400, texts.searchTooLong(200)],
+      ['200 characters outside the BMP are not over the limit', 'GET', `/api/search?q=${encodeURIComponent('𝄞'.repeat(200))}`, undefined, {}, 200, undefined],
       ['search text over the limit', 'GET', `/api/search?q=${encodeURIComponent('字'.repeat(201))}`, undefined, {}, 400, texts.searchTooLong(200)],
       ['an event stream with no origin', 'GET', '/api/events', undefined, stream({ origin: '' }), 403, texts.foreignOrigin],
       ['an event stream for another origin', 'GET', '/api/events', undefined, stream({ origin: 'http://evil.example' }), 403, texts.foreignOrigin],
@@ -144,12 +155,22 @@ test('a Codex that cannot serve is named in one sentence, where the turn failed 
   }
 });
 
+test('reading the models, which any site can make a browser do, does not start Codex', async () => {
+  await withService({}, async (service, methods) => {
+    const answer = await service.request('GET', '/api/models');
+    assert.deepEqual([answer.status, methods()], [503, []]);
+  });
+});
+
 test('an app-server that dies mid-turn: the turn says so, the next question starts Codex again', async () => {
   await withService({ FAKE_CODEX_DIE: 'mid-turn' }, async (service, methods) => {
     const created = await service.request('POST', '/api/threads', { question: 'one' });
-    const page = service.stream(created.body.thread.id);
-    const cut = await page.wait('turn', (e) => e.turn.status !== 'running');
-    assert.deepEqual([cut.turn.status, cut.turn.error], ['interrupted', texts.turnCutByCodexExit]);
+    // Read back, not awaited on a stream: Codex may be gone before a page could connect.
+    const cut = await until('the turn to end', async () => {
+      const [turn] = (await service.request('GET', `/api/threads/${created.body.thread.id}`)).body.thread.turns;
+      return turn.status !== 'running' && turn;
+    });
+    assert.deepEqual([cut.status, cut.error], ['interrupted', texts.turnCutByCodexExit]);
     await service.request('POST', `/api/threads/${created.body.thread.id}/turns`, { question: 'two' });
     await until('the thread to be resumed in a second app-server', () => methods().includes('thread/resume'));
     assert.deepEqual(methods().filter((m) => m.startsWith('thread/') || m === 'initialize'), ['initialize', 'thread/start', 'initialize', 'thread/resume']);
@@ -180,6 +201,17 @@ test('on SIGTERM, running turns are interrupted and kept so, and the app-server 
     assert.ok(methods().includes('turn/interrupt'));
     assert.deepEqual(query(service, 'SELECT status FROM turns ORDER BY position').map((row) => row.status), ['completed', 'interrupted']);
   });
+});
+
+test('a store of a newer version: a question is answered, and nothing of it is left in the data folder', async () => {
+  const dataFolder = temporaryFolder('lm-data-');
+  const newer = new DatabaseSync(join(dataFolder, 'workspace.db'));
+  newer.exec('PRAGMA user_version = 999');
+  newer.close();
+  await withService({}, async (service) => {
+    assert.equal((await service.request('POST', '/api/threads', { question: 'hi' })).status, 201);
+    assert.deepEqual(readdirSync(dataFolder), ['workspace.db']);
+  }, { dataFolder });
 });
 
 test('a data folder that cannot be written: the page says so, questions are refused, health answers', async () => {

@@ -4,11 +4,12 @@
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { request as httpRequest } from 'node:http';
+import { connect } from 'node:net';
 import { mkdirSync, readdirSync, readFileSync, symlinkSync, writeFileSync } from 'node:fs';
 import { join, relative } from 'node:path';
 import { texts } from '../../../resources/app/workspace/texts.ts';
 import { FILE_LIMIT_BYTES, FILE_LIMIT_TEXT } from '../../../resources/app/workspace/files/uploads.ts';
-import { fakeCodex, startService, temporaryFolder, type Running } from '../../harness/service.ts';
+import { fakeCodex, startService, temporaryFolder, until, type Running } from '../../harness/service.ts';
 
 const upload = (service: Running, place: string, name: string, body: string, headers: Record<string, string> = {}) =>
   service.request('POST', `/api/uploads?${place}`, body, { 'content-type': 'application/octet-stream', 'x-file-name': name, ...headers });
@@ -80,6 +81,16 @@ test('uploads: limits, names and links, and a draft moved into its thread', asyn
     assert.deepEqual(readdirSync(join(service.dataFolder, 'drafts', draft)), []);
     const missing = await service.request('POST', `/api/threads/${id}/turns`, { question: 'again', attachments: ['notes.md'] });
     assert.deepEqual([missing.status, missing.body.error], [409, texts.fileMissing('notes.md')]);
+
+    // A client gone midway (a page closed during an upload) is one line in the log, not a fault's stack.
+    const client = connect(service.port, '127.0.0.1');
+    client.write(`POST /api/uploads?${thread}&gone HTTP/1.1\r\nhost: 127.0.0.1:${service.port}\r\norigin: http://127.0.0.1:${service.port}\r\n`
+      + 'content-type: application/octet-stream\r\nx-file-name: gone.txt\r\ncontent-length: 1000\r\n\r\npart');
+    await until('the upload to begin', () => readdirSync(folder).some((name) => name.endsWith('.part')));
+    client.destroy();
+    await until('the log to say so', () => service.output().includes('&gone'));
+    assert.doesNotMatch(service.output(), /\n\s+at /);
+    await until('the part to go', () => !readdirSync(folder).some((name) => name.endsWith('.part')));
   } finally {
     service.child.kill('SIGKILL');
     await service.exited;

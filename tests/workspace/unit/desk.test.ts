@@ -9,6 +9,7 @@ import { StoreError } from '../../../resources/app/workspace/store/store.ts';
 import { RpcError } from '../../../resources/app/workspace/codex/rpc.ts';
 import { settle } from '../../harness/clock.ts';
 import { asked, deskFixture } from '../../harness/desk.ts';
+import { texts } from '../../../resources/app/workspace/texts.ts';
 import { temporaryFolder } from '../../harness/service.ts';
 
 test('a new thread: an owner-only folder, and a Codex thread working there that may write only there, asks before going beyond, searches live', async () => {
@@ -49,11 +50,12 @@ test('a thread in the user\'s own folder works there read only; a question\'s fi
 });
 
 test('a thread Codex no longer has is started afresh, with the thread so far before the question', async () => {
-  const { desk, codex, notify } = deskFixture();
+  const { desk, codex, notify, store } = deskFixture();
   const { thread } = desk.create(asked('first question'));
   await settle();
   notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } });
   notify('item/completed', { item: { type: 'agentMessage', id: 'a', text: 'first answer' } });
+  assert.equal(store.readThread(thread.id)!.turns[0]!.items[0]!.status, 'completed', 'an ended item is written at once');
   notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
   desk.turns.onCodexExit();
   codex.handlers['thread/resume'] = () => { throw new RpcError(-32600, 'no rollout found for thread id codex-1'); };
@@ -65,17 +67,33 @@ test('a thread Codex no longer has is started afresh, with the thread so far bef
   assert.equal(codex.calls.at(-1)![1].threadId, 'codex-2');
 });
 
-test('a stop before Codex started the turn: the turn never starts', async () => {
-  const { desk, codex } = deskFixture();
-  let startThread!: (value: unknown) => void;
-  codex.handlers['thread/start'] = () => new Promise((resolve) => { startThread = resolve; });
-  const { thread } = desk.create(asked('never mind'));
+test('a stop while Codex starts the thread: the turn never starts; while it starts the turn: Codex is told once it names it', async () => {
+  const rows: [string, string[]][] = [['thread/start', ['thread/start']], ['turn/start', ['thread/start', 'turn/start', 'turn/interrupt']]];
+  for (const [held, methods] of rows) {
+    const { desk, codex } = deskFixture();
+    const answer = codex.handlers[held]!;
+    let release!: () => void;
+    codex.handlers[held] = (params) => new Promise((resolve) => { release = () => resolve(answer(params)); });
+    const { thread } = desk.create(asked('never mind'));
+    await settle();
+    void desk.stop(thread.id);
+    await settle();
+    release();
+    await settle();
+    assert.deepEqual(codex.methods(), methods, held);
+  }
+});
+
+test('a turn cut short by the service\'s end says so, though Codex reports it interrupted first', async () => {
+  const { desk, codex, notify } = deskFixture();
+  const { thread } = desk.create(asked('long'));
   await settle();
-  await desk.stop(thread.id);
-  startThread({ thread: { id: 'codex-1' } });
-  await settle();
-  assert.deepEqual(codex.methods(), ['thread/start']);
-  assert.equal(desk.threads.thread(thread.id)!.turns[0]!.status, 'stopped');
+  codex.handlers['turn/interrupt'] = () => {
+    notify('turn/completed', { turn: { id: 'turn-1', status: 'interrupted', items: [], error: null } });
+    return {};
+  };
+  await desk.turns.shutdown();
+  assert.equal(desk.threads.thread(thread.id)!.turns[0]!.error, texts.turnCutByServiceEnd);
 });
 
 test('a Codex that does not confirm a stop: the turn is stopped at the deadline, and what it sends later goes nowhere', async () => {

@@ -114,9 +114,10 @@ test('the list a page at a time: pinned first and apart, archived apart, each th
   assert.deepEqual(pages(true), [['t0', 't6']]);
 });
 
-test('an export keeps a command\'s output inside its block whatever backticks it prints; its file name is safe', () => {
+test('an export names the files a question carried, keeps a command\'s output inside its block whatever backticks it prints; its file name is safe', () => {
   const turn: Turn = {
     id: 'u', threadId: 't', position: 0, question: '第一行\n第二行', status: 'completed', error: null, usage: null, startedAt: 0, endedAt: 1,
+    attachments: ['数据.csv', '图.png'],
     items: [
       { kind: 'command', position: 0, status: 'completed', command: 'cat a.md', output: '````\n# 不是标题', dropped: 0, exitCode: 0, durationMs: 1 },
       { kind: 'answer', position: 1, status: 'completed', text: '答案。' },
@@ -128,7 +129,7 @@ test('an export keeps a command\'s output inside its block whatever backticks it
   // Sources once each, a page a search opened named by its domain; the folder's files by relative path.
   assert.ok(markdown.includes('**来源**\n\n- [example.org](https://example.org/page)\n- [报告](https://example.com/r)'), markdown);
   assert.ok(markdown.endsWith('## 文件\n\n- [out/图 1.png](out/%E5%9B%BE%201.png)\n'), markdown);
-  assert.ok(markdown.includes('> 第一行\n> 第二行'));
+  assert.ok(markdown.includes('> 第一行\n> 第二行\n\n**附带的文件**\n- `数据.csv`\n- `图.png`\n\n'), markdown);
   assert.ok(markdown.includes('`````console\n$ cat a.md\n````\n# 不是标题\n`````\n\n答案。'), markdown);
   for (const [title, name] of [
     ['a/b\\c:d*e?f"g<h>i|j', 'a b c d e f g h i j.md'], ['..', 't-1.md'], ['.隐藏', '隐藏.md'], ['行\u0000\u001b尾', '行 尾.md'],

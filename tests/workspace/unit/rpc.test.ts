@@ -1,9 +1,11 @@
 // JSON-RPC over a pair of streams: answers matched to requests, and the other side's requests and
-// notifications told apart. (Time-outs and the end of the connection: the app-server's tests.)
+// notifications told apart; and which Codex versions are too old to talk to. (Time-outs and the end
+// of the connection: the app-server's tests.)
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { PassThrough } from 'node:stream';
 import { RpcConnection, RpcError } from '../../../resources/app/workspace/codex/rpc.ts';
+import { olderThan, parseVersion } from '../../../resources/app/workspace/codex/appServer.ts';
 import { VirtualClock, settle } from '../../harness/clock.ts';
 
 function pair() {
@@ -36,4 +38,9 @@ test('answers find their requests in any order; the other side\'s requests, noti
     { id: 1, method: 'a', params: { n: 1 } }, { id: 2, method: 'b', params: {} },
     { id: 'r1', error: { code: -32601, message: 'no approve/this' } },
   ]);
+});
+
+test('a Codex version is older than 0.146.0 number by number, not as text', () => {
+  const rows: [string, boolean][] = [['0.146.0', false], ['0.146.1', false], ['0.145.9', true], ['0.99.0', true], ['0.1000.0', false], ['1.0.0', false]];
+  for (const [version, older] of rows) assert.equal(olderThan(parseVersion(`codex_cli_rs/${version} (Linux)`)!, [0, 146, 0]), older, version);
 });

@@ -70,6 +70,7 @@ const cases: [string, string[]][] = [
   ['🚀', ['b:0:0']],
   ['现象 🚀', ['b:0:0']],
   ['hello world', []],
+  ['x\u{10FFFF}', []],
   ['  ', []],
 ];
 

@@ -4,7 +4,7 @@ import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { Duplex } from 'node:stream';
 import type { IncomingMessage } from 'node:http';
-import { PageSocket } from '../../../resources/app/workspace/http/socket.ts';
+import { frameHead, PageSocket } from '../../../resources/app/workspace/http/socket.ts';
 
 /** A frame as a browser sends it: masked, its length in 7 bits, or as many as `long` says. */
 function masked(opcode: number, text: string, long?: number): Buffer {
@@ -23,7 +23,8 @@ test('what a page sends: pings answered, a close returned, text ignored, foreign
     ['text, then a ping', [Buffer.concat([masked(0x1, 'words'), masked(0x9, '')])], [0x8a, 0]],
     ['a close', [masked(0x8, '')], close(1000)],
     ['an unmasked frame', [Buffer.from([0x89, 0])], close(1002)],
-    ['a frame over the limit', [masked(0x1, '', 1 << 20).subarray(0, 10)], close(1009)],
+    ['a frame of 64 KiB, waited for', [masked(0x1, '', 64 << 10).subarray(0, 10)], []],
+    ['a frame a byte over 64 KiB', [masked(0x1, '', (64 << 10) + 1).subarray(0, 10)], close(1009)],
   ];
   for (const [what, chunks, answer] of cases) {
     const written: Buffer[] = [];
@@ -35,4 +36,14 @@ test('what a page sends: pings answered, a close returned, text ignored, foreign
     assert.match(written[0]!.toString(), /^HTTP\/1\.1 101 .*Sec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK\+xOo=\r\n\r\n$/s, what);
     assert.deepEqual([...Buffer.concat(written.slice(1))], answer, what);
   }
+});
+
+test('a frame the service sends gives its length in the shortest form the protocol allows', () => {
+  const rows: [number, number[]][] = [
+    [125, [0x81, 125]],
+    [126, [0x81, 126, 0, 126]],
+    [65_535, [0x81, 126, 0xff, 0xff]],
+    [65_536, [0x81, 127, 0, 0, 0, 0, 0, 1, 0, 0]],
+  ];
+  for (const [length, head] of rows) assert.deepEqual([...frameHead(0x1, length)], head, String(length));
 });

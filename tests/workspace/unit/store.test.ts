@@ -1,7 +1,7 @@
 // The store: owner-only files, versions it will not touch, runs cut short, a disk that fills up.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { readFileSync, statSync } from 'node:fs';
+import { copyFileSync, readFileSync, statSync } from 'node:fs';
 import { join } from 'node:path';
 import { DatabaseSync } from 'node:sqlite';
 import { ThreadStore, StoreError } from '../../../resources/app/workspace/store/store.ts';
@@ -33,14 +33,18 @@ test('the database and the files SQLite makes beside it are owner-only whatever 
   }
 });
 
-test('a database made by a newer version is refused and left byte for byte as it was', () => {
-  const path = join(temporaryFolder('lm-store-'), 'workspace.db');
-  const newer = new DatabaseSync(path);
-  newer.exec(`PRAGMA user_version = ${migrations.length + 1}; CREATE TABLE future (x)`);
+test('a database made by a newer version is refused and left byte for byte as it was, its WAL too', () => {
+  const [source, folder] = [temporaryFolder('lm-store-'), temporaryFolder('lm-store-')];
+  const newer = new DatabaseSync(join(source, 'workspace.db'));
+  newer.exec(`PRAGMA journal_mode = WAL; PRAGMA user_version = ${migrations.length + 1}; CREATE TABLE future (x)`);
+  // Copied while it is open: a WAL not yet folded in, as a newer version that was killed leaves it.
+  const names = ['workspace.db', 'workspace.db-wal'];
+  for (const name of names) copyFileSync(join(source, name), join(folder, name));
   newer.close();
-  const before = readFileSync(path);
-  assert.throws(() => ThreadStore.open(path), (error) => error instanceof StoreError && error.reason === 'newer');
-  assert.deepEqual(readFileSync(path), before);
+  const files = () => names.map((name) => readFileSync(join(folder, name)));
+  const before = files();
+  assert.throws(() => ThreadStore.open(join(folder, 'workspace.db')), (error) => error instanceof StoreError && error.reason === 'newer');
+  assert.deepEqual(files(), before);
 });
 
 test('a full disk fails the whole batch, keeps what was kept, and the same batch goes in once there is room', () => {

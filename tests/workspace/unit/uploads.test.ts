@@ -2,7 +2,12 @@
 // are, which are refused and why, how a taken name is numbered, and what a choice comes to.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { checkName, numbered } from '../../../resources/app/workspace/files/uploads.ts';
+import { readdirSync, symlinkSync } from 'node:fs';
+import { join } from 'node:path';
+import { checkAttachments, checkName, numbered, saveUpload } from '../../../resources/app/workspace/files/uploads.ts';
+import { answerOf } from '../../../resources/app/workspace/http/refusals.ts';
+import { texts } from '../../../resources/app/workspace/texts.ts';
+import { temporaryFolder } from '../../harness/service.ts';
 import { fileNameOf } from '../../../resources/app/workspace/http/parse.ts';
 import { resolveChoice } from '../../../resources/app/workspace/codex/models.ts';
 import { Refusal } from '../../../resources/app/workspace/refusal.ts';
@@ -36,6 +41,12 @@ test('a file name is taken as the user gave it, or refused with the reason', () 
   for (const [raw, expected] of rows) assert.equal(outcome(() => checkName(raw)), expected, JSON.stringify(raw));
 });
 
+test('a question brings at most 20 files', () => {
+  const names = (count: number) => Array.from({ length: count }, (_, i) => `${i}.txt`);
+  const folder = temporaryFolder('lm-upload-');
+  assert.deepEqual([20, 21].map((count) => outcome(() => checkAttachments(folder, names(count)).join())), ['refused: fileMissing', 'refused: tooManyFiles']);
+});
+
 test('a name in its header is percent-encoded UTF-8, decoded before the rule', () => {
   const rows: [string | undefined, string][] = [
     [encodeURIComponent('报告 (1).pdf'), '报告 (1).pdf'],
@@ -44,6 +55,25 @@ test('a name in its header is percent-encoded UTF-8, decoded before the rule', (
     [undefined, 'refused: fileNameMissing'],
   ];
   for (const [header, expected] of rows) assert.equal(outcome(() => fileNameOf(header)), expected, String(header));
+});
+
+test('an upload the disk has no room for is told as a full disk (503), and leaves no part behind', async () => {
+  const folder = temporaryFolder('lm-upload-');
+  async function* body() {
+    yield Buffer.from('first part');
+    throw Object.assign(new Error('ENOSPC: no space left on device, write'), { code: 'ENOSPC' });
+  }
+  const error = await saveUpload(body(), folder, 'a.txt').catch((caught: unknown) => caught);
+  assert.deepEqual(answerOf(error), { status: 503, message: texts.storeUnavailable(texts.storageFull) });
+  assert.deepEqual(readdirSync(folder), []);
+});
+
+test('a folder replaced by a link is refused, and nothing is written where it leads', async () => {
+  const [outside, data] = [temporaryFolder('lm-outside-'), temporaryFolder('lm-upload-')];
+  symlinkSync(outside, join(data, 'draft'));
+  async function* body() { yield Buffer.from('x'); }
+  const error = await saveUpload(body(), join(data, 'draft'), 'a.txt').catch((caught: unknown) => caught);
+  assert.deepEqual([answerOf(error)?.status, readdirSync(outside)], [409, []]);
 });
 
 test('a taken name is numbered before its extension', () => {

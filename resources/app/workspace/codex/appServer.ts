@@ -1,7 +1,9 @@
 // The one long-lived `codex app-server` child: started when first needed, its version checked,
-// started again by the next request after it has ended, and stopped politely on shutdown.
+// started again by the next request after it has ended, and stopped politely on shutdown. One
+// given up on (silent, refused, stopped) ends with everything it started before another starts.
 import { spawn, type ChildProcess } from 'node:child_process';
 import { RpcClosed, RpcConnection, RpcError } from './rpc.ts';
+import { killSurvivors, treeOf } from './commands.ts';
 import type { CodexMethod, CodexPort, CodexRequests } from './protocol.ts';
 import { texts } from '../texts.ts';
 import type { Clock } from '../clock.ts';
@@ -76,6 +78,11 @@ export class CodexAppServer implements CodexPort {
     return this.#connection && !this.#connection.closed ? (this.#child?.pid ?? null) : null;
   }
 
+  /** Whether an app-server process is there (starting, running or being ended). */
+  get running(): boolean {
+    return this.#child !== null;
+  }
+
   connect(): Promise<RpcConnection> {
     if (this.#stopping) return Promise.reject(new RpcClosed(texts.stopping));
     // Only once the handshake is done (and the version accepted) does anything else go to it.
@@ -107,17 +114,27 @@ export class CodexAppServer implements CodexPort {
     await this.connect();
   }
 
-  /** Closes its input (it then ends, and the commands it started with it); SIGTERM after 1 s. */
-  async #end(): Promise<void> {
-    const child = this.#child;
-    if (!child || child.exitCode !== null || child.signalCode !== null) return;
+  /**
+   * Closes its input (it then ends, and the commands it started with it); SIGTERM after 1 s,
+   * SIGKILL after 1.5 s, and whatever it started that outlives it is killed after it. Given up on,
+   * its output is let go of too.
+   */
+  async #end(child = this.#child, givenUp = false): Promise<void> {
+    if (!child?.pid || child.exitCode !== null || child.signalCode !== null) return;
     const exited = new Promise<void>((resolve) => child.once('exit', () => resolve()));
-    child.stdin?.end();
-    const term = this.#options.clock.after(TERM_AFTER_MS, () => child.kill('SIGTERM'));
-    const kill = this.#options.clock.after(KILL_AFTER_MS, () => child.kill('SIGKILL'));
+    // Read while it runs: once it has ended, what it started is no longer below it. Nothing that
+    // may end it goes before the reading is done, however soon the clock says.
+    const tree = treeOf(child.pid).catch(() => []);
+    void tree.then(() => {
+      child.stdin?.end();
+      if (givenUp) child.stdout?.destroy();
+    });
+    const term = this.#options.clock.after(TERM_AFTER_MS, () => void tree.then(() => child.kill('SIGTERM')));
+    const kill = this.#options.clock.after(KILL_AFTER_MS, () => void tree.then(() => child.kill('SIGKILL')));
     await exited;
     term.cancel();
     kill.cancel();
+    await killSurvivors(await tree).catch(() => 0);
   }
 
   #setState(state: CodexState): void {
@@ -149,13 +166,20 @@ export class CodexAppServer implements CodexPort {
       this.#connection = connection;
 
       // The first reason wins: a spawn error is followed by an exit, a refusal by the end it causes.
+      // The start stays under way until the process has ended, so nothing starts a second meanwhile.
       const fail = (message: string) => {
         if (settled) return;
         settled = true;
+        silence.cancel();
         connection.close(new CodexUnavailable(message));
-        if (child.exitCode === null && child.signalCode === null) child.stdin.end();
-        reject(this.#unavailable(message));
+        // Nothing more of it is read: one that floods its output would keep the service busy.
+        child.stdout.pause();
+        const refusal = this.#unavailable(message);
+        void this.#end(child, true).finally(() => reject(refusal));
       };
+      // Its own timer, not the request's: a start that fails closes the pipe before its exit is
+      // known, and the exit, not the silence, is what the user is told.
+      const silence = clock.after(INITIALIZE_TIMEOUT_MS, () => fail(texts.codexDidNotStart(texts.codexSilent)));
       child.once('error', (error: NodeJS.ErrnoException) => {
         if (error.code === 'ENOENT') fail(texts.codexMissing(command));
         else if (error.code === 'EACCES') fail(texts.codexNotExecutable(command));
@@ -178,7 +202,7 @@ export class CodexAppServer implements CodexPort {
       ask(connection, 'initialize', {
         clientInfo: { name: 'lanternmoor', title: 'Lanternmoor Pro', version: this.#options.clientVersion },
         capabilities: { experimentalApi: false },
-      }, INITIALIZE_TIMEOUT_MS).then((answer) => {
+      }).then((answer) => {
         if (settled) return;
         // What answers may not be Codex at all: nothing of it is taken on trust before this.
         const version = parseVersion(typeof answer?.userAgent === 'string' ? answer.userAgent : '');
@@ -196,9 +220,10 @@ export class CodexAppServer implements CodexPort {
         connection.notify('initialized');
         ready = true;
         settled = true;
+        silence.cancel();
         this.#setState({ state: 'ready', version: text });
         resolve(connection);
-      }, () => fail(texts.codexDidNotStart(texts.codexSilent)));
+      }, () => {}); // the pipe closed: its exit, or the silence, says why
     });
   }
 }

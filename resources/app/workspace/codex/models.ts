@@ -61,11 +61,21 @@ export function resolveChoice(choice: Choice, catalogue: Catalogue | null): Choi
 
 export class Models {
   readonly #codex: CodexPort;
+  readonly #running: () => boolean;
   #kept: Catalogue | null = null;
   #reading: Promise<Catalogue> | null = null;
 
-  constructor(codex: CodexPort) {
+  /** running: whether an app-server runs or is starting, which asking Codex only joins. */
+  constructor(codex: CodexPort, running: () => boolean) {
     this.#codex = codex;
+    this.#running = running;
+  }
+
+  /** For a page: any site can make a browser ask this, so it never starts Codex. */
+  read(): Promise<Catalogue> {
+    if (this.#running()) return this.refresh();
+    if (this.#kept) return Promise.resolve(this.#kept);
+    return Promise.reject(new Refusal('modelsUnavailable', texts.codexNotRunning));
   }
 
   /** Asks Codex anew (or joins the reading under way) and keeps what it says. */

@@ -8,6 +8,7 @@ import { extname, join } from 'node:path';
 import { Refusal } from '../refusal.ts';
 import { texts } from '../texts.ts';
 import { draftFolder } from './drafts.ts';
+import { StoreError } from '../store/store.ts';
 
 export const FILE_LIMIT_BYTES = 50 * 1024 * 1024;
 export const FILE_LIMIT_TEXT = '50 MB';
@@ -102,12 +103,19 @@ export async function saveUpload(body: AsyncIterable<Buffer>, folder: string, na
   const handle = await open(temporary, flags, 0o600);
   try {
     let size = 0;
-    for await (const chunk of body) {
-      size += chunk.length;
-      if (size > limit) throw new Refusal('fileTooLarge');
-      await handle.write(chunk);
+    try {
+      for await (const chunk of body) {
+        size += chunk.length;
+        if (size > limit) throw new Refusal('fileTooLarge');
+        await handle.write(chunk);
+      }
+      await handle.close();
+    } catch (error) {
+      // A full disk is the user's to mend, told as the store tells it; not a fault of the service.
+      const code = (error as NodeJS.ErrnoException).code;
+      if (code === 'ENOSPC' || code === 'EDQUOT') throw new StoreError('full', (error as Error).message, { cause: error });
+      throw error;
     }
-    await handle.close();
     for (let n = 1; ; n += 1) {
       try {
         await link(temporary, join(folder, numbered(name, n)));

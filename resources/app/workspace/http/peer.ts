@@ -11,10 +11,16 @@ export interface Endpoint {
   port: number;
 }
 
-/** /proc/net/tcp's form of an IPv4 endpoint: the address as a little-endian word, both in hex. */
+/**
+ * /proc/net/tcp's form of an IPv4 endpoint (tcp6's of an IPv4-mapped one): the address in
+ * little-endian words, both in hex.
+ */
 export function procNetForm(endpoint: Endpoint): string {
-  const octets = endpoint.address.split('.').map(Number);
-  const address = octets.reverse().map((octet) => octet.toString(16).padStart(2, '0')).join('');
+  const mapped = endpoint.address.startsWith('::ffff:');
+  const octets = endpoint.address.slice(mapped ? 7 : 0).split('.').map(Number);
+  const ipv4 = octets.reverse().map((octet) => octet.toString(16).padStart(2, '0')).join('');
+  // /proc/net/tcp6 lists an address as four 32-bit words, each in the machine's (little-endian) order.
+  const address = mapped ? `0000000000000000FFFF0000${ipv4}` : ipv4;
   return `${address}:${endpoint.port.toString(16).padStart(4, '0')}`.toUpperCase();
 }
 
@@ -50,8 +56,13 @@ const run = promisify(execFile);
 
 export type PeerLookup = (peer: Endpoint, local: Endpoint) => Promise<number | null>;
 
+const mappedTo6 = (endpoint: Endpoint): Endpoint => ({ ...endpoint, address: `::ffff:${endpoint.address}` });
+
+// A client's IPv6 socket reaches the IPv4 listener from an IPv4-mapped address, and is listed
+// among the IPv6 sockets.
 export const procNetLookup: PeerLookup = async (peer, local) =>
-  ownerInProcNet(await readFile('/proc/net/tcp', 'utf8'), peer, local);
+  ownerInProcNet(await readFile('/proc/net/tcp', 'utf8'), peer, local)
+  ?? ownerInProcNet(await readFile('/proc/net/tcp6', 'utf8').catch(() => ''), mappedTo6(peer), mappedTo6(local));
 
 export const lsofLookup: PeerLookup = async (peer, local) => {
   try {

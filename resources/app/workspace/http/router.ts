@@ -91,6 +91,12 @@ export function createRouter(options: RouterOptions): (request: IncomingMessage,
       const reply = await dispatch(request, response);
       if (reply) sendJson(response, reply.status, reply.body);
     } catch (error) {
+      // A client gone midway (a page closed during an upload) is an everyday event, not a fault.
+      if (request.destroyed && !request.complete) {
+        options.complain(`request ${request.method} ${request.url} ended: the client went away before sending all of it`);
+        response.destroy();
+        return;
+      }
       if (response.headersSent) {
         response.destroy();
         return;

@@ -147,7 +147,7 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
       route('GET', '/api/folders', ({ url }) => ok(listFolders(url.searchParams.get('path'), deps.folderRules))),
       ...fileRoutes(threads, deps.openFolder),
       route('GET', '/api/search', ({ url }) => ok(threads.search(url.searchParams.get('q') ?? ''))),
-      route('GET', '/api/models', async () => ok({ ...(await deps.models.refresh()), last: deps.lastChoice() })),
+      route('GET', '/api/models', async () => ok({ ...(await deps.models.read()), last: deps.lastChoice() })),
       route('POST', '/api/uploads', uploadFile(deps.uploads)),
       route('POST', '/api/uploads/remove', takeBackFile(deps.uploads)),
       route('POST', '/api/account/sign-in', async ({ request }) => ok({ signIn: await account.start(signInMethodOf(await readJson(request))) })),

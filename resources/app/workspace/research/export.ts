@@ -1,6 +1,6 @@
-// A thread as one Markdown file: its questions, answers, commands with their output and the files
-// Codex changed, in the order they happened. Reasoning and tool calls stay out: they are working
-// notes, not the research.
+// A thread as one Markdown file: its questions with the files they carried, answers, commands with
+// their output and the files Codex changed, in the order they happened. Reasoning and tool calls
+// stay out: they are working notes, not the research.
 import { texts } from '../texts.ts';
 import type { Item, Thread, Turn } from '../model.ts';
 
@@ -60,7 +60,10 @@ function sourcesOf(turn: Turn): Map<string, string> {
 }
 
 function turnMarkdown(turn: Turn): string {
-  const parts = [`## ${texts.exportQuestion(turn.position + 1)}`, quoted(turn.question), `### ${texts.exportAnswer}`];
+  const parts = [`## ${texts.exportQuestion(turn.position + 1)}`, quoted(turn.question)];
+  const files = turn.attachments ?? [];
+  if (files.length > 0) parts.push([`**${texts.exportAttachments}**`, ...files.map((name) => `- \`${name}\``)].join('\n'));
+  parts.push(`### ${texts.exportAnswer}`);
   for (const item of turn.items) {
     const text = itemMarkdown(item);
     if (text !== null) parts.push(text);

@@ -41,6 +41,8 @@ export class LiveTurn {
   /** What came between the turn/start and Codex's answer to it, to be sorted once it is known. */
   readonly early: TurnNotification[] = [];
   stopRequested = false;
+  /** Why the service cuts it short, said when Codex reports it interrupted. */
+  cutBecause: string | null = null;
   #usageBase: CodexTokenBreakdown | null = null;
   #retryNoted = false;
 
@@ -151,7 +153,7 @@ export class LiveTurn {
         if (status === 'inProgress') return;
         if (status === 'completed') this.finish('completed', null);
         else if (status === 'failed') this.finish('failed', error ? describeError(error) : this.head.error ?? texts.codexError(''));
-        else this.finish(this.stopRequested ? 'stopped' : 'interrupted', this.stopRequested ? null : this.head.error);
+        else this.finish(this.stopRequested ? 'stopped' : 'interrupted', this.stopRequested ? null : this.cutBecause ?? this.head.error);
         return;
       }
     }

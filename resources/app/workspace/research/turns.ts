@@ -223,6 +223,8 @@ export class TurnRunner {
   async shutdown(): Promise<void> {
     this.#closing = true;
     const running = [...this.#live.values()];
+    // Said before Codex is asked: it reports the interrupted turn before its answer comes back.
+    for (const live of running) live.cutBecause = texts.turnCutByServiceEnd;
     await Promise.all(running.map((live) => this.#interruptTurn(live, SHUTDOWN_INTERRUPT_MS)));
     for (const live of running) this.#finish(live, 'interrupted', texts.turnCutByServiceEnd);
     this.#journal.flush();

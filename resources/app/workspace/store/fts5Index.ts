@@ -97,10 +97,25 @@ class Fts5Index implements IndexBackend {
       this.#db.exec(`CREATE VIRTUAL TABLE IF NOT EXISTS temp.search_vocab USING fts5vocab(main, '${TABLE}', 'row')`);
       this.#vocabulary = true;
     }
-    const end = start.slice(0, -1).join('') + String.fromCodePoint(start.at(-1)!.codePointAt(0)! + 1);
-    return (this.#statement(`SELECT term FROM temp.search_vocab WHERE term >= ? AND term < ? LIMIT ${COMMON_START + 1}`)
-      .all(start.join(''), end) as { term: string }[]).map((row) => row.term);
+    const end = above(start);
+    const terms = end === null
+      ? this.#statement(`SELECT term FROM temp.search_vocab WHERE term >= ? LIMIT ${COMMON_START + 1}`).all(start.join(''))
+      : this.#statement(`SELECT term FROM temp.search_vocab WHERE term >= ? AND term < ? LIMIT ${COMMON_START + 1}`).all(start.join(''), end);
+    return (terms as { term: string }[]).map((row) => row.term);
   }
+}
+
+/**
+ * The least string above every string that begins with these characters, in code point order
+ * (UTF-8's, which SQLite compares); null when they are all U+10FFFF and nothing is above.
+ */
+function above(start: string[]): string | null {
+  for (let i = start.length - 1; i >= 0; i -= 1) {
+    const next = start[i]!.codePointAt(0)! + 1;
+    // A lone surrogate would reach SQLite as U+FFFD, far above where it stands.
+    if (next <= 0x10ffff) return start.slice(0, i).join('') + String.fromCodePoint(next === 0xd800 ? 0xe000 : next);
+  }
+  return null;
 }
 
 /** Each trigram goes to FTS5 as a quoted string: the search text is never query syntax. */

@@ -22,8 +22,8 @@ import { fold, likePattern, snippetOf, wordsOf } from './words.ts';
 
 /** At most this many hits, newest first. */
 export const SEARCH_LIMIT = 50;
-/** Search text longer than this is refused: nobody types it, and a scan of it would be long. */
-export const SEARCH_MAX_LENGTH = 200;
+// Search text longer than this is refused: nobody types it, and a scan of it would be long.
+export { SEARCH_MAX_LENGTH } from '../entryTexts.mjs';
 const QUESTION = -1;
 const BACKENDS: Record<BackendName, BackendKind> = { fts5, own };
 // Rows written as they come are numbered up from here, and rows a build makes down from it: the

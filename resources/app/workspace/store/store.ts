@@ -88,6 +88,15 @@ function classify(error: unknown): StoreError {
   return new StoreError('other', text, { cause: error });
 }
 
+function versionOf(path: string): number {
+  const db = new DatabaseSync(path, { readOnly: true });
+  try {
+    return Number((db.prepare('PRAGMA user_version').get() as { user_version: number }).user_version);
+  } finally {
+    db.close();
+  }
+}
+
 export class ThreadStore {
   readonly #db: DatabaseSync;
   readonly #statement: (sql: string) => StatementSync;
@@ -110,13 +119,14 @@ export class ThreadStore {
         closeSync(openSync(path, 'a', 0o600));
         chmodSync(path, 0o600);
       }
-      db = new DatabaseSync(path);
-      const store = new ThreadStore(db);
-      // Before anything is written: a newer version's database is left exactly as it is.
-      const version = store.#version();
+      // Read through a connection that cannot write: the last writable one to close folds a WAL
+      // into the database and deletes it, and a newer version's files are left exactly as they are.
+      const version = path === ':memory:' ? 0 : versionOf(path);
       if (version > migrations.length) {
         throw new StoreError('newer', `database version ${version} is newer than this service's ${migrations.length}`);
       }
+      db = new DatabaseSync(path);
+      const store = new ThreadStore(db);
       db.exec('PRAGMA busy_timeout = 2000; PRAGMA journal_mode = WAL; PRAGMA synchronous = FULL; PRAGMA foreign_keys = ON;');
       store.#migrate(version, migrations);
       store.#search = store.#transaction(() => SearchIndex.attach(db!, {
@@ -128,10 +138,6 @@ export class ThreadStore {
       db?.close();
       throw classify(error);
     }
-  }
-
-  #version(): number {
-    return Number((this.#db.prepare('PRAGMA user_version').get() as { user_version: number }).user_version);
   }
 
   #migrate(version: number, migrations: readonly Migration[]): void {
