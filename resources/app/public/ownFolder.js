@@ -23,6 +23,8 @@ export class OwnFolder {
   #parent = null;
   /** @type {string | null} */
   #chosen = null;
+  /** Which look at a folder is the latest. */
+  #browsing = 0;
 
   constructor() {
     byId('folder-browse').addEventListener('click', () => void this.#browse(this.#path.value));
@@ -63,10 +65,14 @@ export class OwnFolder {
 
   /** @param {string} path the home folder when empty */
   async #browse(path) {
+    const asked = ++this.#browsing;
+    const typed = this.#path.value;
     this.#note.textContent = '';
     try {
       /** @type {FolderListing} */
       const listing = await getJson(`/api/folders?${new URLSearchParams({ path: path.trim() })}`);
+      // A later look, or a path typed while this one was on its way, is what the user wants now.
+      if (asked !== this.#browsing || this.#path.value !== typed) return;
       this.#path.value = listing.path;
       this.#parent = listing.parent;
       this.#up.disabled = listing.parent === null;
@@ -78,7 +84,7 @@ export class OwnFolder {
       if (listing.folders.length === 0) this.#list.append(element('li', 'empty', texts.noFolders));
       if (listing.more) this.#note.textContent = texts.moreFolders(listing.folders.length);
     } catch (error) {
-      this.#note.textContent = sentence(error);
+      if (asked === this.#browsing) this.#note.textContent = sentence(error);
     }
   }
 }

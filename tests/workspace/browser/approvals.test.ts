@@ -70,8 +70,22 @@ test('a command beyond the sandbox waits for a person, once or for the whole thr
 
   // A folder of the user's own: read only at first, and the user's choice to allow writing.
   await newThread(page);
+  // The browser's first look at the home folder answers after the path is typed: what was typed stands.
+  let release = () => {};
+  const held = new Promise<void>((resolve) => { release = resolve; });
+  let looked = () => {};
+  const asked = new Promise<void>((resolve) => { looked = resolve; });
+  await page.route('**/api/folders?*', async (route) => {
+    looked();
+    await held;
+    await route.continue();
+  }, { times: 1 });
   await page.getByRole('button', { name: '在我的文件夹中研究' }).click();
+  await asked;
   await page.fill('#folder-path', folders.mine);
+  const answered = page.waitForResponse(/\/api\/folders\?/);
+  release();
+  await answered;
   await page.getByRole('button', { name: '在这个文件夹中研究' }).click();
   const refused = await ask(page, 'here made.txt');
   await refused.getByText('没能写入。').waitFor();
