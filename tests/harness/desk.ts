@@ -11,11 +11,10 @@ import { temporaryFolder } from './service.ts';
 /** Codex as the test scripts it: each method answers, fails, or waits for the test. */
 export class ScriptedCodex {
   calls: [string, any][] = [];
-  #count = (method: string) => this.calls.filter(([m]) => m === method).length;
   handlers: Record<string, (params: any) => unknown> = {
-    'thread/start': () => ({ thread: { id: `codex-${this.#count('thread/start')}` } }),
+    'thread/start': () => ({ thread: { id: `codex-${this.paramsOf('thread/start').length}` } }),
     'thread/resume': () => ({}),
-    'turn/start': () => ({ turn: { id: `turn-${this.#count('turn/start')}` } }),
+    'turn/start': () => ({ turn: { id: `turn-${this.paramsOf('turn/start').length}` } }),
     'turn/interrupt': () => ({}),
   };
 
