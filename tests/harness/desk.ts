@@ -4,17 +4,17 @@ import { join } from 'node:path';
 import { ResearchDesk, type Question } from '../../resources/app/workspace/research/desk.ts';
 import { ThreadStore } from '../../resources/app/workspace/store/store.ts';
 import { routeNotifications } from '../../resources/app/workspace/codex/protocol.ts';
+import type { PageEvent } from '../../resources/app/workspace/model.ts';
 import { VirtualClock } from './clock.ts';
 import { temporaryFolder } from './service.ts';
 
 /** Codex as the test scripts it: each method answers, fails, or waits for the test. */
 export class ScriptedCodex {
   calls: [string, any][] = [];
-  #count = (method: string) => this.calls.filter(([m]) => m === method).length;
   handlers: Record<string, (params: any) => unknown> = {
-    'thread/start': () => ({ thread: { id: `codex-${this.#count('thread/start')}` } }),
+    'thread/start': () => ({ thread: { id: `codex-${this.paramsOf('thread/start').length}` } }),
     'thread/resume': () => ({}),
-    'turn/start': () => ({ turn: { id: `turn-${this.#count('turn/start')}` } }),
+    'turn/start': () => ({ turn: { id: `turn-${this.paramsOf('turn/start').length}` } }),
     'turn/interrupt': () => ({}),
   };
 
@@ -24,6 +24,16 @@ export class ScriptedCodex {
   }
 
   methods = () => this.calls.map(([method]) => method);
+  paramsOf = (method: string) => this.calls.filter(([m]) => m === method).map(([, params]) => params);
+
+  /** Holds the method's answers back until the release this returns is called. */
+  hold(method: string): () => void {
+    const answer = this.handlers[method]!;
+    let release!: () => void;
+    const held = new Promise<void>((resolve) => { release = resolve; });
+    this.handlers[method] = async (params) => { await held; return answer(params); };
+    return release;
+  }
 }
 
 /** A desk on a real store; commit, when given, stands between the desk and the store's writes. */
@@ -38,8 +48,9 @@ export function deskFixture(options: { commit?: (write: () => void) => void; dat
   const codex = new ScriptedCodex();
   const clock = new VirtualClock();
   const storage: (string | null)[] = [];
+  const events: PageEvent[] = [];
   const desk = new ResearchDesk({
-    store, codex, dataFolder, home: dataFolder, uid: process.getuid!(), clock, publish: () => {}, endCommands: async () => {},
+    store, codex, dataFolder, home: dataFolder, uid: process.getuid!(), clock, publish: (event) => events.push(event), endCommands: async () => {},
     reportStorage: (error) => storage.push(error ? error.reason : null),
   });
   const route = routeNotifications({ account: () => {}, turn: (notification) => desk.turns.onNotification(notification) });
@@ -47,7 +58,7 @@ export function deskFixture(options: { commit?: (write: () => void) => void; dat
   const notify = (method: string, params: object, codexThread = 'codex-1', turn = 'turn-1') =>
     route(method, { threadId: codexThread, turnId: turn, ...params });
   const answers = (id: string) => desk.threads.thread(id)!.turns.map((turn) => turn.items.map((item) => item.kind === 'answer' && item.text));
-  return { desk, store: realStore, codex, clock, storage, dataFolder, notify, answers };
+  return { desk, store: realStore, codex, clock, storage, events, dataFolder, notify, answers };
 }
 
 export const asked = (text: string): Question => ({ text, attachments: [], draft: null, choice: null, folder: null });

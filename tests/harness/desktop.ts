@@ -57,7 +57,7 @@ export class XDisplay {
   async trayer(t: Scope, tint: string): Promise<string> {
     daemon(t, 'trayer', ['--edge', 'top', '--align', 'right', '--widthtype', 'request', '--height', '32', '--transparent', 'true',
       '--alpha', '0', '--tint', `0x${tint}`], { ...quiet, env: { ...process.env, DISPLAY: this.name } });
-    return (await until('the tray host', () => this.xdotool('search', '--classname', '^panel$')[0], 10_000));
+    return (await until('the tray host', () => this.xdotool('search', '--classname', '^panel$')[0]));
   }
 
   /** Its words of output; none when it fails, or hangs on a window that went as it looked. */
@@ -76,7 +76,7 @@ export class XDisplay {
   }
 
   /** The first visible window whose name matches. */
-  window(name: string, timeoutMs = 10_000): Promise<string> {
+  window(name: string, timeoutMs?: number): Promise<string> {
     return until(`a window ${name}`, () => this.xdotool('search', '--onlyvisible', '--name', name)[0], timeoutMs);
   }
 
@@ -99,7 +99,7 @@ export class XDisplay {
     const socket = connect(`/tmp/.X11-unix/X${this.name.slice(1)}`);
     let received = Buffer.alloc(0);
     socket.on('data', (chunk) => { received = Buffer.concat([received, chunk]); });
-    const receivedAtLeast = (bytes: number) => until('the X server', () => received.length >= bytes, 5_000);
+    const receivedAtLeast = (bytes: number) => until('the X server', () => received.length >= bytes);
     // Protocol 11.0 without authorization, which Xvfb does not ask for.
     socket.write(Buffer.concat([words(0x6c | (11 << 16), 0, 0), internAtom('WM_PROTOCOLS'), internAtom('WM_DELETE_WINDOW')]));
     await receivedAtLeast(8);
@@ -131,7 +131,7 @@ export async function statusNotifierHost(t: Scope, display: XDisplay): Promise<s
   const address = await firstLine(bus.stdout!);
   daemon(t, 'xfce4-panel', ['--disable-wm-check'], { ...quiet, env: { ...session, DBUS_SESSION_BUS_ADDRESS: address } });
   await until('the panel to host items', () => busProperty(address, WATCHER, '/StatusNotifierWatcher', WATCHER, 'IsStatusNotifierHostRegistered')
-    .includes('boolean true'), 15_000);
+    .includes('boolean true'));
   return address;
 }
 
@@ -158,6 +158,6 @@ export async function westonCompositor(t: Scope): Promise<{ compositor: ChildPro
   const socket = 'wayland-lm';
   const compositor = daemon(t, 'weston', ['--backend=headless-backend.so', '--use-pixman', `--socket=${socket}`, '--width=1024',
     '--height=600', '--idle-time=0', '--logger-scopes=log,proto', `--log=${log}`], { ...quiet, env: { ...process.env, XDG_RUNTIME_DIR: runtime } });
-  await until('the compositor', () => { try { return statSync(join(runtime, socket)).isSocket(); } catch { return false; } }, 10_000);
+  await until('the compositor', () => { try { return statSync(join(runtime, socket)).isSocket(); } catch { return false; } });
   return { compositor, runtime, socket, titles: () => [...readText(log).matchAll(/xdg_toplevel@\d+\.set_title\("(.*)"\)/g)].map((match) => match[1]!) };
 }

@@ -73,7 +73,7 @@ export class Sandbox {
         // ended meanwhile
       }
     }
-    await until('the sandbox to stop', () => this.leftovers().length === 0, 5_000);
+    await until('the sandbox to stop', () => this.leftovers().length === 0);
     rmSync(this.root, { recursive: true, force: true });
   }
 }
@@ -119,7 +119,7 @@ export class Launcher {
   static async ready(sandbox: Sandbox): Promise<Launcher> {
     const launcher = new Launcher(sandbox);
     const before = sandbox.opened().length;
-    await until('the launcher to open the workspace', () => sandbox.opened().length > before, 20_000)
+    await until('the launcher to open the workspace', () => sandbox.opened().length > before)
       .catch((error) => { throw new Error(`${error.message}\n${launcher.output}`); });
     return launcher;
   }
@@ -132,7 +132,7 @@ export class Launcher {
   /** The next lines are these, in order; null stands for any line. */
   async expect(...texts: (string | null)[]): Promise<void> {
     for (const text of texts) {
-      await until('another line', () => this.lines().length > this.#read, 15_000).catch(() => {});
+      await until('another line', () => this.lines().length > this.#read).catch(() => {});
       const line = this.lines()[this.#read];
       if (line === undefined || (text !== null && line !== text)) {
         throw new Error(`expected ${JSON.stringify(text)}, got ${JSON.stringify(line)}:\n${this.output}`);
@@ -143,8 +143,8 @@ export class Launcher {
 
   /** Its exit status once it has ended, with nothing of the sandbox left running. */
   async ended(sandbox: Sandbox): Promise<number | null> {
-    await until('the launcher to end', () => this.child.exitCode !== null || this.child.signalCode !== null, 10_000);
-    await until('nothing of the sandbox to run', () => sandbox.leftovers().length === 0, 5_000);
+    await until('the launcher to end', () => this.child.exitCode !== null || this.child.signalCode !== null);
+    await until('nothing of the sandbox to run', () => sandbox.leftovers().length === 0);
     return this.child.exitCode;
   }
 

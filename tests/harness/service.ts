@@ -63,7 +63,8 @@ export function fakeCodex(folder: string): string {
   return path;
 }
 
-export async function until<T>(what: string, probe: () => T | undefined | null | false | Promise<T | undefined | null | false>, timeoutMs = 15_000): Promise<T> {
+// A time-out here only bounds a failure: generous, since a loaded machine is slow, not wrong.
+export async function until<T>(what: string, probe: () => T | undefined | null | false | Promise<T | undefined | null | false>, timeoutMs = 60_000): Promise<T> {
   const end = Date.now() + timeoutMs;
   for (;;) {
     const value = await probe();

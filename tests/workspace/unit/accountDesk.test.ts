@@ -6,32 +6,21 @@ import { AccountDesk, SIGN_IN_LIMIT_MS } from '../../../resources/app/workspace/
 import { texts } from '../../../resources/app/workspace/texts.ts';
 import type { AccountView } from '../../../resources/app/workspace/account/accountDesk.ts';
 import { VirtualClock, settle } from '../../harness/clock.ts';
+import { ScriptedCodex } from '../../harness/desk.ts';
 
 const BROWSER = { type: 'chatgpt', loginId: 'login-1', authUrl: 'http://issuer.invalid/oauth/authorize' };
 
-class ScriptedCodex {
-  calls: [string, any][] = [];
-  /** Holds login/start's answer back until the test releases it. */
-  hold: Promise<void> | null = null;
-  handlers: Record<string, (params: any) => unknown> = {
-    'account/read': () => ({ account: null, requiresOpenaiAuth: true }),
-    'account/login/start': (params) => (params.type === 'chatgpt' ? BROWSER
-      : { type: 'chatgptDeviceCode', loginId: 'login-2', verificationUrl: 'http://issuer.invalid/codex/device', userCode: 'ABCD-1234' }),
-    'account/login/cancel': () => ({ status: 'canceled' }),
-  };
-
-  async request<T>(method: string, params: unknown): Promise<T> {
-    this.calls.push([method, params]);
-    if (method === 'account/login/start' && this.hold) await this.hold;
-    return (await this.handlers[method]!(params)) as T;
-  }
-
-  cancels = () => this.calls.filter(([method]) => method === 'account/login/cancel').map(([, params]) => params.loginId);
-  starts = () => this.calls.filter(([method]) => method === 'account/login/start').length;
-}
+/** What Codex answers about the account, before a test changes it. */
+const signInCodex = () => Object.assign(new ScriptedCodex(), { handlers: {
+  'account/read': () => ({ account: null, requiresOpenaiAuth: true }),
+  'account/login/start': (params) => (params.type === 'chatgpt' ? BROWSER
+    : { type: 'chatgptDeviceCode', loginId: 'login-2', verificationUrl: 'http://issuer.invalid/codex/device', userCode: 'ABCD-1234' }),
+  'account/login/cancel': () => ({ status: 'canceled' }),
+} as ScriptedCodex['handlers'] });
+const cancels = (codex: ScriptedCodex) => codex.paramsOf('account/login/cancel').map((params) => params.loginId);
 
 function fixture() {
-  const codex = new ScriptedCodex();
+  const codex = signInCodex();
   const clock = new VirtualClock();
   const views: AccountView[] = [];
   const desk = new AccountDesk({ codex, clock, changed: (view) => views.push(view) });
@@ -65,41 +54,39 @@ test('each way a running browser sign-in ends: what Codex is told and the one se
       await end(f);
       await settle();
       assert.deepEqual(f.desk.view.signIn, ended(outcome));
-      assert.deepEqual(f.codex.cancels(), cancelled);
+      assert.deepEqual(cancels(f.codex), cancelled);
       // Codex's own word on a sign-in already ended here changes nothing, nor does the clock.
       f.desk.onNotification({ method: 'account/login/completed', params: { loginId: 'login-1', success: false, error: 'Login was not completed' } });
       await f.clock.advance(SIGN_IN_LIMIT_MS);
       assert.deepEqual(f.desk.view.signIn, ended(outcome));
-      assert.deepEqual(f.codex.cancels(), cancelled);
+      assert.deepEqual(cancels(f.codex), cancelled);
     });
   }
 });
 
 test('a second start while one runs hands back the same sign-in; another kind replaces it at Codex', async () => {
   const { codex, desk } = fixture();
-  let release!: () => void;
-  codex.hold = new Promise((resolve) => { release = resolve; });
+  const release = codex.hold('account/login/start');
   const first = desk.start('browser');
   const second = desk.start('browser');
   release();
   assert.deepEqual(await second, await first);
   assert.deepEqual(await desk.start('browser'), { state: 'browser', authUrl: BROWSER.authUrl });
-  assert.equal(codex.starts(), 1);
+  assert.equal(codex.paramsOf('account/login/start').length, 1);
   assert.equal((await desk.start('deviceCode')).state, 'deviceCode');
-  assert.deepEqual(codex.cancels(), ['login-1']);
+  assert.deepEqual(cancels(codex), ['login-1']);
 });
 
 test('a sign-in cancelled while Codex starts it is cancelled at Codex once Codex names it', async () => {
   const { codex, desk } = fixture();
-  let release!: () => void;
-  codex.hold = new Promise((resolve) => { release = resolve; });
+  const release = codex.hold('account/login/start');
   const started = desk.start('browser');
   await settle();
   assert.deepEqual(desk.cancel(), ended(texts.signInCancelled));
-  assert.deepEqual(codex.cancels(), []);
+  assert.deepEqual(cancels(codex), []);
   release();
   assert.deepEqual(await started, ended(texts.signInCancelled));
-  assert.deepEqual(codex.cancels(), ['login-1']);
+  assert.deepEqual(cancels(codex), ['login-1']);
 });
 
 test('usage limits: a sparse update keeps the window it leaves out; a sign-out drops them', async () => {

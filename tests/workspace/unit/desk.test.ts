@@ -71,9 +71,7 @@ test('a stop while Codex starts the thread: the turn never starts; while it star
   const rows: [string, string[]][] = [['thread/start', ['thread/start']], ['turn/start', ['thread/start', 'turn/start', 'turn/interrupt']]];
   for (const [held, methods] of rows) {
     const { desk, codex } = deskFixture();
-    const answer = codex.handlers[held]!;
-    let release!: () => void;
-    codex.handlers[held] = (params) => new Promise((resolve) => { release = () => resolve(answer(params)); });
+    const release = codex.hold(held);
     const { thread } = desk.create(asked('never mind'));
     await settle();
     void desk.stop(thread.id);

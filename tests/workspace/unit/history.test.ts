@@ -93,8 +93,7 @@ test('guidance after the turn has ended, or before Codex has started it, becomes
   const late = await desk.steer(id, 'too late');
   assert.deepEqual([late.steered, !late.steered && late.notice], [false, texts.steeredToQueue]);
   assert.ok(!codex.methods().includes('turn/steer'));
-  let start = () => {};
-  codex.handlers['turn/start'] = () => new Promise((resolve) => { start = () => resolve({ turn: { id: 'turn-2' } }); });
+  const start = codex.hold('turn/start');
   desk.ask(id, asked('long'));
   await settle();
   // Codex has not yet said which turn it runs: nothing to steer, and the sentence says why.

@@ -2,42 +2,22 @@
 // stop a turn and touch nothing but the thread's own folder, the list a page at a time, the export.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { existsSync, mkdirSync, renameSync, symlinkSync, writeFileSync } from 'node:fs';
+import { existsSync, renameSync, symlinkSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { DatabaseSync } from 'node:sqlite';
-import { ResearchDesk, type Question } from '../../../resources/app/workspace/research/desk.ts';
 import { exportFileName, threadMarkdown } from '../../../resources/app/workspace/research/export.ts';
 import { ThreadStore } from '../../../resources/app/workspace/store/store.ts';
-import { migrations } from '../../../resources/app/workspace/store/migrations.ts';
 import { Refusal, type RefusalReason } from '../../../resources/app/workspace/refusal.ts';
-import type { PageEvent, Turn } from '../../../resources/app/workspace/model.ts';
-import { VirtualClock, settle } from '../../harness/clock.ts';
+import type { Turn } from '../../../resources/app/workspace/model.ts';
+import { settle } from '../../harness/clock.ts';
+import { asked, deskFixture } from '../../harness/desk.ts';
 import { temporaryFolder } from '../../harness/service.ts';
-
-function fixture() {
-  const dataFolder = temporaryFolder('lm-organise-');
-  const store = ThreadStore.open(join(dataFolder, 'workspace.db'));
-  const calls: string[] = [];
-  const codex = {
-    async request<T>(method: string): Promise<T> {
-      calls.push(method);
-      return ({ 'thread/start': { thread: { id: 'codex-1' } }, 'turn/start': { turn: { id: 'turn-1' } } } as Record<string, unknown>)[method] as T;
-    },
-  };
-  const events: PageEvent[] = [];
-  const desk = new ResearchDesk({
-    store, codex, dataFolder, home: dataFolder, uid: process.getuid!(), clock: new VirtualClock(), publish: (event) => events.push(event),
-    endCommands: async () => {}, reportStorage: () => {},
-  });
-  return { desk, store, dataFolder, calls, events };
-}
 
 const refused = (reason: RefusalReason, detail = '') => (error: unknown) =>
   error instanceof Refusal && error.reason === reason && error.detail === detail;
-const asked = (text: string): Question => ({ text, attachments: [], draft: null, choice: null, folder: null });
 
 test('of two pages renaming from the same title, the first wins and the second is told the title it lost to', () => {
-  const { desk, store, events } = fixture();
+  const { desk, store, events } = deskFixture();
   const { thread } = desk.create(asked('什么是 WAL？'));
   assert.equal(desk.threads.rename(thread.id, '什么是 WAL？', '  WAL\n研究 ').title, 'WAL 研究');
   assert.throws(() => desk.threads.rename(thread.id, '什么是 WAL？', '另一个标题'), refused('renamedElsewhere', 'WAL 研究'));
@@ -50,14 +30,14 @@ test('of two pages renaming from the same title, the first wins and the second i
 });
 
 test('deleting a running thread from two pages at once: the turn is stopped, one deletion wins, the other finds nothing', async () => {
-  const { desk, store, dataFolder, calls, events } = fixture();
+  const { desk, store, dataFolder, codex, events } = deskFixture();
   const { thread } = desk.create(asked('一个很长的问题'));
   await settle();
   writeFileSync(join(dataFolder, 'threads', thread.id, 'notes.txt'), 'x');
   const results = await Promise.allSettled([desk.threads.remove(thread.id), desk.threads.remove(thread.id)]);
   assert.deepEqual(results.map((result) => result.status), ['fulfilled', 'rejected']);
   assert.ok(refused('noSuchThread')((results[1] as PromiseRejectedResult).reason));
-  assert.ok(calls.includes('turn/interrupt'));
+  assert.ok(codex.methods().includes('turn/interrupt'));
   assert.equal(store.readThread(thread.id), null);
   assert.equal(existsSync(join(dataFolder, 'threads', thread.id)), false);
   assert.deepEqual(events.filter((event) => event.type === 'threadRemoved'), [{ type: 'threadRemoved', id: thread.id }]);
@@ -75,7 +55,7 @@ test('a deletion removes the thread\'s own folder only, whatever its row says an
     }],
   ];
   for (const [name, tamper] of cases) {
-    const { desk, dataFolder } = fixture();
+    const { desk, dataFolder } = deskFixture();
     const { thread } = desk.create(asked('问题'));
     await settle();
     const outside = temporaryFolder('lm-outside-');
