@@ -18,12 +18,12 @@ test('without a tray a window carries the menu, and closing it or losing the dis
       const sandbox = sandboxFor(t);
       sandbox.env.DISPLAY = display.name;
       const launcher = await Launcher.ready(sandbox);
-      const window = await display.window('^Lanternmoor Pro$', 2_000);
+      const window = await display.window('^Lanternmoor Pro$');
       if (loseDisplay) {
         display.server.kill('SIGTERM');
       } else {
         display.xdotool('windowfocus', '--sync', window, 'key', 'ctrl+o');
-        await until('the workspace opened again', () => sandbox.opened().length === 2, 5_000);
+        await until('the workspace opened again', () => sandbox.opened().length === 2);
         await display.close(window);
       }
       // 1: Qt's own status for a broken display connection.
@@ -41,7 +41,7 @@ test('the tray menu takes its keys, and the icon stands out on any panel', async
       const sandbox = sandboxFor(t);
       sandbox.env.DISPLAY = display.name;
       const launcher = await Launcher.ready(sandbox);
-      await until('the icon to dock', () => display.geometry(tray).WIDTH > 8, 5_000);
+      await until('the icon to dock', () => display.geometry(tray).WIDTH > 8);
       const { X: x } = display.geometry(tray);
       const [r, g, b] = Buffer.from(panel, 'hex');
       const background = luminance(r!, g!, b!);
@@ -53,9 +53,9 @@ test('the tray menu takes its keys, and the icon stands out on any panel', async
         await until('the menu to open', () => {
           display.xdotool('mousemove', x + 12, 16, 'click', 1);
           return display.xdotool('search', '--onlyvisible', '--classname', 'lanternmoor').some((w) => display.geometry(w).WIDTH > 100);
-        }, 5_000);
+        });
         display.xdotool('key', key);
-        await until(`${key} to be done`, () => sandbox.opened().length === 2, 5_000);
+        await until(`${key} to be done`, () => sandbox.opened().length === 2);
       }
       assert.equal(await launcher.ended(sandbox), 0);
       assert.deepEqual(sandbox.opened(), [WORKSPACE, WORKSPACE]);

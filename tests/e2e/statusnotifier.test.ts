@@ -19,27 +19,27 @@ test('the item follows the presentation and its menu works', async (t) => {
   const registered = await until('the item', () => {
     const items = busStrings(busProperty(bus, WATCHER, '/StatusNotifierWatcher', WATCHER, 'RegisteredStatusNotifierItems'));
     return items.length > 0 && items;
-  }, 10_000);
+  });
   assert.equal(registered.length, 1, String(registered));
   const [owner, path] = [registered[0]!.slice(0, registered[0]!.indexOf('/')), registered[0]!.slice(registered[0]!.indexOf('/'))];
-  await until('the workspace to open', () => sandbox.opened().length === 1, 15_000);
+  await until('the workspace to open', () => sandbox.opened().length === 1);
   // Set after the item was up: the host is told of every change.
-  await until('the running tooltip', () => busStrings(busProperty(bus, owner, path, ITEM, 'ToolTip'))[1] === 'Lanternmoor Pro · 正在本机运行', 5_000);
+  await until('the running tooltip', () => busStrings(busProperty(bus, owner, path, ITEM, 'ToolTip'))[1] === 'Lanternmoor Pro · 正在本机运行');
 
   // The panel draws the icon and, on a right click, the menu it was handed. From its end upwards,
   // the separator and the greyed header are passed over: quit, data folder, guide, workspace.
   const icon = await until('the panel to show our icon', () => {
     const amber = display.pixels(1024, 32, 0, 0).filter(([, , ...rgb]) => rgb.every((c, i) => Math.abs(c - AMBER[i]!) < 24));
     return amber.length > 0 && [0, 1].map((axis) => Math.floor(amber.reduce((sum, pixel) => sum + pixel[axis]!, 0) / amber.length));
-  }, 5_000);
+  });
   // The tray runs in a helper process of the panel's, which draws the menu.
   const panelWindows = () => new Set(display.xdotool('search', '--onlyvisible', '--classname', '^(xfce4-panel|wrapper-2.0)$'));
   for (const [ups, done] of [[4, () => sandbox.opened().length === 2], [1, () => launcher.child.exitCode !== null]] as const) {
     const before = panelWindows();
     display.xdotool('mousemove', ...icon, 'click', 3);
-    await until('the panel to open a menu', () => [...panelWindows()].some((window) => !before.has(window)), 5_000);
+    await until('the panel to open a menu', () => [...panelWindows()].some((window) => !before.has(window)));
     display.xdotool('sleep', 0.3, 'key', ...Array<string>(ups).fill('Up'), 'Return');
-    await until('the entry to be done', done, 5_000);
+    await until('the entry to be done', done);
   }
   assert.equal(await launcher.ended(sandbox), 0);
 });

@@ -11,7 +11,7 @@ test('a quit during the Node.js search leaves nothing running', async (t) => {
   const sandbox = sandboxFor(t, undefined, { node: null });
   sandbox.script('bin/node', `echo $$ > ${sandbox.root}/node.pid\nexec /bin/sleep 60`);
   const launcher = new Launcher(sandbox);
-  await until('the version probe', () => existsSync(join(sandbox.root, 'node.pid')), 10_000);
+  await until('the version probe', () => existsSync(join(sandbox.root, 'node.pid')));
   await new Promise((resolve) => setTimeout(resolve, 300));
   launcher.child.kill('SIGTERM');
   assert.equal(await launcher.ended(sandbox), 0);
@@ -37,7 +37,7 @@ test('launchers started together hand over to one service', async (t) => {
     await t.test(`attempt ${attempt}`, async (t) => {
       const sandbox = sandboxFor(t);
       const pair = [new Launcher(sandbox), new Launcher(sandbox)];
-      const loser = await until('one launcher to end', () => pair.find((launcher) => launcher.child.exitCode !== null), 15_000);
+      const loser = await until('one launcher to end', () => pair.find((launcher) => launcher.child.exitCode !== null));
       const winner = pair.find((launcher) => launcher !== loser)!;
       await winner.expect(STARTING, RUNNING, OPENED);
       assert.deepEqual([loser.child.exitCode, loser.lines(), winner.child.exitCode], [0, [STARTING, OPENED], null]);
