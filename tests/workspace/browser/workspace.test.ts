@@ -1,7 +1,7 @@
 // The workspace as a user meets it: the real launcher starts the service, the real Codex answers
 // through the stand-in model, and Debian's Chromium shows it. Start, ask, watch the answer stream
-// in, follow up, run a command, stop, reload, quit. (Many pages on one answer, and what a restart
-// finds: the service's own tests.)
+// in, follow up, run a command, stop, reload, quit; find an old answer in a long thread. (Many
+// pages on one answer, and what a restart finds: the service's own tests.)
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync } from 'node:fs';
@@ -147,48 +147,71 @@ test('a Codex that is not signed in: the page offers the sign-in, and sees one m
   await launcher.quit();
 });
 
-test('a long thread of uneven turns opens at its newest, stays there while an answer streams, and its earlier turns come as the reader scrolls up, each once, in order', async (t) => {
+test('a word from an old answer of a long thread of uneven turns is found, its hit opens the thread there, every turn comes once, in order, as the reader scrolls both ways, the view follows an answer as it streams, and a reload opens at the newest turn', async (t) => {
   let release!: () => void;
   const held = new Promise<void>((resolve) => { release = resolve; });
   const paragraphs = (count: number) => Array.from({ length: count }, (_, i) => `第 ${i} 段。${'内容 '.repeat(10 + (i * 37) % 90)}\n\n`);
   const { sandbox, browser } = await world(t, () => ({ steps: [{ text: paragraphs(30), gapMs: 5, holdAfter: { index: 14, until: held } }] }));
   mkdirSync(sandbox.dataFolder, { recursive: true, mode: 0o700 });
   const store = ThreadStore.open(join(sandbox.dataFolder, 'workspace.db'));
-  const head = (position: number): TurnHead => ({
-    id: `turn-${position}`, threadId: 'long', position, question: `问题 ${position}`, status: 'completed', error: null, usage: null,
+  const head = (threadId: string, position: number): TurnHead => ({
+    id: `${threadId}-${position}`, threadId, position, question: `问题 ${position}`, status: 'completed', error: null, usage: null,
     startedAt: position, endedAt: position,
   });
-  store.createThread({ id: 'long', title: '很长的线程', folder: 'threads/long', createdAt: 0 }, head(0));
+  store.createThread({ id: 'other', title: '另一个线程', folder: 'threads/other', createdAt: 0 }, head('other', 0));
+  store.createThread({ id: 'long', title: '很长的线程', folder: 'threads/long', createdAt: 0 }, head('long', 0));
   for (let position = 0; position < 60; position += 1) {
-    if (position > 0) store.addTurn(head(position));
+    if (position > 0) store.addTurn(head('long', position));
     // Heights far from any guess, and the newest turn short after two long ones.
     const long = position % 7 === 0 || position === 57 || position === 58;
-    const text = `第 ${position} 轮。\n\n${long ? paragraphs(40).join('') : '简短。'}`;
-    store.commit({ turns: [], items: [{ turnId: `turn-${position}`, item: { kind: 'answer', position: 0, status: 'completed', text } }] });
+    const text = position === 12 ? '第 12 轮：萤火虫的 <b>Luciferin</b> 会发光。' : `第 ${position} 轮。\n\n${long ? paragraphs(40).join('') : '简短。'}`;
+    store.commit({ turns: [], items: [{ turnId: `long-${position}`, item: { kind: 'answer', position: 0, status: 'completed', text } }] });
   }
   store.close();
   const launcher = await Launcher.ready(sandbox);
-  const { page, problems } = await openPage(browser, `${WORKSPACE}#long`);
+  const { page, problems } = await openPage(browser, `${WORKSPACE}#other`);
   const atEnd = (what: string) => until(what, () => page.locator('#scroller').evaluate((scroller) => scroller.scrollHeight - scroller.scrollTop - scroller.clientHeight < 2));
-  await page.locator('.turn .question').getByText('问题 59', { exact: true }).waitFor();
-  await atEnd('the thread to open at its newest turn');
-  assert.ok(await page.locator('.turn').count() < 60, 'a page opens with its newest turns only');
-  await page.reload();
-  await page.locator('.turn .question').getByText('问题 59', { exact: true }).waitFor();
-  await atEnd('the thread to open again at its newest turn');
 
-  for (let scrolls = 0; (await page.locator('.turn').count()) < 60 && scrolls < 40; scrolls += 1) {
-    await page.locator('#scroller').evaluate((scroller) => { scroller.scrollTop = 0; });
-    await page.waitForTimeout(100);
+  await page.fill('#search', 'luciferin');
+  const hit = page.locator('.search-result');
+  await hit.waitFor();
+  assert.equal(await page.locator('#threads').isVisible(), false, 'hits stand in place of the thread list');
+  assert.deepEqual([await hit.count(), await hit.locator('.title').textContent(), await hit.locator('mark').allTextContents()],
+    [1, '很长的线程', ['Luciferin']]);
+  assert.match((await hit.locator('.snippet').textContent())!, /萤火虫的 <b>Luciferin<\/b> 会发光/, 'stored text is shown as text');
+  await hit.click();
+  const found = page.locator('.turn.found');
+  await found.waitFor();
+  assert.equal(await found.locator('.question').textContent(), '问题 12');
+  const [view, box] = [await page.locator('#scroller').boundingBox(), await found.boundingBox()];
+  // The view scrolls by whole pixels, the turns lie at fractions of one.
+  assert.ok(box!.y > view!.y - 1 && box!.y < view!.y + view!.height, 'the turn that matched is in view');
+
+  for (const [end, toward] of [['问题 59', 'bottom'], ['问题 0', 'top']] as const) {
+    for (let scrolls = 0; (await page.locator('.turn .question').getByText(end, { exact: true }).count()) === 0 && scrolls < 40; scrolls += 1) {
+      await page.locator('#scroller').evaluate((scroller, where) => { scroller.scrollTop = where === 'top' ? 0 : scroller.scrollHeight; }, toward);
+      await page.waitForTimeout(100);
+    }
   }
   assert.deepEqual(await page.locator('.turn .question').allTextContents(), Array.from({ length: 60 }, (_, i) => `问题 ${i}`));
 
+  // The thread carries on from there, and the view follows the new answer to its end.
   const streaming = await ask(page, '再写一段很长的');
   await streaming.locator('.answer').getByText('第 14 段').waitFor();
   await atEnd('the view to follow the answer as it streams');
   release();
   await streaming.locator('.turn-foot').getByText('本轮用量').waitFor();
   await atEnd('the view to stay at the end of the answer');
+  assert.equal(await page.locator('.turn').last().locator('.question').textContent(), '再写一段很长的');
+  await page.press('#search', 'Escape');
+  assert.deepEqual([await page.inputValue('#search'), await page.locator('#threads').isVisible(), await hit.count()], ['', true, 0]);
+
+  // The hit's address names its turn; the thread's own opens at the newest.
+  await page.evaluate('location.hash = "long"');
+  await page.reload();
+  await page.locator('.turn .question').getByText('再写一段很长的', { exact: true }).waitFor();
+  await atEnd('the thread to open at its newest turn');
+  assert.ok(await page.locator('.turn').count() < 61, 'a page opens with its newest turns only');
   assert.deepEqual(problems, []);
   await launcher.quit();
 });
