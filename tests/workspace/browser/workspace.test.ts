@@ -5,7 +5,6 @@
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync } from 'node:fs';
-import { spawnSync } from 'node:child_process';
 import { join } from 'node:path';
 import { commandOutput, lastQuestion, reply, type ResponsesRequest } from '../../harness/standin.ts';
 import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
@@ -126,25 +125,6 @@ test('start, ask, stream, follow up, run a command, stop, reload, quit: nothing 
   // Quitting the launcher leaves nothing of the workspace running.
   await launcher.quit();
   await until('nothing of the sandbox to run', () => sandbox.leftovers().length === 0, 10_000);
-});
-
-test('a Codex that is not signed in: the page offers the sign-in, and sees one made in a terminal after a reload', async (t) => {
-  const { sandbox, browser } = await world(t, () => reply.answer('never asked'), { signedOut: true });
-  const launcher = await Launcher.ready(sandbox);
-  const { page } = await openPage(browser, WORKSPACE);
-  await page.locator('.banner').getByText('Codex 还没有登录').waitFor();
-  await page.locator('.banner').getByRole('button', { name: '使用 ChatGPT 登录' }).waitFor();
-
-  // Signed in from a terminal instead; the page, reloaded, sees it.
-  const login = spawnSync(join(sandbox.bin, 'codex'), ['login', '--with-api-key'], {
-    input: 'sk-stand-in\n', env: { PATH: `${sandbox.bin}:/usr/bin:/bin`, HOME: sandbox.home, CODEX_HOME: sandbox.codexHome },
-  });
-  assert.equal(login.status, 0, String(login.stderr));
-  await page.reload();
-  await page.locator('#about summary').click();
-  await page.locator('#about-list').getByText('API 密钥').waitFor();
-  assert.equal(await page.locator('.banner').count(), 0);
-  await launcher.quit();
 });
 
 test('a word from an old answer of a long thread of uneven turns is found, its hit opens the thread there, every turn comes once, in order, as the reader scrolls both ways, the view follows an answer as it streams, and a reload opens at the newest turn', async (t) => {
