@@ -1,7 +1,8 @@
 // The workspace as a user meets it: the real launcher starts the service, the real Codex answers
 // through the stand-in model, and Debian's Chromium shows it. Start, ask, watch the answer stream
-// in, follow up, run a command, stop, reload, quit; find an old answer in a long thread. (Many
-// pages on one answer, and what a restart finds: the service's own tests.)
+// in, run a command, stop, reload, quit; find an old answer in a long thread. (Many pages on one
+// answer, and what a restart finds: the service's own tests; what history a follow-up carries:
+// iterating.)
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync } from 'node:fs';
@@ -29,11 +30,6 @@ function script(request: ResponsesRequest) {
   const output = commandOutput(request);
   if (output !== null) return reply.answer(`命令已运行，输出是：${output.includes('命令输出-42') ? '命令输出-42' : '（没有看到）'}`);
   if (question.includes('介绍')) return { steps: [{ reasoning: '**想一想** 该从哪里讲起' }, { text: FIRST_ANSWER, holdAfter: { index: 1, until: halfway } }] };
-  if (question.includes('补充')) {
-    const history = JSON.stringify(request.input);
-    const remembers = history.includes('用 Markdown\\n介绍一下 SQLite') && history.includes('嵌入式');
-    return reply.answer(remembers ? '补充：它很小。' : '我不记得前面的对话。');
-  }
   if (question.includes('很慢的命令')) return reply.command('echo started; sleep 300');
   if (question.includes('命令')) return reply.command('echo 命令输出-42', '先运行命令');
   if (question.includes('慢慢')) return reply.answer(Array.from({ length: 300 }, (_, i) => `第${i}句。`), 100);
@@ -44,7 +40,7 @@ function script(request: ResponsesRequest) {
 
 const foot = (turn: ReturnType<Page['locator']>) => turn.locator('.turn-foot');
 
-test('start, ask, stream, follow up, run a command, stop, reload, quit: nothing lost, nothing left running', async (t) => {
+test('start, ask, stream, run a command, stop, reload, quit: nothing lost, nothing left running', async (t) => {
   const { sandbox, browser } = await world(t, script);
 
   const launcher = await Launcher.ready(sandbox);
@@ -75,21 +71,18 @@ test('start, ask, stream, follow up, run a command, stop, reload, quit: nothing 
   assert.deepEqual(await first.locator('.answer :is(h2, li, pre, td), .reasoning strong').allTextContents(),
     ['想一想', 'SQLite 是什么', '无需服务器', '单个文件', "SELECT 'hello';\n", '页', '4096']);
 
-  // A follow-up has the whole thread behind it.
-  await (await ask(page, '再补充一句')).locator('.answer').getByText('补充：它很小').waitFor();
-
   // A command: a block that opens on its output and exit code.
-  const third = await ask(page, '运行一个命令');
-  await third.locator('.answer').getByText('命令已运行，输出是：命令输出-42').waitFor();
-  await third.locator('.command summary').click();
-  assert.match(await third.locator('.command .output').textContent() ?? '', /命令输出-42/);
-  assert.match(await third.locator('.command .state').textContent() ?? '', /^退出码 0/);
+  const withCommand = await ask(page, '运行一个命令');
+  await withCommand.locator('.answer').getByText('命令已运行，输出是：命令输出-42').waitFor();
+  await withCommand.locator('.command summary').click();
+  assert.match(await withCommand.locator('.command .output').textContent() ?? '', /命令输出-42/);
+  assert.match(await withCommand.locator('.command .state').textContent() ?? '', /^退出码 0/);
 
   // A reload in the middle of an answer shows what came so far, and the answer streams on.
-  const fourth = await ask(page, '请慢慢回答');
-  await fourth.locator('.answer').getByText('第3句').waitFor();
+  const slow = await ask(page, '请慢慢回答');
+  await slow.locator('.answer').getByText('第3句').waitFor();
   await page.reload();
-  const reloaded = page.locator('.turn').nth(3);
+  const reloaded = page.locator('.turn').nth(2);
   await reloaded.locator('.answer').getByText('第3句').waitFor();
   const shown = (await reloaded.locator('.answer').textContent())!.length;
   await until('the answer to grow after the reload', async () => (await reloaded.locator('.answer').textContent())!.length > shown);
@@ -102,15 +95,15 @@ test('start, ask, stream, follow up, run a command, stop, reload, quit: nothing 
   assert.doesNotMatch(kept, /第299句/);
 
   // Stop while a command runs: the command ends too.
-  const fifth = await ask(page, '运行一个很慢的命令');
-  await fifth.locator('.command .state').getByText('运行中').waitFor();
+  const slowCommand = await ask(page, '运行一个很慢的命令');
+  await slowCommand.locator('.command .state').getByText('运行中').waitFor();
   const threadId = decodeURIComponent(new URL(page.url()).hash.slice(1));
   // A process may end between being listed and being read: it is no longer running either way.
   const environ = (pid: number) => { try { return readFileSync(`/proc/${pid}/environ`, 'utf8'); } catch { return ''; } };
   const marked = () => sandbox.leftovers().filter((pid) => environ(pid).includes(`LANTERNMOOR_THREAD=${threadId}`));
   await until('the command to run', () => marked().length > 0);
   await page.click('#stop');
-  await foot(fifth).getByText('已停止').waitFor();
+  await foot(slowCommand).getByText('已停止').waitFor();
   await until('the command to end', () => marked().length === 0, 5000);
 
   // Failures are said where they happened, in one sentence.
