@@ -91,13 +91,11 @@ test('rename, pin, archive, export and delete round-trip, and a second page is t
   assert.deepEqual(await order(page), [id]);
   await page.click('#archived-toggle');
 
-  // Exported: one Markdown file named after the title, with the question, the command and its output, and the answer.
+  // Exported: one Markdown file named after the title, with the thread's items (their form: the export's own tests).
   const [download] = await Promise.all([page.waitForEvent('download'), page.getByRole('button', { name: '导出' }).click()]);
   assert.equal(download.suggestedFilename(), '页大小研究.md');
   const markdown = readFileSync((await download.path())!, 'utf8');
-  for (const part of ['# 页大小研究', '> SQLite 的页大小是多少？', '$ echo 页大小-4096\n页大小-4096', '页大小是 4096 字节。']) {
-    assert.ok(markdown.includes(part), `${part} in:\n${markdown}`);
-  }
+  assert.ok(markdown.includes('$ echo 页大小-4096\n页大小-4096'), markdown);
 
   // Deleted after one confirmation: both pages go back to the welcome and say why; the folder is gone.
   assert.ok(existsSync(join(sandbox.dataFolder, 'threads', id)));

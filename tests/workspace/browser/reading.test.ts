@@ -111,9 +111,8 @@ test('an answer reads well, the shortcuts do what they say, and a narrow window 
   const turn = await ask(page, '写一个公式和代码');
   await turn.locator('.turn-foot').getByText('本轮用量').waitFor();
   const answer = turn.locator('.answer');
-  assert.equal(await answer.locator('math').count(), 2);
+  // Which text is a formula: the markdown tests; here, that the page draws one.
   assert.equal(await answer.locator('.math-display math[display="block"] mfrac').count(), 1);
-  assert.match(await answer.locator('p').first().textContent() ?? '', /价格 \$5 和 \$10 不是公式/);
   // Code is coloured once it is near the view, when the page is idle.
   await answer.locator('code.hljs').waitFor();
   assert.deepEqual(await answer.locator('code.hljs .hljs-keyword').allTextContents(), ['def', 'return']);

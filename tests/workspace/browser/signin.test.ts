@@ -1,11 +1,14 @@
 // Signing Codex in from the page, through the real launcher and the real Codex, against a
 // stand-in ChatGPT sign-in the test scripts (who signs in, on which plan, with what usage): the
 // sign-in tab, a cancel that leaves nothing listening, a second page that sees the same sign-in,
-// success shown without a reload, sign-out, and the device code when the callback port is taken.
+// success shown without a reload, sign-out, the device code when the callback port is taken, and
+// a sign-in made in a terminal seen after a reload.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { createServer, connect, type Server } from 'node:net';
 import { once } from 'node:events';
+import { spawnSync } from 'node:child_process';
+import { join } from 'node:path';
 import { lastQuestion, reply } from '../../harness/standin.ts';
 import { startSignInStandIn } from '../../harness/signin-standin.ts';
 import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
@@ -89,6 +92,15 @@ test('sign in from the page, see the account, its plan and usage, sign out; a ta
   await banner.getByRole('button', { name: '取消登录' }).click();
   await banner.getByText(texts.signInCancelled).waitFor();
 
+  // Signed in from a terminal instead: the page, reloaded, sees it.
+  const login = spawnSync(join(sandbox.bin, 'codex'), ['login', '--with-api-key'], {
+    input: 'sk-stand-in\n', env: { PATH: `${sandbox.bin}:/usr/bin:/bin`, HOME: sandbox.home, CODEX_HOME: sandbox.codexHome },
+  });
+  assert.equal(login.status, 0, String(login.stderr));
+  await page.reload();
+  await page.locator('#about summary').click();
+  await page.locator('#about-list').getByText('API 密钥').waitFor();
+  assert.equal(await page.locator('.banner').count(), 0);
   assert.deepEqual(problems, []);
   await launcher.quit();
 });

@@ -1,11 +1,11 @@
 // The workspace as a user meets it: the real launcher starts the service, the real Codex answers
 // through the stand-in model, and Debian's Chromium shows it. Start, ask, watch the answer stream
-// in, follow up, run a command, stop, reload, quit. (Many pages on one answer, and what a restart
-// finds: the service's own tests.)
+// in, run a command, stop, reload, quit; find an old answer in a long thread. (Many pages on one
+// answer, and what a restart finds: the service's own tests; what history a follow-up carries:
+// iterating.)
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { mkdirSync, readFileSync } from 'node:fs';
-import { spawnSync } from 'node:child_process';
 import { join } from 'node:path';
 import { commandOutput, lastQuestion, reply, type ResponsesRequest } from '../../harness/standin.ts';
 import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
@@ -30,11 +30,6 @@ function script(request: ResponsesRequest) {
   const output = commandOutput(request);
   if (output !== null) return reply.answer(`命令已运行，输出是：${output.includes('命令输出-42') ? '命令输出-42' : '（没有看到）'}`);
   if (question.includes('介绍')) return { steps: [{ reasoning: '**想一想** 该从哪里讲起' }, { text: FIRST_ANSWER, holdAfter: { index: 1, until: halfway } }] };
-  if (question.includes('补充')) {
-    const history = JSON.stringify(request.input);
-    const remembers = history.includes('用 Markdown\\n介绍一下 SQLite') && history.includes('嵌入式');
-    return reply.answer(remembers ? '补充：它很小。' : '我不记得前面的对话。');
-  }
   if (question.includes('很慢的命令')) return reply.command('echo started; sleep 300');
   if (question.includes('命令')) return reply.command('echo 命令输出-42', '先运行命令');
   if (question.includes('慢慢')) return reply.answer(Array.from({ length: 300 }, (_, i) => `第${i}句。`), 100);
@@ -45,7 +40,7 @@ function script(request: ResponsesRequest) {
 
 const foot = (turn: ReturnType<Page['locator']>) => turn.locator('.turn-foot');
 
-test('start, ask, stream, follow up, run a command, stop, reload, quit: nothing lost, nothing left running', async (t) => {
+test('start, ask, stream, run a command, stop, reload, quit: nothing lost, nothing left running', async (t) => {
   const { sandbox, browser } = await world(t, script);
 
   const launcher = await Launcher.ready(sandbox);
@@ -76,21 +71,18 @@ test('start, ask, stream, follow up, run a command, stop, reload, quit: nothing 
   assert.deepEqual(await first.locator('.answer :is(h2, li, pre, td), .reasoning strong').allTextContents(),
     ['想一想', 'SQLite 是什么', '无需服务器', '单个文件', "SELECT 'hello';\n", '页', '4096']);
 
-  // A follow-up has the whole thread behind it.
-  await (await ask(page, '再补充一句')).locator('.answer').getByText('补充：它很小').waitFor();
-
   // A command: a block that opens on its output and exit code.
-  const third = await ask(page, '运行一个命令');
-  await third.locator('.answer').getByText('命令已运行，输出是：命令输出-42').waitFor();
-  await third.locator('.command summary').click();
-  assert.match(await third.locator('.command .output').textContent() ?? '', /命令输出-42/);
-  assert.match(await third.locator('.command .state').textContent() ?? '', /^退出码 0/);
+  const withCommand = await ask(page, '运行一个命令');
+  await withCommand.locator('.answer').getByText('命令已运行，输出是：命令输出-42').waitFor();
+  await withCommand.locator('.command summary').click();
+  assert.match(await withCommand.locator('.command .output').textContent() ?? '', /命令输出-42/);
+  assert.match(await withCommand.locator('.command .state').textContent() ?? '', /^退出码 0/);
 
   // A reload in the middle of an answer shows what came so far, and the answer streams on.
-  const fourth = await ask(page, '请慢慢回答');
-  await fourth.locator('.answer').getByText('第3句').waitFor();
+  const slow = await ask(page, '请慢慢回答');
+  await slow.locator('.answer').getByText('第3句').waitFor();
   await page.reload();
-  const reloaded = page.locator('.turn').nth(3);
+  const reloaded = page.locator('.turn').nth(2);
   await reloaded.locator('.answer').getByText('第3句').waitFor();
   const shown = (await reloaded.locator('.answer').textContent())!.length;
   await until('the answer to grow after the reload', async () => (await reloaded.locator('.answer').textContent())!.length > shown);
@@ -103,15 +95,15 @@ test('start, ask, stream, follow up, run a command, stop, reload, quit: nothing 
   assert.doesNotMatch(kept, /第299句/);
 
   // Stop while a command runs: the command ends too.
-  const fifth = await ask(page, '运行一个很慢的命令');
-  await fifth.locator('.command .state').getByText('运行中').waitFor();
+  const slowCommand = await ask(page, '运行一个很慢的命令');
+  await slowCommand.locator('.command .state').getByText('运行中').waitFor();
   const threadId = decodeURIComponent(new URL(page.url()).hash.slice(1));
   // A process may end between being listed and being read: it is no longer running either way.
   const environ = (pid: number) => { try { return readFileSync(`/proc/${pid}/environ`, 'utf8'); } catch { return ''; } };
   const marked = () => sandbox.leftovers().filter((pid) => environ(pid).includes(`LANTERNMOOR_THREAD=${threadId}`));
   await until('the command to run', () => marked().length > 0);
   await page.click('#stop');
-  await foot(fifth).getByText('已停止').waitFor();
+  await foot(slowCommand).getByText('已停止').waitFor();
   await until('the command to end', () => marked().length === 0, 5000);
 
   // Failures are said where they happened, in one sentence.
@@ -128,67 +120,71 @@ test('start, ask, stream, follow up, run a command, stop, reload, quit: nothing 
   await until('nothing of the sandbox to run', () => sandbox.leftovers().length === 0, 10_000);
 });
 
-test('a Codex that is not signed in: the page offers the sign-in, and sees one made in a terminal after a reload', async (t) => {
-  const { sandbox, browser } = await world(t, () => reply.answer('never asked'), { signedOut: true });
-  const launcher = await Launcher.ready(sandbox);
-  const { page } = await openPage(browser, WORKSPACE);
-  await page.locator('.banner').getByText('Codex 还没有登录').waitFor();
-  await page.locator('.banner').getByRole('button', { name: '使用 ChatGPT 登录' }).waitFor();
-
-  // Signed in from a terminal instead; the page, reloaded, sees it.
-  const login = spawnSync(join(sandbox.bin, 'codex'), ['login', '--with-api-key'], {
-    input: 'sk-stand-in\n', env: { PATH: `${sandbox.bin}:/usr/bin:/bin`, HOME: sandbox.home, CODEX_HOME: sandbox.codexHome },
-  });
-  assert.equal(login.status, 0, String(login.stderr));
-  await page.reload();
-  await page.locator('#about summary').click();
-  await page.locator('#about-list').getByText('API 密钥').waitFor();
-  assert.equal(await page.locator('.banner').count(), 0);
-  await launcher.quit();
-});
-
-test('a long thread of uneven turns opens at its newest, stays there while an answer streams, and its earlier turns come as the reader scrolls up, each once, in order', async (t) => {
+test('a word from an old answer of a long thread of uneven turns is found, its hit opens the thread there, every turn comes once, in order, as the reader scrolls both ways, the view follows an answer as it streams, and a reload opens at the newest turn', async (t) => {
   let release!: () => void;
   const held = new Promise<void>((resolve) => { release = resolve; });
   const paragraphs = (count: number) => Array.from({ length: count }, (_, i) => `第 ${i} 段。${'内容 '.repeat(10 + (i * 37) % 90)}\n\n`);
   const { sandbox, browser } = await world(t, () => ({ steps: [{ text: paragraphs(30), gapMs: 5, holdAfter: { index: 14, until: held } }] }));
   mkdirSync(sandbox.dataFolder, { recursive: true, mode: 0o700 });
   const store = ThreadStore.open(join(sandbox.dataFolder, 'workspace.db'));
-  const head = (position: number): TurnHead => ({
-    id: `turn-${position}`, threadId: 'long', position, question: `问题 ${position}`, status: 'completed', error: null, usage: null,
+  const head = (threadId: string, position: number): TurnHead => ({
+    id: `${threadId}-${position}`, threadId, position, question: `问题 ${position}`, status: 'completed', error: null, usage: null,
     startedAt: position, endedAt: position,
   });
-  store.createThread({ id: 'long', title: '很长的线程', folder: 'threads/long', createdAt: 0 }, head(0));
+  store.createThread({ id: 'other', title: '另一个线程', folder: 'threads/other', createdAt: 0 }, head('other', 0));
+  store.createThread({ id: 'long', title: '很长的线程', folder: 'threads/long', createdAt: 0 }, head('long', 0));
   for (let position = 0; position < 60; position += 1) {
-    if (position > 0) store.addTurn(head(position));
+    if (position > 0) store.addTurn(head('long', position));
     // Heights far from any guess, and the newest turn short after two long ones.
     const long = position % 7 === 0 || position === 57 || position === 58;
-    const text = `第 ${position} 轮。\n\n${long ? paragraphs(40).join('') : '简短。'}`;
-    store.commit({ turns: [], items: [{ turnId: `turn-${position}`, item: { kind: 'answer', position: 0, status: 'completed', text } }] });
+    const text = position === 12 ? '第 12 轮：萤火虫的 <b>Luciferin</b> 会发光。' : `第 ${position} 轮。\n\n${long ? paragraphs(40).join('') : '简短。'}`;
+    store.commit({ turns: [], items: [{ turnId: `long-${position}`, item: { kind: 'answer', position: 0, status: 'completed', text } }] });
   }
   store.close();
   const launcher = await Launcher.ready(sandbox);
-  const { page, problems } = await openPage(browser, `${WORKSPACE}#long`);
+  const { page, problems } = await openPage(browser, `${WORKSPACE}#other`);
   const atEnd = (what: string) => until(what, () => page.locator('#scroller').evaluate((scroller) => scroller.scrollHeight - scroller.scrollTop - scroller.clientHeight < 2));
-  await page.locator('.turn .question').getByText('问题 59', { exact: true }).waitFor();
-  await atEnd('the thread to open at its newest turn');
-  assert.ok(await page.locator('.turn').count() < 60, 'a page opens with its newest turns only');
-  await page.reload();
-  await page.locator('.turn .question').getByText('问题 59', { exact: true }).waitFor();
-  await atEnd('the thread to open again at its newest turn');
 
-  for (let scrolls = 0; (await page.locator('.turn').count()) < 60 && scrolls < 40; scrolls += 1) {
-    await page.locator('#scroller').evaluate((scroller) => { scroller.scrollTop = 0; });
-    await page.waitForTimeout(100);
+  await page.fill('#search', 'luciferin');
+  const hit = page.locator('.search-result');
+  await hit.waitFor();
+  assert.equal(await page.locator('#threads').isVisible(), false, 'hits stand in place of the thread list');
+  assert.deepEqual([await hit.count(), await hit.locator('.title').textContent(), await hit.locator('mark').allTextContents()],
+    [1, '很长的线程', ['Luciferin']]);
+  assert.match((await hit.locator('.snippet').textContent())!, /萤火虫的 <b>Luciferin<\/b> 会发光/, 'stored text is shown as text');
+  await hit.click();
+  const found = page.locator('.turn.found');
+  await found.waitFor();
+  assert.equal(await found.locator('.question').textContent(), '问题 12');
+  const [view, box] = [await page.locator('#scroller').boundingBox(), await found.boundingBox()];
+  // The view scrolls by whole pixels, the turns lie at fractions of one.
+  assert.ok(box!.y > view!.y - 1 && box!.y < view!.y + view!.height, 'the turn that matched is in view');
+
+  for (const [end, toward] of [['问题 59', 'bottom'], ['问题 0', 'top']] as const) {
+    for (let scrolls = 0; (await page.locator('.turn .question').getByText(end, { exact: true }).count()) === 0 && scrolls < 40; scrolls += 1) {
+      await page.locator('#scroller').evaluate((scroller, where) => { scroller.scrollTop = where === 'top' ? 0 : scroller.scrollHeight; }, toward);
+      await page.waitForTimeout(100);
+    }
   }
   assert.deepEqual(await page.locator('.turn .question').allTextContents(), Array.from({ length: 60 }, (_, i) => `问题 ${i}`));
 
+  // The thread carries on from there, and the view follows the new answer to its end.
   const streaming = await ask(page, '再写一段很长的');
   await streaming.locator('.answer').getByText('第 14 段').waitFor();
   await atEnd('the view to follow the answer as it streams');
   release();
   await streaming.locator('.turn-foot').getByText('本轮用量').waitFor();
   await atEnd('the view to stay at the end of the answer');
+  assert.equal(await page.locator('.turn').last().locator('.question').textContent(), '再写一段很长的');
+  await page.press('#search', 'Escape');
+  assert.deepEqual([await page.inputValue('#search'), await page.locator('#threads').isVisible(), await hit.count()], ['', true, 0]);
+
+  // The hit's address names its turn; the thread's own opens at the newest.
+  await page.evaluate('location.hash = "long"');
+  await page.reload();
+  await page.locator('.turn .question').getByText('再写一段很长的', { exact: true }).waitFor();
+  await atEnd('the thread to open at its newest turn');
+  assert.ok(await page.locator('.turn').count() < 61, 'a page opens with its newest turns only');
   assert.deepEqual(problems, []);
   await launcher.quit();
 });

@@ -77,12 +77,11 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
       ['an upload sent as text', 'POST', '/api/uploads?draft=abcdefgh', 'x', { 'content-type': 'text/plain', 'x-file-name': 'a.txt' }, 400, texts.fileNeedsBytes],
       ['an event stream from a page on another local port', 'GET', '/api/events', undefined, stream({ origin: 'http://127.0.0.1:1' }), 403, texts.foreignOrigin],
       ['a path out of the page\'s folder', 'GET', '/%2e%2e/server.mjs', undefined, {}, 404, texts.notFound],
-      ['search text over the limit of a request\'s head', 'GET', `/api/search?q=${'x'.repeat(16 << 10)}`, undefined, {}, 400, texts.searchTooLong(200)],
+      // Far over a request head's limit too, where Node would answer a bare 431.
       ['search text of 100,000 characters', 'GET', `/api/search?q=${encodeURIComponent('字'.repeat(100_000))}`, undefined, {}, 400, texts.searchTooLong(200)],
       ['200 characters outside the BMP are not over the limit', 'GET', `/api/search?q=${encodeURIComponent('𝄞'.repeat(200))}`, undefined, {}, 200, undefined],
       ['search text over the limit', 'GET', `/api/search?q=${encodeURIComponent('字'.repeat(201))}`, undefined, {}, 400, texts.searchTooLong(200)],
       ['an event stream with no origin', 'GET', '/api/events', undefined, stream({ origin: '' }), 403, texts.foreignOrigin],
-      ['an event stream for another origin', 'GET', '/api/events', undefined, stream({ origin: 'http://evil.example' }), 403, texts.foreignOrigin],
       ['an event stream at another host name', 'GET', '/api/events', undefined, stream({ host: 'evil.example' }), 421, texts.foreignHost],
       ['an event stream of another version', 'GET', '/api/events', undefined, stream({ 'sec-websocket-version': '8' }), 426, texts.notWebSocket],
       ['an event stream not asked with GET', 'POST', '/api/events', undefined, stream(), 405, texts.methodNotAllowed],
