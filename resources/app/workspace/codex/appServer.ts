@@ -64,6 +64,8 @@ export class CodexAppServer implements CodexPort {
   #stopping = false;
   /** Ended on purpose to be started again: not a failure to report. */
   #ending = false;
+  /** The old app-server being ended, before a new one starts. */
+  #restarting: Promise<void> | null = null;
 
   constructor(options: AppServerOptions) {
     this.#options = options;
@@ -78,13 +80,15 @@ export class CodexAppServer implements CodexPort {
     return this.#connection && !this.#connection.closed ? (this.#child?.pid ?? null) : null;
   }
 
-  /** Whether an app-server process is there (starting, running or being ended). */
+  /** Whether an app-server process is there (starting, running, being ended, or ended to start again). */
   get running(): boolean {
-    return this.#child !== null;
+    return this.#child !== null || this.#restarting !== null;
   }
 
   connect(): Promise<RpcConnection> {
     if (this.#stopping) return Promise.reject(new RpcClosed(texts.stopping));
+    // What asks while the old one ends is answered by the new one, not by a second one started beside it.
+    if (this.#restarting) return this.#restarting.then(() => this.connect());
     // Only once the handshake is done (and the version accepted) does anything else go to it.
     if (this.#state.state === 'ready' && this.#connection && !this.#connection.closed) return Promise.resolve(this.#connection);
     this.#starting ??= this.#start().finally(() => {
@@ -105,12 +109,17 @@ export class CodexAppServer implements CodexPort {
 
   /** Ends it and starts it anew, which reads its sign-in again; for when nothing runs through it. */
   async restart(): Promise<void> {
-    this.#ending = true;
-    try {
-      await this.#end();
-    } finally {
-      this.#ending = false;
-    }
+    this.#restarting ??= (async () => {
+      this.#ending = true;
+      try {
+        await this.#end();
+      } finally {
+        this.#ending = false;
+      }
+    })().finally(() => {
+      this.#restarting = null;
+    });
+    await this.#restarting;
     await this.connect();
   }
 
