@@ -62,9 +62,7 @@ export class CodexAppServer implements CodexPort {
   #connection: RpcConnection | null = null;
   #starting: Promise<RpcConnection> | null = null;
   #stopping = false;
-  /** Ended on purpose to be started again: not a failure to report. */
-  #ending = false;
-  /** The old app-server being ended, before a new one starts. */
+  /** The old app-server being ended on purpose, before a new one starts: its exit is no failure to report. */
   #restarting: Promise<void> | null = null;
 
   constructor(options: AppServerOptions) {
@@ -109,14 +107,7 @@ export class CodexAppServer implements CodexPort {
 
   /** Ends it and starts it anew, which reads its sign-in again; for when nothing runs through it. */
   async restart(): Promise<void> {
-    this.#restarting ??= (async () => {
-      this.#ending = true;
-      try {
-        await this.#end();
-      } finally {
-        this.#ending = false;
-      }
-    })().finally(() => {
+    this.#restarting ??= this.#end().finally(() => {
       this.#restarting = null;
     });
     await this.#restarting;
@@ -204,7 +195,7 @@ export class CodexAppServer implements CodexPort {
           return;
         }
         connection.close(new RpcClosed(texts.codexExited(describeExit(code, signal))));
-        if (!this.#stopping && !this.#ending) this.#unavailable(texts.codexExited(describeExit(code, signal)));
+        if (!this.#stopping && !this.#restarting) this.#unavailable(texts.codexExited(describeExit(code, signal)));
         this.#options.onExit();
       });
 

@@ -56,7 +56,12 @@ export class ResearchDesk {
 
   constructor(options: DeskOptions) {
     const turns = new TurnRunner({
-      ...options, ended: (threadId) => approvals.turnEnded(threadId), onSettled: (threadId, status) => this.#sendQueued(threadId, status),
+      ...options,
+      settled: (threadId, status) => {
+        // What the ended turn asked is no one's to answer now, before a queued question starts the next.
+        approvals.turnEnded(threadId);
+        this.#sendQueued(threadId, status);
+      },
     });
     const approvals = new Approvals({
       clock: options.clock, publish: options.publish,

@@ -34,10 +34,8 @@ export interface TurnRunnerOptions {
   reportStorage(error: StoreError | null): void;
   /** The model and effort Codex is to use for a thread's choice (its default for none); as given when absent. */
   resolveChoice?(choice: Choice): Promise<Choice>;
-  /** The thread's running turn has ended. */
-  ended?(threadId: string): void;
-  /** A thread's turn has ended and its end is written down: the next queued question may go. */
-  onSettled?(threadId: string, status: TurnStatus): void;
+  /** A thread's turn has ended and its end is written down (the thread may be gone meanwhile). */
+  settled?(threadId: string, status: TurnStatus): void;
 }
 
 /** Why a turn could not start, in one sentence: Codex's own refusals are in English. */
@@ -353,13 +351,13 @@ export class TurnRunner {
       this.#endedCodexTurns.add(live.codexTurnId);
       if (this.#endedCodexTurns.size > ENDED_KEPT) this.#endedCodexTurns.delete(this.#endedCodexTurns.values().next().value!);
     }
-    this.#options.ended?.(threadId);
     this.#journal.flush();
     if (this.#journal.pending) this.#unsaved.set(live.head.id, live);
     const summary = this.#options.store.summary(threadId);
-    if (!summary) return;
-    this.#options.publish({ type: 'threadSummary', thread: { ...summary, running: false, waiting: false } });
-    this.#options.publish({ type: 'threadUsage', threadId, usage: this.#options.store.threadUsage(threadId) });
-    this.#options.onSettled?.(threadId, live.head.status);
+    if (summary) {
+      this.#options.publish({ type: 'threadSummary', thread: { ...summary, running: false, waiting: false } });
+      this.#options.publish({ type: 'threadUsage', threadId, usage: this.#options.store.threadUsage(threadId) });
+    }
+    this.#options.settled?.(threadId, live.head.status);
   }
 }
