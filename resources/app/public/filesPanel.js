@@ -163,7 +163,7 @@ export class FilesPanel {
     });
     row.style.top = `${index * ROW_PX}px`;
     row.disabled = entry.kind === 'link';
-    const origin = entry.user ? texts.uploadedByYou : entry.turn === null ? '' : texts.madeInTurn(entry.turn);
+    const origin = entry.user ? texts.uploadedByYou : entry.turn === null ? '' : entry.changedSince ? texts.changedAfterTurn(entry.turn) : texts.madeInTurn(entry.turn);
     row.append(
       element('span', 'file-name', entry.kind === 'folder' ? `${entry.name}/` : entry.name),
       element('span', 'file-origin', origin),

@@ -14,6 +14,7 @@ import { disposition, exportFileName } from '../research/export.ts';
 import { folderTar } from '../files/archive.ts';
 import { filesAmong, folderPath, listFolder, openFile, type OpenFile } from '../files/results.ts';
 import type { Threads } from '../research/threads.ts';
+import type { TurnFiles } from '../files/turnFiles.ts';
 
 const IMAGES: Record<string, string> = {
   '.png': 'image/png', '.jpg': 'image/jpeg', '.jpeg': 'image/jpeg', '.gif': 'image/gif', '.webp': 'image/webp',
@@ -103,11 +104,11 @@ function folderOf(threads: Threads, id: string): string {
 }
 
 /** The routes of a thread's files; openFolder shows a folder in the desktop's file manager. */
-export function fileRoutes(threads: Threads, openFolder: (path: string) => void): Route[] {
+export function fileRoutes(threads: Threads, files: TurnFiles, openFolder: (path: string) => void): Route[] {
   return [
     route('GET', '/api/threads/:id/files', async ({ params, url }) => {
       const path = url.searchParams.get('path') ?? '';
-      const entries = await listFolder(folderOf(threads, params.id), path, threads.turnSpans(params.id), Date.now());
+      const entries = await listFolder(folderOf(threads, params.id), path, files.originsOf(params.id));
       return ok({ path, entries });
     }),
     route('GET', '/api/threads/:id/file', async ({ request, response, params, url }) => {

@@ -145,7 +145,7 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
         return ok({});
       }),
       route('GET', '/api/folders', ({ url }) => ok(listFolders(url.searchParams.get('path'), deps.folderRules))),
-      ...fileRoutes(threads, deps.openFolder),
+      ...fileRoutes(threads, desk.files, deps.openFolder),
       route('GET', '/api/search', ({ url }) => ok(threads.search(url.searchParams.get('q') ?? ''))),
       route('GET', '/api/models', async () => ok({ ...(await deps.models.read()), last: deps.lastChoice() })),
       route('POST', '/api/uploads', uploadFile(deps.uploads)),
