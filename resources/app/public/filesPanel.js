@@ -1,8 +1,8 @@
 // @ts-check
 // The open thread's files, beside the thread (over it in a narrow window): its folder's entries,
 // folders opened in place, each file opened in the preview. Only the rows in view exist, so a
-// folder of ten thousand files lists as fast as one of ten. While a turn runs and the panel is
-// open, the folder is asked for again every half second; closed, the panel asks nothing.
+// folder of ten thousand files lists as fast as one of ten. The service watches the folder shown
+// while the panel is open and says on the event stream when it changed; closed, nothing is watched.
 import { button, byId, element } from './dom.js';
 import { texts } from './texts.js';
 import { getJson, postJson } from './api.js';
@@ -13,8 +13,6 @@ import { getJson, postJson } from './api.js';
 const ROW_PX = 34;
 /** Rows made beyond the view on either side, so a fast scroll shows no gap. */
 const SPARE_ROWS = 8;
-// Half a second: a file a command writes shows within a second, the listing's own time included.
-const WATCH_MS = 500;
 
 /** @param {string} thread */
 export const filesPath = (thread) => `/api/threads/${encodeURIComponent(thread)}`;
@@ -41,8 +39,10 @@ export class FilesPanel {
   /** The rows made for the entries, by index: a row scrolled back into view is not made again. */
   /** @type {Map<number, HTMLButtonElement>} */
   #made = new Map();
-  #running = false;
-  #timer = 0;
+  /** This page's event stream, by its name, which the service watches the folder shown for. */
+  #page = '';
+  /** The thread and folder the service watches for this page, as `page thread path`; '' for none. */
+  #watched = '';
   #frame = 0;
   /** Counts the folders asked for: an answer for one asked before the last is dropped. */
   #asked = 0;
@@ -63,25 +63,26 @@ export class FilesPanel {
     });
   }
 
-  /** Another thread is open (or none): its folder's top, if the panel is open. @param {string | null} thread @param {boolean} running */
-  thread(thread, running) {
+  /** The event stream is open anew, under this name: what was watched for the last one is not. @param {string} page */
+  connected(page) {
+    this.#page = page;
+    this.#watched = '';
+  }
+
+  /** Another thread is open (or none): its folder's top, if the panel is open. @param {string | null} thread */
+  thread(thread) {
     this.#thread = thread;
     this.#path = '';
     this.#entries = [];
     this.#toggle.hidden = thread === null;
     if (thread) /** @type {HTMLAnchorElement} */ (byId('files-archive')).href = `${filesPath(thread)}/archive`;
     if (thread === null) this.#show(false);
-    this.#running = running;
-    this.#watch();
     this.refresh();
   }
 
-  /** @param {boolean} running */
-  running(running) {
-    const ended = this.#running && !running;
-    this.#running = running;
-    this.#watch();
-    if (ended) this.refresh();
+  /** Something in a folder of a thread has changed: read again if it is the one shown. @param {string} thread @param {string} path */
+  changed(thread, path) {
+    if (thread === this.#thread && path === this.#path) this.refresh();
   }
 
   /** Asks for the folder shown again, if the panel is open. */
@@ -95,14 +96,27 @@ export class FilesPanel {
     this.#panel.hidden = !shown;
     this.#toggle.setAttribute('aria-expanded', String(shown));
     document.querySelector('.layout')?.classList.toggle('files-open', shown);
-    this.#watch();
+    if (!shown) void this.#watch(null, null);
     this.refresh();
   }
 
-  #watch() {
-    clearInterval(this.#timer);
-    this.#timer = 0;
-    if (this.#running && !this.#panel.hidden) this.#timer = window.setInterval(() => this.refresh(), WATCH_MS);
+  /**
+   * Has the service watch this folder of the thread for this page (none: null), before it is read,
+   * so no change between the two goes unsaid. A page whose stream is down is watched for anew on
+   * its next hello.
+   * @param {string | null} thread @param {string | null} path
+   */
+  async #watch(thread, path) {
+    const watched = thread === null ? '' : `${this.#page} ${thread} ${path}`;
+    if (watched === this.#watched || this.#page === '') return;
+    const [, was = ''] = this.#watched.split(' ');
+    try {
+      if (thread !== null) await postJson(`${filesPath(thread)}/watch`, { page: this.#page, path });
+      else if (was !== '') await postJson(`${filesPath(was)}/watch`, { page: this.#page, path: null });
+      this.#watched = watched;
+    } catch {
+      // Unwatched, the panel still lists what is there each time it is opened.
+    }
   }
 
   /** @param {string} path */
@@ -116,6 +130,7 @@ export class FilesPanel {
   /** @param {string} thread @param {string} path */
   async #load(thread, path) {
     const asked = ++this.#asked;
+    await this.#watch(thread, path);
     try {
       /** @type {{ entries: Entry[] }} */
       const answer = await getJson(`${filesPath(thread)}/files?${new URLSearchParams({ path })}`);

@@ -298,6 +298,8 @@ export type PageEvent =
     moreThreads?: boolean;
     /** Why the thread the page asked for is not there (it was deleted), in one sentence. */
     notice?: string;
+    /** This event stream's name, by which the page says which of the thread's folders it shows. */
+    page: string;
   }
   | { type: 'service'; service: ServiceState }
   | { type: 'threadSummary'; thread: ThreadSummary }
@@ -310,6 +312,8 @@ export type PageEvent =
   /** The turn is gone: asked again, and Codex's history rolled back to before it. */
   | { type: 'turnRemoved'; threadId: string; turnId: string }
   | { type: 'queue'; threadId: string; queued: Queued[] }
+  /** Something in this folder of the thread (path inside it) has changed, which a page showing it watches. */
+  | { type: 'folderChanged'; threadId: string; path: string }
   | { type: 'context'; threadId: string; context: Context }
   | { type: 'turn'; turn: TurnHead }
   | { type: 'item'; threadId: string; turnId: string; item: Item }
