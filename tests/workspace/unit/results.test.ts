@@ -53,7 +53,7 @@ test('a path reaches a plain file below the thread folder through no link, or is
   }
   assert.deepEqual(await filesAmong(folder, ['data.csv', 'out', 'passwd', '../b/secret.txt', 'out/图 1 #?%.txt']), ['data.csv', 'out/图 1 #?%.txt']);
   for (const path of ['passwd', 'other', 'data.csv', '..']) {
-    assert.equal(await listFolder(folder, path, () => ({ turn: null, changedSince: false, user: false })).then(() => 'listed', reason), 'refused: noSuchFile', path);
+    assert.equal(await listFolder(folder, path, () => () => ({ turn: null, changedSince: false, user: false })).then(() => 'listed', reason), 'refused: noSuchFile', path);
   }
 });
 
@@ -64,7 +64,7 @@ test('a listing tells each entry\'s kind, and which turn made or last changed a 
   const heads = [0, 1, 2].map((position) => newHead('t', position, 'q', 0, position === 1 ? ['mine.csv'] : []));
   store.createThread({ id: 't', title: 't', folder, createdAt: 0 }, heads[0]!);
   const write = (name: string, text = 'x') => writeFileSync(join(folder, name), text);
-  const origins = async () => Object.fromEntries((await listFolder(folder, '', files.originsOf('t'))).map((entry) =>
+  const origins = async () => Object.fromEntries((await listFolder(folder, '', (paths) => files.originsOf('t', paths))).entries.map((entry) =>
     [entry.name, `${entry.kind} ${entry.user ? 'yours' : entry.turn === null ? '-' : `turn ${entry.turn}${entry.changedSince ? ', changed since' : ''}`}`]));
   mkdirSync(join(folder, 'out'));
   symlinkSync('/etc/passwd', join(folder, 'passwd'));
@@ -96,8 +96,10 @@ test('a listing tells each entry\'s kind, and which turn made or last changed a 
     'fit.py': 'file turn 2', 'gone.txt': 'file -', 'many-0': 'file -', 'many-1': 'file -', 'many-2': 'file -', 'many-3': 'file -',
     'many-4': 'file -', 'many-5': 'file -', 'mine.csv': 'file yours', 'passwd': 'link -', 'plot.png': 'file turn 0',
   });
+  const window = await listFolder(folder, '', () => () => ({ turn: null, changedSince: false, user: false }), 1, 2);
+  assert.deepEqual([window.total, window.entries.map((entry) => entry.name)], [15, ['before.txt', 'during.txt']]);
   store.deleteThread('t');
-  assert.equal(store.fileRecords('t').size, 0);
+  assert.equal(store.fileRecords('t', ['plot.png']).size, 0);
 });
 
 test('a byte range is served as asked, the whole file when it cannot be read, and refused past the end', () => {

@@ -74,7 +74,12 @@ export function namedChanges(folder: string, items: readonly Item[]): Changes {
     for (const change of item.changes) {
       const path = relative(folder, resolve(folder, change.path)).split('\\').join('/');
       if (path === '' || path.startsWith('..') || isAbsolute(path)) continue;
-      const stats = lstatSync(join(folder, path), { throwIfNoEntry: false });
+      let stats: Stats | undefined;
+      try {
+        stats = lstatSync(join(folder, path), { throwIfNoEntry: false });
+      } catch {
+        continue;
+      }
       if (stats?.isFile()) changes.changed.set(path, seenOf(stats));
       else if (!stats) changes.deleted.push(path);
     }
@@ -85,12 +90,14 @@ export function namedChanges(folder: string, items: readonly Item[]): Changes {
 /** What the store keeps of the files' turns. */
 export interface FileRecords {
   uploads(threadId: string): string[];
-  fileRecords(threadId: string): Map<string, FileRecord>;
+  fileRecords(threadId: string, paths: readonly string[]): Map<string, FileRecord>;
   recordFiles(threadId: string, turnId: string, changed: ReadonlyMap<string, FileSeen>, deleted: readonly string[]): void;
 }
 
 /** What a listing says of a file's origin. */
 export type Origin = Pick<Entry, 'turn' | 'changedSince' | 'user'>;
+/** A file's origin, by its path in the thread's folder and what it is now. */
+export type OriginOf = (path: string, seen: FileSeen) => Origin;
 
 interface Running {
   turnId: string;
@@ -156,9 +163,9 @@ export class TurnFiles {
     }
   }
 
-  /** The origin of each file of the thread's folder, by its path there and what it is now. */
-  originsOf(threadId: string): (path: string, seen: FileSeen) => Origin {
-    const records = this.#store.fileRecords(threadId);
+  /** The origin of these files of the thread's folder, by their paths there and what they are now. */
+  originsOf(threadId: string, paths: readonly string[]): OriginOf {
+    const records = this.#store.fileRecords(threadId, paths);
     const uploads = new Set(this.#store.uploads(threadId));
     const running = this.#running.get(threadId);
     return (path, seen) => {

@@ -12,7 +12,7 @@ import { route, ok, type Route } from './router.ts';
 import { readFields } from './parse.ts';
 import { disposition, exportFileName } from '../research/export.ts';
 import { folderTar } from '../files/archive.ts';
-import { filesAmong, folderPath, listFolder, openFile, type OpenFile } from '../files/results.ts';
+import { filesAmong, folderPath, listFolder, LISTING_WINDOW, openFile, type OpenFile } from '../files/results.ts';
 import type { Threads } from '../research/threads.ts';
 import type { TurnFiles } from '../files/turnFiles.ts';
 import type { FolderWatches } from '../files/folderWatch.ts';
@@ -118,9 +118,11 @@ export interface FileRouteDeps {
 export function fileRoutes({ threads, files, watches, pageOpen, openFolder }: FileRouteDeps): Route[] {
   return [
     route('GET', '/api/threads/:id/files', async ({ params, url }) => {
-      const path = url.searchParams.get('path') ?? '';
-      const entries = await listFolder(folderOf(threads, params.id), path, files.originsOf(params.id));
-      return ok({ path, entries });
+      const query = url.searchParams;
+      const path = query.get('path') ?? '';
+      const [from, count] = ['from', 'count'].map((name) => Math.max(0, Math.floor(Number(query.get(name) ?? 0)) || 0));
+      const originsOf = (paths: string[]) => files.originsOf(params.id, paths);
+      return ok({ path, ...await listFolder(folderOf(threads, params.id), path, originsOf, from, count || LISTING_WINDOW) });
     }),
     route('GET', '/api/threads/:id/file', async ({ request, response, params, url }) => {
       const file = await openFile(folderOf(threads, params.id), url.searchParams.get('path') ?? '');

@@ -311,11 +311,12 @@ export class ThreadStore {
     return rows.flatMap((row) => JSON.parse(row.attachments) as string[]);
   }
 
-  /** Which turn last made or changed each file of the thread's folder that one did, by its path there. */
-  fileRecords(threadId: string): Map<string, FileRecord> {
+  /** Which turn last made or changed each of these files of the thread's folder that one did, by its path there. */
+  fileRecords(threadId: string, paths: readonly string[]): Map<string, FileRecord> {
     const rows = this.#statement(`SELECT turn_files.path, turns.position, turn_files.size, turn_files.changed_at
-      FROM turn_files JOIN turns ON turns.id = turn_files.turn_id WHERE turn_files.thread_id = ?`)
-      .all(threadId) as unknown as { path: string; position: number; size: number; changed_at: number }[];
+      FROM turn_files JOIN turns ON turns.id = turn_files.turn_id
+      WHERE turn_files.thread_id = ? AND turn_files.path IN (SELECT value FROM json_each(?))`)
+      .all(threadId, JSON.stringify(paths)) as unknown as { path: string; position: number; size: number; changed_at: number }[];
     return new Map(rows.map((row) => [row.path, { turn: row.position, size: row.size, changedAt: row.changed_at }]));
   }
 
