@@ -46,8 +46,8 @@ export class FilesPanel {
   #made = new Map();
   /** This page's event stream, by its name, which the service watches the folder shown for. */
   #page = '';
-  /** The thread and folder the service watches for this page, as `page thread path`; '' for none. */
-  #watched = '';
+  /** The thread and folder the service watches for this page. @type {{ page: string, thread: string, path: string } | null} */
+  #watched = null;
   #frame = 0;
   /** Counts the folders asked for: an answer for one asked before the last is dropped. */
   #asked = 0;
@@ -71,7 +71,7 @@ export class FilesPanel {
   /** The event stream is open anew, under this name: what was watched for the last one is not. @param {string} page */
   connected(page) {
     this.#page = page;
-    this.#watched = '';
+    this.#watched = null;
   }
 
   /** Another thread is open (or none): its folder's top, if the panel is open. @param {string | null} thread */
@@ -112,13 +112,13 @@ export class FilesPanel {
    * @param {string | null} thread @param {string | null} path
    */
   async #watch(thread, path) {
-    const watched = thread === null ? '' : `${this.#page} ${thread} ${path}`;
-    if (watched === this.#watched || this.#page === '') return;
-    const [, was = ''] = this.#watched.split(' ');
+    const was = this.#watched;
+    const page = this.#page;
+    if (page === '' || (was?.page === page && was.thread === thread && was.path === path) || (was === null && thread === null)) return;
     try {
-      if (thread !== null) await postJson(`${filesPath(thread)}/watch`, { page: this.#page, path });
-      else if (was !== '') await postJson(`${filesPath(was)}/watch`, { page: this.#page, path: null });
-      this.#watched = watched;
+      if (thread !== null && path !== null) await postJson(`${filesPath(thread)}/watch`, { page, path });
+      else if (was) await postJson(`${filesPath(was.thread)}/watch`, { page, path: null });
+      this.#watched = thread !== null && path !== null ? { page, thread, path } : null;
     } catch {
       // Unwatched, the panel still lists what is there each time it is opened.
     }
@@ -157,11 +157,9 @@ export class FilesPanel {
     this.#drawRows();
   }
 
-  /** @param {string} thread @param {string} path @param {number} from */
+  /** @param {string} thread @param {string} path @param {number} from @returns {Promise<{ total: number, from: number, entries: Entry[] }>} */
   #read(thread, path, from) {
-    /** @type {Promise<{ total: number, from: number, entries: Entry[] }>} */
-    const answer = getJson(`${filesPath(thread)}/files?${new URLSearchParams({ path, from: String(from), count: String(WINDOW) })}`);
-    return answer;
+    return getJson(`${filesPath(thread)}/files?${new URLSearchParams({ path, from: String(from), count: String(WINDOW) })}`);
   }
 
   /** @param {{ from: number, entries: Entry[] }} answer */
