@@ -72,9 +72,10 @@ test('a listing tells each entry\'s kind, and which turn made or last changed a 
 
   await files.started(heads[0]!, folder);
   for (const name of ['plot.png', 'edited.txt', 'gone.txt']) write(name);
+  // Dropped on the page for the next question while this turn runs.
+  write('mine.csv');
   await files.settled(heads[0]!, []);
   appendFileSync(join(folder, 'edited.txt'), ' by the user');
-  write('mine.csv');
 
   store.addTurn(heads[1]!);
   await files.started(heads[1]!, folder);

@@ -89,7 +89,7 @@ export function namedChanges(folder: string, items: readonly Item[]): Changes {
 
 /** What the store keeps of the files' turns. */
 export interface FileRecords {
-  uploads(threadId: string): string[];
+  uploads(threadId: string): Map<string, number>;
   fileRecords(threadId: string, paths: readonly string[]): Map<string, FileRecord>;
   recordFiles(threadId: string, turnId: string, changed: ReadonlyMap<string, FileSeen>, deleted: readonly string[]): void;
 }
@@ -166,14 +166,16 @@ export class TurnFiles {
   /** The origin of these files of the thread's folder, by their paths there and what they are now. */
   originsOf(threadId: string, paths: readonly string[]): OriginOf {
     const records = this.#store.fileRecords(threadId, paths);
-    const uploads = new Set(this.#store.uploads(threadId));
+    const uploads = this.#store.uploads(threadId);
     const running = this.#running.get(threadId);
     return (path, seen) => {
       const was = running?.before?.get(path);
       if (running?.before && (!was || !same(was, seen))) return { turn: running.position, changedSince: false, user: false };
       const record = records.get(path);
-      if (record) return { turn: record.turn, changedSince: !same(record, seen), user: false };
-      return { turn: null, changedSince: false, user: uploads.has(path) };
+      // A file dropped on the page while a turn ran is in that turn's look, but is the next question's.
+      const brought = uploads.get(path);
+      if (record && (brought === undefined || record.turn >= brought)) return { turn: record.turn, changedSince: !same(record, seen), user: false };
+      return { turn: null, changedSince: false, user: brought !== undefined };
     };
   }
 }

@@ -304,11 +304,11 @@ export class ThreadStore {
     return item;
   }
 
-  /** The names of the files the thread's questions brought. */
-  uploads(threadId: string): string[] {
-    const rows = this.#statement('SELECT attachments FROM turns WHERE thread_id = ? AND attachments IS NOT NULL')
-      .all(threadId) as unknown as { attachments: string }[];
-    return rows.flatMap((row) => JSON.parse(row.attachments) as string[]);
+  /** The files the thread's questions brought, by name, each with the last question (its position) that brought it. */
+  uploads(threadId: string): Map<string, number> {
+    const rows = this.#statement('SELECT position, attachments FROM turns WHERE thread_id = ? AND attachments IS NOT NULL ORDER BY position')
+      .all(threadId) as unknown as { position: number; attachments: string }[];
+    return new Map(rows.flatMap((row) => (JSON.parse(row.attachments) as string[]).map((name) => [name, row.position] as const)));
   }
 
   /** Which turn last made or changed each of these files of the thread's folder that one did, by its path there. */
