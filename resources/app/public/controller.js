@@ -171,7 +171,7 @@ export class Controller {
     views.queue.show(thread?.queued ?? [], thread?.running ?? false);
     views.attachments.reset(thread?.id ?? null);
     views.picker.show(thread);
-    views.files.thread(thread?.id ?? null, thread?.running ?? false);
+    views.files.thread(thread?.id ?? null);
     views.approvals.show(thread?.id ?? null, thread?.approvals ?? []);
     views.permission.show(thread?.id ?? null, thread?.permission ?? 'write');
   }
@@ -188,6 +188,7 @@ export class Controller {
     const state = this.#state;
     switch (event.type) {
       case 'hello':
+        views.files.connected(event.page);
         this.#serviceChanged(event.service);
         if (state.open && !event.thread) {
           views.ask.say(event.notice ?? '');
@@ -210,7 +211,6 @@ export class Controller {
         if (event.thread.id !== state.open) return;
         views.thread.summary(event.thread);
         this.#running(event.thread.running);
-        views.files.running(event.thread.running);
         return;
       case 'threadUsage':
         if (event.threadId === state.open) views.thread.usage(event.usage);
@@ -240,6 +240,9 @@ export class Controller {
         return;
       case 'turnRemoved':
         if (event.threadId === state.open) views.thread.removeTurn(event.turnId);
+        return;
+      case 'folderChanged':
+        views.files.changed(event.threadId, event.path);
         return;
       case 'queue':
         if (event.threadId === state.open) views.queue.show(event.queued, state.running);

@@ -1,8 +1,9 @@
 // @ts-check
 // The open thread's files, beside the thread (over it in a narrow window): its folder's entries,
-// folders opened in place, each file opened in the preview. Only the rows in view exist, so a
-// folder of ten thousand files lists as fast as one of ten. While a turn runs and the panel is
-// open, the folder is asked for again every half second; closed, the panel asks nothing.
+// folders opened in place, each file opened in the preview. The folder is read a window of
+// entries at a time, the one in view first, and only the rows in view exist, so a folder of ten
+// thousand files lists as fast as one of ten. The service watches the folder shown
+// while the panel is open and says on the event stream when it changed; closed, nothing is watched.
 import { button, byId, element } from './dom.js';
 import { texts } from './texts.js';
 import { getJson, postJson } from './api.js';
@@ -13,8 +14,8 @@ import { getJson, postJson } from './api.js';
 const ROW_PX = 34;
 /** Rows made beyond the view on either side, so a fast scroll shows no gap. */
 const SPARE_ROWS = 8;
-// Half a second: a file a command writes shows within a second, the listing's own time included.
-const WATCH_MS = 500;
+/** Entries asked for at once: a screenful many times over, a small answer to read. */
+const WINDOW = 200;
 
 /** @param {string} thread */
 export const filesPath = (thread) => `/api/threads/${encodeURIComponent(thread)}`;
@@ -36,13 +37,17 @@ export class FilesPanel {
   /** @type {string | null} */
   #thread = null;
   #path = '';
-  /** @type {Entry[]} */
+  /** The folder's entries by their place in it, those of the windows read so far. @type {(Entry | undefined)[]} */
   #entries = [];
-  /** The rows made for the entries, by index: a row scrolled back into view is not made again. */
+  /** The windows asked for since the folder was last read, by their first entry's place. */
+  #windows = new Set();
+  /** The rows in view, by index: one still in view after a scroll is not made again. */
   /** @type {Map<number, HTMLButtonElement>} */
   #made = new Map();
-  #running = false;
-  #timer = 0;
+  /** This page's event stream, by its name, which the service watches the folder shown for. */
+  #page = '';
+  /** The thread and folder the service watches for this page. @type {{ page: string, thread: string, path: string } | null} */
+  #watched = null;
   #frame = 0;
   /** Counts the folders asked for: an answer for one asked before the last is dropped. */
   #asked = 0;
@@ -63,25 +68,26 @@ export class FilesPanel {
     });
   }
 
-  /** Another thread is open (or none): its folder's top, if the panel is open. @param {string | null} thread @param {boolean} running */
-  thread(thread, running) {
+  /** The event stream is open anew, under this name: what was watched for the last one is not. @param {string} page */
+  connected(page) {
+    this.#page = page;
+    this.#watched = null;
+  }
+
+  /** Another thread is open (or none): its folder's top, if the panel is open. @param {string | null} thread */
+  thread(thread) {
     this.#thread = thread;
     this.#path = '';
     this.#entries = [];
     this.#toggle.hidden = thread === null;
     if (thread) /** @type {HTMLAnchorElement} */ (byId('files-archive')).href = `${filesPath(thread)}/archive`;
     if (thread === null) this.#show(false);
-    this.#running = running;
-    this.#watch();
     this.refresh();
   }
 
-  /** @param {boolean} running */
-  running(running) {
-    const ended = this.#running && !running;
-    this.#running = running;
-    this.#watch();
-    if (ended) this.refresh();
+  /** Something in a folder of a thread has changed: read again if it is the one shown. @param {string} thread @param {string} path */
+  changed(thread, path) {
+    if (thread === this.#thread && path === this.#path) this.refresh();
   }
 
   /** Asks for the folder shown again, if the panel is open. */
@@ -95,14 +101,27 @@ export class FilesPanel {
     this.#panel.hidden = !shown;
     this.#toggle.setAttribute('aria-expanded', String(shown));
     document.querySelector('.layout')?.classList.toggle('files-open', shown);
-    this.#watch();
+    if (!shown) void this.#watch(null, null);
     this.refresh();
   }
 
-  #watch() {
-    clearInterval(this.#timer);
-    this.#timer = 0;
-    if (this.#running && !this.#panel.hidden) this.#timer = window.setInterval(() => this.refresh(), WATCH_MS);
+  /**
+   * Has the service watch this folder of the thread for this page (none: null), before it is read,
+   * so no change between the two goes unsaid. A page whose stream is down is watched for anew on
+   * its next hello.
+   * @param {string | null} thread @param {string | null} path
+   */
+  async #watch(thread, path) {
+    const was = this.#watched;
+    const page = this.#page;
+    if (page === '' || (was?.page === page && was.thread === thread && was.path === path) || (was === null && thread === null)) return;
+    try {
+      if (thread !== null && path !== null) await postJson(`${filesPath(thread)}/watch`, { page, path });
+      else if (was) await postJson(`${filesPath(was.thread)}/watch`, { page, path: null });
+      this.#watched = thread !== null && path !== null ? { page, thread, path } : null;
+    } catch {
+      // Unwatched, the panel still lists what is there each time it is opened.
+    }
   }
 
   /** @param {string} path */
@@ -113,15 +132,18 @@ export class FilesPanel {
     this.refresh();
   }
 
-  /** @param {string} thread @param {string} path */
+  /** The folder read anew, from the window in view. @param {string} thread @param {string} path */
   async #load(thread, path) {
     const asked = ++this.#asked;
+    await this.#watch(thread, path);
+    const from = Math.floor(this.#rows.scrollTop / ROW_PX / WINDOW) * WINDOW;
     try {
-      /** @type {{ entries: Entry[] }} */
-      const answer = await getJson(`${filesPath(thread)}/files?${new URLSearchParams({ path })}`);
+      const answer = await this.#read(thread, path, from);
       if (asked !== this.#asked) return;
-      this.#entries = answer.entries;
-      this.#say(answer.entries.length === 0 ? texts.filesEmpty : '');
+      this.#entries = new Array(answer.total);
+      this.#windows = new Set([from]);
+      this.#take(answer);
+      this.#say(answer.total === 0 ? texts.filesEmpty : '');
     } catch (error) {
       if (asked !== this.#asked) return;
       this.#entries = [];
@@ -130,9 +152,40 @@ export class FilesPanel {
     this.#where.textContent = path === '' ? texts.filesTop : `${texts.filesTop} / ${path.replaceAll('/', ' / ')}`;
     byId('files-up').hidden = path === '';
     this.#space.style.height = `${this.#entries.length * ROW_PX}px`;
-    this.#made.clear();
     this.#space.replaceChildren();
+    this.#made.clear();
     this.#drawRows();
+  }
+
+  /** @param {string} thread @param {string} path @param {number} from @returns {Promise<{ total: number, from: number, entries: Entry[] }>} */
+  #read(thread, path, from) {
+    return getJson(`${filesPath(thread)}/files?${new URLSearchParams({ path, from: String(from), count: String(WINDOW) })}`);
+  }
+
+  /** @param {{ from: number, entries: Entry[] }} answer */
+  #take(answer) {
+    answer.entries.forEach((entry, index) => { if (answer.from + index < this.#entries.length) this.#entries[answer.from + index] = entry; });
+  }
+
+  /** A window of the folder scrolled into view before it was read. @param {number} from */
+  async #readWindow(from) {
+    const thread = this.#thread;
+    const asked = this.#asked;
+    if (!thread || this.#windows.has(from)) return;
+    this.#windows.add(from);
+    try {
+      const answer = await this.#read(thread, this.#path, from);
+      if (asked !== this.#asked) return;
+      // The folder changed meanwhile: what was read is out of place, so it is read again whole.
+      if (answer.total !== this.#entries.length) {
+        this.refresh();
+        return;
+      }
+      this.#take(answer);
+      this.#drawRows();
+    } catch {
+      if (asked === this.#asked) this.#windows.delete(from);
+    }
   }
 
   /** @param {string} words */
@@ -140,18 +193,26 @@ export class FilesPanel {
     this.#note.textContent = words;
   }
 
-  /** Only the rows in view, and a few either side. */
+  /** Only the rows in view, and a few either side; those not read yet are asked for. */
   #drawRows() {
     this.#frame = 0;
     const first = Math.max(0, Math.floor(this.#rows.scrollTop / ROW_PX) - SPARE_ROWS);
     const last = Math.min(this.#entries.length, Math.ceil((this.#rows.scrollTop + this.#rows.clientHeight) / ROW_PX) + SPARE_ROWS);
-    const rows = [];
+    /** @type {Map<number, HTMLButtonElement>} */
+    const made = new Map();
     for (let index = first; index < last; index += 1) {
-      let row = this.#made.get(index);
-      if (!row) this.#made.set(index, row = this.#row(/** @type {Entry} */ (this.#entries[index]), index));
-      rows.push(row);
+      const entry = this.#entries[index];
+      if (!entry) {
+        void this.#readWindow(index - (index % WINDOW));
+        continue;
+      }
+      made.set(index, this.#made.get(index) ?? this.#row(entry, index));
     }
-    this.#space.replaceChildren(...rows);
+    // Rows that stay are left where they are: moving them all each frame costs a style and layout
+    // pass over every row in view.
+    for (const [index, row] of this.#made) if (!made.has(index)) row.remove();
+    for (const row of made.values()) if (!row.isConnected) this.#space.append(row);
+    this.#made = made;
   }
 
   /** @param {Entry} entry @param {number} index */
@@ -163,7 +224,7 @@ export class FilesPanel {
     });
     row.style.top = `${index * ROW_PX}px`;
     row.disabled = entry.kind === 'link';
-    const origin = entry.user ? texts.uploadedByYou : entry.turn === null ? '' : texts.madeInTurn(entry.turn);
+    const origin = entry.user ? texts.uploadedByYou : entry.turn === null ? '' : entry.changedSince ? texts.changedAfterTurn(entry.turn) : texts.madeInTurn(entry.turn);
     row.append(
       element('span', 'file-name', entry.kind === 'folder' ? `${entry.name}/` : entry.name),
       element('span', 'file-origin', origin),

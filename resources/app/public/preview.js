@@ -78,6 +78,8 @@ export class Preview {
       if (event.key === 'Escape') event.stopPropagation();
     });
     this.#dialog.addEventListener('close', () => {
+      // The event comes a task after the close: a file opened meanwhile is not the one closed.
+      if (this.#dialog.open) return;
       this.#shown += 1;
       this.#body.replaceChildren();
     });

@@ -175,6 +175,8 @@ export const texts = {
   uploadedByYou: '你上传的',
   /** @param {number} position */
   madeInTurn: (position) => `第 ${position + 1} 问`,
+  /** @param {number} position */
+  changedAfterTurn: (position) => `第 ${position + 1} 问后另有改动`,
   fileLink: '链接（不打开）',
   /** @param {number} bytes */
   size: fileSize,

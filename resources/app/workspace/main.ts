@@ -15,6 +15,7 @@ import { TITLE_LIMIT } from './research/threads.ts';
 import { describeStorage } from './research/storage.ts';
 import { StoreError, ThreadStore } from './store/store.ts';
 import { EventHub } from './http/events.ts';
+import { FolderWatches } from './files/folderWatch.ts';
 import { PeerGate } from './http/security.ts';
 import { systemLookup } from './http/peer.ts';
 import { StaticFiles } from './http/static.ts';
@@ -85,7 +86,9 @@ export function startWorkspace(boot: Boot): Workspace {
   // written is left to refuse them, as it says.
   const workFolder = untouchable ? mkdtempSync(join(tmpdir(), 'lanternmoor-')) : dataFolder;
   sweepDrafts(workFolder, Date.now());
-  const hub = new EventHub();
+  // The folders the pages' files panels show are watched only while a page shows one.
+  const hub = new EventHub((page) => watches.forget(page));
+  const watches = new FolderWatches({ clock, publish: (event) => hub.publish(event) });
   const state: ServiceState = {
     codex: { state: 'idle', version: null },
     account: null,
@@ -139,7 +142,10 @@ export function startWorkspace(boot: Boot): Workspace {
   const folderRules = { home: homedir(), dataFolder, uid: process.getuid?.() ?? -1 };
   const desk = new ResearchDesk({
     store, codex, clock, ...folderRules, dataFolder: workFolder,
-    publish: (event) => hub.publish(event),
+    publish: (event) => {
+      if (event.type === 'threadRemoved') watches.forgetThread(event.id);
+      hub.publish(event);
+    },
     endCommands: async (threadId) => {
       const pid = codex.pid;
       if (pid !== null) await endThreadCommands(pid, threadId, clock);
@@ -160,6 +166,7 @@ export function startWorkspace(boot: Boot): Workspace {
     uploads: { dataFolder: workFolder, threadFolder: (id) => desk.threads.attachmentsFolder(id) },
     lastChoice: () => store.lastChoice(), folderRules,
     openFolder: (path) => openOnDesktop(path, boot.complain),
+    watches, pageOpen: (page) => hub.has(page),
   });
   const upgrade = createUpgrade({
     threads: desk.threads, hub, gate, complain: boot.complain,
@@ -184,6 +191,7 @@ export function startWorkspace(boot: Boot): Workspace {
     upgrade,
     async stop() {
       hub.closeAll();
+      watches.closeAll();
       await desk.turns.shutdown();
       await codex.stop();
       store.close();

@@ -163,19 +163,24 @@ export interface Entry {
   kind: EntryKind;
   size: number;
   changedAt: number;
-  /** The turn (its position) that last changed it; null when no turn ran then. */
+  /** The turn (its position) that last made or changed it; null when none did that anyone saw. */
   turn: number | null;
+  /** Changed since that turn, outside any turn (by the user's own editor, say). */
+  changedSince: boolean;
   /** The user brought it to a question. */
   user: boolean;
 }
 
-/** A turn's span and what its question brought, for telling which turn changed a file. */
-export interface TurnSpan {
-  position: number;
-  startedAt: number;
-  /** Null while it runs. */
-  endedAt: number | null;
-  attachments: readonly string[];
+/** A file as a turn left it: what tells whether it was changed since. */
+export interface FileSeen {
+  size: number;
+  /** Its modification time, in whole milliseconds. */
+  changedAt: number;
+}
+
+/** The turn (its position) that last made or changed a file, and how it left it. */
+export interface FileRecord extends FileSeen {
+  turn: number;
 }
 
 /** A model and reasoning effort; null for either is Codex's own default. */
@@ -293,6 +298,8 @@ export type PageEvent =
     moreThreads?: boolean;
     /** Why the thread the page asked for is not there (it was deleted), in one sentence. */
     notice?: string;
+    /** This event stream's name, by which the page says which of the thread's folders it shows. */
+    page: string;
   }
   | { type: 'service'; service: ServiceState }
   | { type: 'threadSummary'; thread: ThreadSummary }
@@ -305,6 +312,8 @@ export type PageEvent =
   /** The turn is gone: asked again, and Codex's history rolled back to before it. */
   | { type: 'turnRemoved'; threadId: string; turnId: string }
   | { type: 'queue'; threadId: string; queued: Queued[] }
+  /** Something in this folder of the thread (path inside it) has changed, which a page showing it watches. */
+  | { type: 'folderChanged'; threadId: string; path: string }
   | { type: 'context'; threadId: string; context: Context }
   | { type: 'turn'; turn: TurnHead }
   | { type: 'item'; threadId: string; turnId: string; item: Item }

@@ -2,7 +2,8 @@
 // behind, no name reaches outside the thread's folder, a taken name (or a planted link) is never
 // written over, and a draft's files become the new thread's. Downloads: each goes out with a type
 // from its name and a policy that keeps whatever it holds from running on the page's origin, in
-// the ranges asked for; a deleted thread's files are gone with it.
+// the ranges asked for; a page showing the folder is told of a change in it; a deleted thread's
+// files are gone with it.
 import { after, before, test } from 'node:test';
 import assert from 'node:assert/strict';
 import { execFileSync } from 'node:child_process';
@@ -146,6 +147,15 @@ test('files go out typed by their names, sandboxed, never as a page of this orig
   const tree = (root: string) => below(root, (entry) => !entry.isDirectory());
   assert.deepEqual(tree(unpacked), tree(folder).filter((path) => path !== 'passwd'));
   for (const path of tree(unpacked)) assert.deepEqual(readFileSync(join(unpacked, path)), readFileSync(join(folder, path)), path);
+
+  // A page showing the folder is told when a file is written in it; a link, or a page with no stream, is refused.
+  const stream = service.stream(id);
+  const { page } = await stream.wait('hello');
+  const watch = (body: object) => service.request('POST', `/api/threads/${id}/watch`, body).then((answer) => answer.status);
+  assert.deepEqual([await watch({ page, path: 'passwd' }), await watch({ page: 'gone', path: '' }), await watch({ page, path: '' })], [404, 404, 200]);
+  writeFileSync(join(folder, 'new.txt'), 'new');
+  await stream.wait('folderChanged', (event) => event.threadId === id && event.path === '');
+  stream.close();
 
   await service.request('POST', `/api/threads/${id}/delete`, {});
   for (const path of [`/api/threads/${id}/files`, `/api/threads/${id}/file?path=plot.png`]) {

@@ -19,7 +19,7 @@ function page(reads: boolean) {
 
 test('a page with more than the limit queued is let go, one just at it is not, and the others get every event of their thread in order', () => {
   const hub = new EventHub();
-  const hello = { type: 'hello' } as PageEvent;
+  const hello = { type: 'hello' } as Extract<PageEvent, { type: 'hello' }>;
   const delta = (threadId: string, text: string): PageEvent => ({ type: 'delta', threadId, turnId: 'x', position: 0, field: 'text', text });
   const [reading, stalled] = [page(true), page(false)];
   for (const each of [stalled, reading]) hub.subscribe(each.socket, 't', hello);

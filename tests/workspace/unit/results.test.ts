@@ -3,13 +3,16 @@
 // byte ranges a reader may ask for.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { appendFileSync, mkdirSync, symlinkSync, utimesSync, writeFileSync } from 'node:fs';
+import { appendFileSync, mkdirSync, rmSync, symlinkSync, writeFileSync } from 'node:fs';
 import { createServer } from 'node:http';
 import { once } from 'node:events';
 import { join } from 'node:path';
 import { filesAmong, listFolder, openFile } from '../../../resources/app/workspace/files/results.ts';
 import { rangeOf, send } from '../../../resources/app/workspace/http/files.ts';
 import { Refusal } from '../../../resources/app/workspace/refusal.ts';
+import { TurnFiles } from '../../../resources/app/workspace/files/turnFiles.ts';
+import { ThreadStore } from '../../../resources/app/workspace/store/store.ts';
+import { newHead } from '../../../resources/app/workspace/research/threads.ts';
 import { temporaryFolder } from '../../harness/service.ts';
 
 const reason = (error: unknown) => (error instanceof Refusal ? `refused: ${error.reason}` : `threw: ${String(error)}`);
@@ -50,25 +53,54 @@ test('a path reaches a plain file below the thread folder through no link, or is
   }
   assert.deepEqual(await filesAmong(folder, ['data.csv', 'out', 'passwd', '../b/secret.txt', 'out/图 1 #?%.txt']), ['data.csv', 'out/图 1 #?%.txt']);
   for (const path of ['passwd', 'other', 'data.csv', '..']) {
-    assert.equal(await listFolder(folder, path, [], 0).then(() => 'listed', reason), 'refused: noSuchFile', path);
+    assert.equal(await listFolder(folder, path, () => () => ({ turn: null, changedSince: false, user: false })).then(() => 'listed', reason), 'refused: noSuchFile', path);
   }
 });
 
-test('a listing tells each entry\'s kind, and which turn changed it or whether the user brought it', async () => {
-  const { folder } = threads();
-  const at = (name: string, seconds: number) => utimesSync(join(folder, name), seconds, seconds);
-  at('data.csv', 100);
-  at('empty.txt', 205);
-  at('out', 500);
-  const spans = [
-    { position: 0, startedAt: 90_000, endedAt: 110_000, attachments: ['empty.txt'] },
-    { position: 1, startedAt: 200_000, endedAt: null, attachments: [] },
-  ];
-  const entries = await listFolder(folder, '', spans, 300_000);
-  assert.deepEqual(entries.map(({ name, kind, turn, user }) => `${name} ${kind} ${turn} ${user}`), [
-    'out folder null false', 'data.csv file 0 false', 'empty.txt file 1 true', 'inside link null false',
-    'other link null false', 'passwd link null false',
-  ]);
+test('a listing tells each entry\'s kind, and which turn made or last changed a file, from its changes and from the folder before and after', async () => {
+  const folder = temporaryFolder('lm-turn-files-');
+  const store = ThreadStore.open(':memory:');
+  const files = new TurnFiles(store, 12);
+  const heads = [0, 1, 2].map((position) => newHead('t', position, 'q', 0, position === 1 ? ['mine.csv'] : []));
+  store.createThread({ id: 't', title: 't', folder, createdAt: 0 }, heads[0]!);
+  const write = (name: string, text = 'x') => writeFileSync(join(folder, name), text);
+  const origins = async () => Object.fromEntries((await listFolder(folder, '', (paths) => files.originsOf('t', paths))).entries.map((entry) =>
+    [entry.name, `${entry.kind} ${entry.user ? 'yours' : entry.turn === null ? '-' : `turn ${entry.turn}${entry.changedSince ? ', changed since' : ''}`}`]));
+  mkdirSync(join(folder, 'out'));
+  symlinkSync('/etc/passwd', join(folder, 'passwd'));
+  write('before.txt');
+
+  await files.started(heads[0]!, folder);
+  for (const name of ['plot.png', 'edited.txt', 'gone.txt']) write(name);
+  // Dropped on the page for the next question while this turn runs.
+  write('mine.csv');
+  await files.settled(heads[0]!, []);
+  appendFileSync(join(folder, 'edited.txt'), ' by the user');
+
+  store.addTurn(heads[1]!);
+  await files.started(heads[1]!, folder);
+  write('during.txt');
+  rmSync(join(folder, 'gone.txt'));
+  assert.equal((await origins())['during.txt'], 'file turn 1', 'while the turn runs');
+  await files.settled(heads[1]!, []);
+  write('gone.txt', 'the user\'s again');
+
+  // Past the limit of a cheap look: only what Codex's own changes name is the turn's.
+  store.addTurn(heads[2]!);
+  await files.started(heads[2]!, folder);
+  for (let i = 0; i < 6; i += 1) write(`many-${i}`);
+  write('fit.py');
+  await files.settled(heads[2]!, [{ kind: 'fileChange', position: 0, status: 'completed', changes: [{ path: join(folder, 'fit.py'), change: 'add', diff: '' }] }]);
+
+  assert.deepEqual(await origins(), {
+    'out': 'folder -', 'before.txt': 'file -', 'during.txt': 'file turn 1', 'edited.txt': 'file turn 0, changed since',
+    'fit.py': 'file turn 2', 'gone.txt': 'file -', 'many-0': 'file -', 'many-1': 'file -', 'many-2': 'file -', 'many-3': 'file -',
+    'many-4': 'file -', 'many-5': 'file -', 'mine.csv': 'file yours', 'passwd': 'link -', 'plot.png': 'file turn 0',
+  });
+  const window = await listFolder(folder, '', () => () => ({ turn: null, changedSince: false, user: false }), 1, 2);
+  assert.deepEqual([window.total, window.entries.map((entry) => entry.name)], [15, ['before.txt', 'during.txt']]);
+  store.deleteThread('t');
+  assert.equal(store.fileRecords('t', ['plot.png']).size, 0);
 });
 
 test('a byte range is served as asked, the whole file when it cannot be read, and refused past the end', () => {

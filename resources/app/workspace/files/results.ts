@@ -6,10 +6,11 @@ import { constants, lstatSync, type Stats } from 'node:fs';
 import { lstat, open, readdir, realpath, type FileHandle } from 'node:fs/promises';
 import { join } from 'node:path';
 import { Refusal } from '../refusal.ts';
-import type { Entry, EntryKind, TurnSpan } from '../model.ts';
+import { seenOf, type OriginOf } from './turnFiles.ts';
+import type { Entry, EntryKind } from '../model.ts';
 
-/** How many entries of a folder are looked at between two turns of the event loop. */
-const LOOK_SLICE = 1000;
+/** The most entries one listing describes: a larger folder is read a window at a time as it scrolls. */
+export const LISTING_WINDOW = 500;
 /** Longest path the page may name, in characters: far beyond any real one, short of abuse. */
 const PATH_LIMIT = 4096;
 // C0, DEL and C1; a NUL would cut the path short in the system call.
@@ -42,16 +43,6 @@ async function locate(folder: string, parts: string[]): Promise<{ path: string; 
   }
 }
 
-/** Which turn last changed a file: the one running when it was written, else none. */
-function turnAt(spans: readonly TurnSpan[], changedAt: number, now: number): number | null {
-  for (let i = spans.length - 1; i >= 0; i -= 1) {
-    const span = spans[i]!;
-    // A file system keeps times coarser than the clock on some systems: a second either side.
-    if (changedAt >= span.startedAt - 1000 && changedAt <= (span.endedAt ?? now) + 1000) return span.position;
-  }
-  return null;
-}
-
 /** Which of these paths name plain files inside the thread's folder (reached by no link). */
 export async function filesAmong(folder: string, paths: readonly string[]): Promise<string[]> {
   const found = await Promise.all(paths.map(async (path) => {
@@ -73,39 +64,48 @@ export async function folderPath(folder: string, path: string): Promise<string> 
 }
 
 /** What the listing says of one name; null for one gone since the folder was read, or neither file, folder nor link. */
-function entryOf(folder: string, name: string, spans: readonly TurnSpan[], uploaded: ReadonlySet<string>, now: number): Entry | null {
+function entryOf(absolute: string, name: string, path: string, originOf: OriginOf): Entry | null {
   let entry: Stats | undefined;
   try {
-    entry = lstatSync(join(folder, name), { throwIfNoEntry: false });
+    entry = lstatSync(join(absolute, name), { throwIfNoEntry: false });
   } catch {
     return null;
   }
   if (!entry) return null;
   const kind: EntryKind | null = entry.isDirectory() ? 'folder' : entry.isSymbolicLink() ? 'link' : entry.isFile() ? 'file' : null;
   if (!kind) return null;
-  return {
-    name, kind, size: kind === 'file' ? entry.size : 0, changedAt: Math.round(entry.mtimeMs),
-    turn: turnAt(spans, entry.mtimeMs, now), user: uploaded.has(name),
-  };
+  const seen = seenOf(entry);
+  const origin = kind === 'file' ? originOf(path, seen) : { turn: null, changedSince: false, user: false };
+  return { name, kind, size: kind === 'file' ? entry.size : 0, changedAt: seen.changedAt, ...origin };
 }
 
-/** The entries of a folder inside the thread's folder, folders first, then by name. */
-export async function listFolder(folder: string, path: string, spans: readonly TurnSpan[], now: number): Promise<Entry[]> {
+/** What a listing answers: how many entries the folder holds, and a window of them in order. */
+export interface Listing {
+  total: number;
+  from: number;
+  entries: Entry[];
+}
+
+/**
+ * The entries of a folder inside the thread's folder, folders first, then by name: from the one at
+ * from, at most count of them; originsOf tells who made which of them. The order comes from
+ * reading the folder alone, which says each entry's kind; only the window is looked at, so a folder
+ * of ten thousand entries answers about as fast as one of a hundred.
+ */
+export async function listFolder(
+  folder: string, path: string, originsOf: (paths: string[]) => OriginOf, from = 0, count = LISTING_WINDOW,
+): Promise<Listing> {
   const parts = partsOf(path);
   const absolute = await folderPath(folder, path);
-  const uploaded = new Set(parts.length === 0 ? spans.flatMap((span) => span.attachments) : []);
-  const names = await readdir(absolute).catch(() => {
+  const found = await readdir(absolute, { withFileTypes: true }).catch(() => {
     throw new Refusal('noSuchFile');
   });
-  // Looked at in slices, each synchronously: ten thousand lstat calls through promises take several
-  // times as long and as much memory, and a slice at a time leaves the service free between them.
-  const entries: (Entry | null)[] = [];
-  for (let start = 0; start < names.length; start += LOOK_SLICE) {
-    if (start > 0) await new Promise((resolve) => setImmediate(resolve));
-    for (const name of names.slice(start, start + LOOK_SLICE)) entries.push(entryOf(absolute, name, spans, uploaded, now));
-  }
-  return entries.filter((entry) => entry !== null)
-    .sort((a, b) => Number(b.kind === 'folder') - Number(a.kind === 'folder') || (a.name < b.name ? -1 : a.name > b.name ? 1 : 0));
+  const names = found.map((entry) => ({ name: entry.name, folder: entry.isDirectory() }))
+    .sort((a, b) => Number(b.folder) - Number(a.folder) || (a.name < b.name ? -1 : a.name > b.name ? 1 : 0));
+  const window = names.slice(from, from + Math.min(count, LISTING_WINDOW)).map(({ name }) => ({ name, path: [...parts, name].join('/') }));
+  const originOf = originsOf(window.map((entry) => entry.path));
+  const entries = window.map(({ name, path: inside }) => entryOf(absolute, name, inside, originOf)).filter((entry) => entry !== null);
+  return { total: names.length, from, entries };
 }
 
 /** A file inside the thread's folder, open for reading, with what it was when opened. */

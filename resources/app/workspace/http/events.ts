@@ -9,6 +9,8 @@ import { CLOSE_GOING_AWAY, textFrame, type PageSocket } from './socket.ts';
 export const MAX_QUEUED_BYTES = 4 << 20;
 
 interface Subscriber {
+  /** The page's name for this stream, said in its hello. */
+  page: string;
   socket: PageSocket;
   /** The thread the page has open: only that thread's turns and items are sent to it. */
   threadId: string | null;
@@ -21,6 +23,7 @@ function threadOf(event: PageEvent): string | null {
     case 'item':
     case 'delta':
     case 'threadUsage':
+    case 'folderChanged':
       return event.threadId;
     default:
       return null;
@@ -29,15 +32,29 @@ function threadOf(event: PageEvent): string | null {
 
 export class EventHub {
   readonly #subscribers = new Set<Subscriber>();
+  readonly #left: (page: string) => void;
+
+  /** left: a page's stream has closed, whichever end closed it. */
+  constructor(left: (page: string) => void = () => {}) {
+    this.#left = left;
+  }
 
   get size(): number {
     return this.#subscribers.size;
   }
 
-  subscribe(socket: PageSocket, threadId: string | null, hello: PageEvent): void {
-    const subscriber = { socket, threadId };
+  /** Whether the page of this name has its stream open. */
+  has(page: string): boolean {
+    return [...this.#subscribers].some((subscriber) => subscriber.page === page);
+  }
+
+  subscribe(socket: PageSocket, threadId: string | null, hello: Extract<PageEvent, { type: 'hello' }>): void {
+    const subscriber = { page: hello.page, socket, threadId };
     this.#subscribers.add(subscriber);
-    socket.socket.on('close', () => this.#subscribers.delete(subscriber));
+    socket.socket.on('close', () => {
+      this.#subscribers.delete(subscriber);
+      this.#left(subscriber.page);
+    });
     this.#write(subscriber, textFrame(JSON.stringify(hello)));
   }
 

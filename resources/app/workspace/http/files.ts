@@ -12,8 +12,10 @@ import { route, ok, type Route } from './router.ts';
 import { readFields } from './parse.ts';
 import { disposition, exportFileName } from '../research/export.ts';
 import { folderTar } from '../files/archive.ts';
-import { filesAmong, folderPath, listFolder, openFile, type OpenFile } from '../files/results.ts';
+import { filesAmong, folderPath, listFolder, LISTING_WINDOW, openFile, type OpenFile } from '../files/results.ts';
 import type { Threads } from '../research/threads.ts';
+import type { TurnFiles } from '../files/turnFiles.ts';
+import type { FolderWatches } from '../files/folderWatch.ts';
 
 const IMAGES: Record<string, string> = {
   '.png': 'image/png', '.jpg': 'image/jpeg', '.jpeg': 'image/jpeg', '.gif': 'image/gif', '.webp': 'image/webp',
@@ -102,13 +104,25 @@ function folderOf(threads: Threads, id: string): string {
   return place.folder;
 }
 
-/** The routes of a thread's files; openFolder shows a folder in the desktop's file manager. */
-export function fileRoutes(threads: Threads, openFolder: (path: string) => void): Route[] {
+export interface FileRouteDeps {
+  threads: Threads;
+  files: TurnFiles;
+  watches: FolderWatches;
+  /** Whether a page of this name has its event stream open. */
+  pageOpen(page: string): boolean;
+  /** Shows a folder in the desktop's file manager. */
+  openFolder(path: string): void;
+}
+
+/** The routes of a thread's files. */
+export function fileRoutes({ threads, files, watches, pageOpen, openFolder }: FileRouteDeps): Route[] {
   return [
     route('GET', '/api/threads/:id/files', async ({ params, url }) => {
-      const path = url.searchParams.get('path') ?? '';
-      const entries = await listFolder(folderOf(threads, params.id), path, threads.turnSpans(params.id), Date.now());
-      return ok({ path, entries });
+      const query = url.searchParams;
+      const path = query.get('path') ?? '';
+      const [from, count] = ['from', 'count'].map((name) => Math.max(0, Math.floor(Number(query.get(name) ?? 0)) || 0));
+      const originsOf = (paths: string[]) => files.originsOf(params.id, paths);
+      return ok({ path, ...await listFolder(folderOf(threads, params.id), path, originsOf, from, count || LISTING_WINDOW) });
     }),
     route('GET', '/api/threads/:id/file', async ({ request, response, params, url }) => {
       const file = await openFile(folderOf(threads, params.id), url.searchParams.get('path') ?? '');
@@ -128,6 +142,15 @@ export function fileRoutes(threads: Threads, openFolder: (path: string) => void)
         'Cache-Control': 'no-store',
       });
       await pipeline(folderTar(folder), createGzip(), response);
+    }),
+    // The folder a page shows (null: none), watched for it until it shows another or its stream closes.
+    route('POST', '/api/threads/:id/watch', async ({ request, params }) => {
+      const { page, path } = await readFields(request);
+      if (typeof page !== 'string' || !pageOpen(page)) throw new Refusal('notFound');
+      if (path === null) watches.forget(page);
+      else if (typeof path === 'string') watches.show(page, params.id, path, await folderPath(folderOf(threads, params.id), path));
+      else throw new Refusal('noSuchFile');
+      return ok({});
     }),
     route('POST', '/api/threads/:id/reveal', async ({ request, params }) => {
       const { path } = await readFields(request);

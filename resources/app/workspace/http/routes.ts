@@ -20,6 +20,7 @@ import type { Threads } from '../research/threads.ts';
 import type { AccountDesk } from '../account/accountDesk.ts';
 import type { Models } from '../codex/models.ts';
 import type { UploadFolders } from '../files/uploads.ts';
+import type { FolderWatches } from '../files/folderWatch.ts';
 import type { Choice } from '../model.ts';
 
 /** The most files an export links: a folder of many more is one to open, not a list to read. */
@@ -34,6 +35,10 @@ export interface RouteDeps {
   uploads: UploadFolders;
   /** Shows a folder in the desktop's file manager. */
   openFolder(path: string): void;
+  /** The folders of threads the pages' files panels show. */
+  watches: FolderWatches;
+  /** Whether a page of this name has its event stream open. */
+  pageOpen(page: string): boolean;
   /** The choice the last question asked for, which the model picker starts from. */
   lastChoice(): Choice;
   /** What the folder browser may show. */
@@ -145,7 +150,7 @@ export function createRoutes(deps: RouteDeps): (request: IncomingMessage, respon
         return ok({});
       }),
       route('GET', '/api/folders', ({ url }) => ok(listFolders(url.searchParams.get('path'), deps.folderRules))),
-      ...fileRoutes(threads, deps.openFolder),
+      ...fileRoutes({ threads, files: desk.files, watches: deps.watches, pageOpen: deps.pageOpen, openFolder: deps.openFolder }),
       route('GET', '/api/search', ({ url }) => ok(threads.search(url.searchParams.get('q') ?? ''))),
       route('GET', '/api/models', async () => ok({ ...(await deps.models.read()), last: deps.lastChoice() })),
       route('POST', '/api/uploads', uploadFile(deps.uploads)),

@@ -1,5 +1,6 @@
 // A page's event stream: a WebSocket on /api/events?thread=ID&at=N. No browser asks another site
 // before opening one, so unlike the other requests it must come from the page itself even to read.
+import { randomUUID } from 'node:crypto';
 import type { IncomingMessage } from 'node:http';
 import type { Duplex } from 'node:stream';
 import { Refusal, type RefusalReason } from '../refusal.ts';
@@ -43,7 +44,7 @@ export function createUpgrade(deps: UpgradeDeps): (request: IncomingMessage, soc
       const at = url.searchParams.has('at') ? Number(url.searchParams.get('at')) : NaN;
       const thread = isThreadId(wanted) ? threads.thread(wanted, undefined, Number.isSafeInteger(at) ? at : undefined) : null;
       const notice = wanted && !thread ? { notice: texts.noSuchThread } : {};
-      const hello = { type: 'hello' as const, service: deps.service(), ...threads.firstListPage(), thread, ...notice };
+      const hello = { type: 'hello' as const, service: deps.service(), ...threads.firstListPage(), thread, ...notice, page: randomUUID() };
       hub.subscribe(new PageSocket(request, socket, head), thread?.id ?? null, hello);
     } catch (error) {
       deps.complain(`event stream ${request.url} failed: ${error instanceof Error ? error.stack : String(error)}`);

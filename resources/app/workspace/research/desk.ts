@@ -10,6 +10,7 @@ import { QuestionQueue } from './queue.ts';
 import { texts } from '../texts.ts';
 import { Refusal } from '../refusal.ts';
 import { checkAttachments } from '../files/uploads.ts';
+import { TurnFiles } from '../files/turnFiles.ts';
 import { draftFolder } from '../files/drafts.ts';
 import { checkOwnFolder, type FolderRules } from '../files/ownFolder.ts';
 import type { CodexPlace } from './liveTurn.ts';
@@ -47,6 +48,7 @@ export class ResearchDesk {
   readonly threads: Threads;
   readonly approvals: Approvals;
   readonly queue: QuestionQueue;
+  readonly files: TurnFiles;
   readonly #history: History;
   readonly #dataFolder: string;
   readonly #folderRules: FolderRules;
@@ -55,12 +57,16 @@ export class ResearchDesk {
   readonly #busy = new Set<string>();
 
   constructor(options: DeskOptions) {
+    const files = new TurnFiles(options.store);
     const turns = new TurnRunner({
       ...options,
-      settled: (threadId, status) => {
-        // What the ended turn asked is no one's to answer now, before a queued question starts the next.
-        approvals.turnEnded(threadId);
-        this.#sendQueued(threadId, status);
+      starting: (head, folder) => files.started(head, folder),
+      settled: (turn) => {
+        // What the ended turn asked is no one's to answer now, and what it changed is its own,
+        // before a queued question starts the next.
+        approvals.turnEnded(turn.threadId);
+        void files.settled(turn, turn.items);
+        this.#sendQueued(turn.threadId, turn.status);
       },
     });
     const approvals = new Approvals({
@@ -73,6 +79,7 @@ export class ResearchDesk {
     });
     const threads = new Threads({ ...options, turns, approvals });
     this.turns = turns;
+    this.files = files;
     this.approvals = approvals;
     this.threads = threads;
     this.queue = new QuestionQueue(options);

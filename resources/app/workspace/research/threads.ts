@@ -13,7 +13,7 @@ import type { TurnRunner } from './turns.ts';
 import type { Approvals } from './approvals.ts';
 import type { ListCursor, ThreadStore } from '../store/store.ts';
 import type { Clock } from '../clock.ts';
-import type { Choice, PageEvent, Permission, SearchAnswer, StoredSummary, Thread, ThreadSummary, Turn, TurnHead, TurnSpan } from '../model.ts';
+import type { Choice, PageEvent, Permission, SearchAnswer, StoredSummary, Thread, ThreadSummary, Turn, TurnHead } from '../model.ts';
 
 /** Where the files of an own-folder thread's questions go while Codex may write there. */
 export const ATTACHMENTS_FOLDER = '.lanternmoor-attachments';
@@ -95,11 +95,6 @@ export class Threads {
     const folder = this.place(id)?.attachments ?? null;
     if (folder !== null) mkdirSync(folder, { recursive: true, mode: 0o700 });
     return folder;
-  }
-
-  /** The thread's turns' spans, which tell which of them changed a file in its folder. */
-  turnSpans(id: string): TurnSpan[] {
-    return this.#options.store.turnSpans(id);
   }
 
   /**

@@ -34,8 +34,10 @@ export interface TurnRunnerOptions {
   reportStorage(error: StoreError | null): void;
   /** The model and effort Codex is to use for a thread's choice (its default for none); as given when absent. */
   resolveChoice?(choice: Choice): Promise<Choice>;
+  /** A turn is about to be asked of Codex in this folder: awaited first. */
+  starting?(head: TurnHead, folder: string): Promise<void>;
   /** A thread's turn has ended and its end is written down (the thread may be gone meanwhile). */
-  settled?(threadId: string, status: TurnStatus): void;
+  settled?(turn: Turn): void;
 }
 
 /** Why a turn could not start, in one sentence: Codex's own refusals are in English. */
@@ -252,6 +254,7 @@ export class TurnRunner {
       live.codexThreadId = codexThreadId;
       const { choice } = live.place;
       const resolved = (await this.#options.resolveChoice?.(choice)) ?? choice;
+      await this.#options.starting?.(live.head, live.place.folder);
       if (live.finished) return;
       if (live.stopRequested) {
         this.#finish(live, 'stopped', null);
@@ -358,6 +361,6 @@ export class TurnRunner {
       this.#options.publish({ type: 'threadSummary', thread: { ...summary, running: false, waiting: false } });
       this.#options.publish({ type: 'threadUsage', threadId, usage: this.#options.store.threadUsage(threadId) });
     }
-    this.#options.settled?.(threadId, live.head.status);
+    this.#options.settled?.(live.turn);
   }
 }

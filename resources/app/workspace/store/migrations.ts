@@ -90,4 +90,18 @@ export const migrations: readonly Migration[] = [
     ) STRICT;
     CREATE INDEX queued_by_thread ON queued (thread_id, queued_at);
   `),
+  // 8: which turn last made or changed each file of a thread's folder, and the size and time it
+  // left the file with: a file that differs now was changed since, outside any turn. A turn rolled
+  // back takes its files' records with it.
+  (db) => db.exec(`
+    CREATE TABLE turn_files (
+      thread_id TEXT NOT NULL,
+      path TEXT NOT NULL,
+      turn_id TEXT NOT NULL REFERENCES turns (id) ON DELETE CASCADE,
+      size INTEGER NOT NULL,
+      changed_at INTEGER NOT NULL,
+      PRIMARY KEY (thread_id, path)
+    ) STRICT, WITHOUT ROWID;
+    CREATE INDEX turn_files_by_turn ON turn_files (turn_id);
+  `),
 ];

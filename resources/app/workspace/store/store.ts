@@ -9,7 +9,7 @@ import { preparedOnce } from './prepared.ts';
 import { applyTail, type ItemTail } from './tails.ts';
 import { systemClock, type Clock } from '../clock.ts';
 import { randomUUID } from 'node:crypto';
-import type { Choice, Context, Item, Permission, Queued, SearchAnswer, StoredSummary, Thread, Turn, TurnHead, TurnSpan, Usage } from '../model.ts';
+import type { Choice, Context, Item, Permission, Queued, SearchAnswer, StoredSummary, Thread, Turn, TurnHead, Usage, FileRecord, FileSeen } from '../model.ts';
 
 export class StoreError extends Error {
   readonly reason: 'newer' | 'unwritable' | 'full' | 'corrupt' | 'other';
@@ -304,14 +304,31 @@ export class ThreadStore {
     return item;
   }
 
-  /** Every turn's span and the files its question brought, oldest first: which turn changed a file is told by them. */
-  turnSpans(threadId: string): TurnSpan[] {
-    const rows = this.#statement('SELECT position, started_at, ended_at, attachments FROM turns WHERE thread_id = ? ORDER BY position')
-      .all(threadId) as unknown as Pick<TurnRow, 'position' | 'started_at' | 'ended_at' | 'attachments'>[];
-    return rows.map((row) => ({
-      position: row.position, startedAt: row.started_at, endedAt: row.ended_at,
-      attachments: row.attachments ? JSON.parse(row.attachments) as string[] : [],
-    }));
+  /** The files the thread's questions brought, by name, each with the last question (its position) that brought it. */
+  uploads(threadId: string): Map<string, number> {
+    const rows = this.#statement('SELECT position, attachments FROM turns WHERE thread_id = ? AND attachments IS NOT NULL ORDER BY position')
+      .all(threadId) as unknown as { position: number; attachments: string }[];
+    return new Map(rows.flatMap((row) => (JSON.parse(row.attachments) as string[]).map((name) => [name, row.position] as const)));
+  }
+
+  /** Which turn last made or changed each of these files of the thread's folder that one did, by its path there. */
+  fileRecords(threadId: string, paths: readonly string[]): Map<string, FileRecord> {
+    const rows = this.#statement(`SELECT turn_files.path, turns.position, turn_files.size, turn_files.changed_at
+      FROM turn_files JOIN turns ON turns.id = turn_files.turn_id
+      WHERE turn_files.thread_id = ? AND turn_files.path IN (SELECT value FROM json_each(?))`)
+      .all(threadId, JSON.stringify(paths)) as unknown as { path: string; position: number; size: number; changed_at: number }[];
+    return new Map(rows.map((row) => [row.path, { turn: row.position, size: row.size, changedAt: row.changed_at }]));
+  }
+
+  /** What a turn made or changed in its thread's folder, as it left them, and what it deleted there. */
+  recordFiles(threadId: string, turnId: string, changed: ReadonlyMap<string, FileSeen>, deleted: readonly string[]): void {
+    this.#write(() => {
+      const put = this.#statement(`INSERT INTO turn_files (thread_id, path, turn_id, size, changed_at) VALUES (?, ?, ?, ?, ?)
+        ON CONFLICT (thread_id, path) DO UPDATE SET turn_id = excluded.turn_id, size = excluded.size, changed_at = excluded.changed_at`);
+      for (const [path, seen] of changed) put.run(threadId, path, turnId, seen.size, seen.changedAt);
+      const drop = this.#statement('DELETE FROM turn_files WHERE thread_id = ? AND path = ?');
+      for (const path of deleted) drop.run(threadId, path);
+    });
   }
 
   /** The newest places in any thread holding this text, and how far the index has got. */
