@@ -3,10 +3,11 @@
 // running turn, the queue behind it, and what is refused meanwhile.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { readFileSync, truncateSync, writeFileSync } from 'node:fs';
+import { lstatSync, readFileSync, truncateSync, writeFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { DatabaseSync } from 'node:sqlite';
 import { LARGE_BRANCH_BYTES } from '../../../resources/app/workspace/research/history.ts';
+import { seenOf } from '../../../resources/app/workspace/files/turnFiles.ts';
 import { RpcError } from '../../../resources/app/workspace/codex/rpc.ts';
 import { Refusal } from '../../../resources/app/workspace/refusal.ts';
 import { texts } from '../../../resources/app/workspace/texts.ts';
@@ -121,12 +122,17 @@ test('a branch: Codex\'s fork through the turn, a copy of the folder, the turns 
   assert.ok(!codex.methods().includes('thread/fork'));
 
   truncateSync(join(folder, 'data.csv'), 4);
+  const made = seenOf(lstatSync(join(folder, 'data.csv')));
+  store.recordFiles(id, store.keptTurn(id, 0)!.id, new Map([['data.csv', made]]), []);
   const branched = await desk.branch(id, 0, false);
   assert.ok('thread' in branched);
   const branch = branched.thread.id;
   const [, fork] = codex.calls.find(([method]) => method === 'thread/fork')!;
   assert.deepEqual([fork.threadId, fork.lastTurnId, fork.cwd], ['codex-1', 'turn-1', join(dataFolder, 'threads', branch)]);
   assert.equal(readFileSync(join(dataFolder, 'threads', branch, 'data.csv'), 'utf8'), 'a,b\n');
+  // The copy is still the first turn's, unchanged since.
+  const copied = seenOf(lstatSync(join(dataFolder, 'threads', branch, 'data.csv')));
+  assert.deepEqual(desk.files.originsOf(branch, ['data.csv'])('data.csv', copied), { turn: 0, changedSince: false, user: false });
   assert.deepEqual(desk.threads.thread(branch)!.turns.map((turn) => turn.question), ['q1']);
 
   // Codex's fork keeps the turns' ids: the branch's own last turn can be rolled back by them.

@@ -111,7 +111,7 @@ export class History {
       if (!own) {
         await mkdir(join(dataFolder, 'threads'), { recursive: true, mode: 0o700 });
         // Links are copied as links, never followed out of the folder.
-        await cp(place.folder, absolute, { recursive: true, errorOnExist: true, force: false, verbatimSymlinks: true, mode: constants.COPYFILE_FICLONE });
+        await cp(place.folder, absolute, { recursive: true, errorOnExist: true, force: false, verbatimSymlinks: true, preserveTimestamps: true, mode: constants.COPYFILE_FICLONE });
       }
       const forked = await codex.request('thread/fork', {
         threadId: place.codexThreadId, lastTurnId: turn.codexTurnId, ...codexSettings(id, { folder: absolute, permission: place.permission }),

@@ -433,9 +433,13 @@ export class ThreadStore {
       const rows = this.#statement('SELECT * FROM turns WHERE thread_id = ? AND position <= ? ORDER BY position').all(from, through) as unknown as TurnRow[];
       const copy = this.#statement(`INSERT INTO turns (id, thread_id, position, question, status, error, usage, started_at, ended_at, attachments, codex_turn_id)
         SELECT ?, ?, position, question, status, error, usage, started_at, ended_at, attachments, codex_turn_id FROM turns WHERE id = ?`);
+      // The folder is copied with its files' times, so what these turns made still reads as theirs.
+      const files = this.#statement(`INSERT INTO turn_files (thread_id, path, turn_id, size, changed_at)
+        SELECT ?, path, ?, size, changed_at FROM turn_files WHERE turn_id = ?`);
       for (const row of rows) {
         const id = randomUUID();
         copy.run(id, thread.id, row.id);
+        files.run(thread.id, id, row.id);
         this.#search.putQuestion(id, row.question);
         const items = this.#statement('SELECT body FROM items WHERE turn_id = ? ORDER BY position').all(row.id) as { body: string }[];
         for (const { body } of items) this.#putItem(id, JSON.parse(body) as Item);
