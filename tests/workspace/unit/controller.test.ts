@@ -25,8 +25,9 @@ function page(hash: string, answer: (path: string) => unknown = () => ({ thread:
     host: '127.0.0.1:18765', pathname: '/',
     get hash() { return address; },
     set hash(value: string) {
-      if (`#${value.replace(/^#/, '')}` === address) return;
-      address = value && `#${value.replace(/^#/, '')}`;
+      const next = value && `#${value.replace(/^#/, '')}`;
+      if (next === address) return;
+      address = next;
       queueMicrotask(() => { for (const listener of onHashChange) listener(); });
     },
   };
