@@ -8,7 +8,8 @@
 // headless Chromium ('tabs', one browser, 49 tabs).
 import { connect, type Socket } from 'node:net';
 import { rmSync } from 'node:fs';
-import { fakeCodex, startService, Tap, temporaryFolder, until, upgradeRequest, type Running } from '../../tests/harness/service.ts';
+import { fakeCodex, startService, temporaryFolder, until, type Running } from '../../tests/harness/service.ts';
+import { Tap, upgradeRequest } from './tap.ts';
 import { launchBrowser, type Page } from '../../tests/harness/browser.ts';
 import { MAX_QUEUED_BYTES } from '../../resources/app/workspace/http/events.ts';
 import { residentMemory } from './memory.ts';

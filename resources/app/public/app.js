@@ -3,6 +3,8 @@
 import { byId, fillTexts } from './dom.js';
 import { createMarkdown } from './markdown.js';
 import { Controller } from './controller.js';
+import { getJson, postJson } from './api.js';
+import { EventSocket } from './socket.js';
 import { ThreadView } from './threadView.js';
 import { AskView } from './askView.js';
 import { ServiceView } from './serviceView.js';
@@ -47,7 +49,7 @@ const controller = new Controller({
     change: (id, text) => controller.changeQueued(id, text),
     send: (id) => controller.sendQueued(id),
   }),
-});
+}, { getJson, postJson, connect: (address, onEvent, onConnection) => new EventSocket(address, onEvent, onConnection) });
 new SearchBox({ input: byId('search'), results: byId('search-results'), threads: byId('threads') }, md, rules, (thread, turn) => controller.openHit(thread, turn));
 installKeys();
 installNarrowList();

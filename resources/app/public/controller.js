@@ -3,8 +3,7 @@
 // views, questions asked, asked again, steered, queued and stopped, threads branched, a long
 // thread's turns fetched as the reader scrolls to them, and the account's requests. What it keeps
 // is in its one state object.
-import { EventSocket } from './socket.js';
-import { eventsUrl, getJson, postJson } from './api.js';
+import { eventsUrl } from './api.js';
 import { texts } from './texts.js';
 
 /** @typedef {import('../workspace/model.ts').PageEvent} PageEvent */
@@ -25,6 +24,13 @@ import { texts } from './texts.js';
  *   queue: import('./queueView.js').QueueView,
  *   files: import('./filesPanel.js').FilesPanel,
  * }} Views
+ */
+/**
+ * The service's requests and event stream, passed in so the flow can be followed without a browser.
+ * @typedef {{
+ *   getJson: typeof import('./api.js').getJson, postJson: typeof import('./api.js').postJson,
+ *   connect: (address: () => string, onEvent: (event: PageEvent) => void, onConnection: (connected: boolean) => void) => { open(): void },
+ * }} Api
  */
 /** A page of turns and whether more lie beyond it, drawn ahead. @typedef {{ prepared: Prepared, more: boolean }} Page */
 /**
@@ -61,12 +67,14 @@ export class Controller {
     editing: null,
   };
   #views;
+  #api;
   #socket;
 
-  /** @param {Views} views */
-  constructor(views) {
+  /** @param {Views} views @param {Api} api */
+  constructor(views, api) {
     this.#views = views;
-    this.#socket = new EventSocket(() => this.#address(), (event) => this.#onEvent(event), (connected) => this.#connection(connected));
+    this.#api = api;
+    this.#socket = api.connect(() => this.#address(), (event) => this.#onEvent(event), (connected) => this.#connection(connected));
     views.thread.bindNear((side) => this.#drawNear(side));
     views.ask.bindAsk(() => void this.#ask());
     views.ask.bindStop(() => void this.#stop());
@@ -301,7 +309,7 @@ export class Controller {
     ask.sending(true);
     ask.say('');
     try {
-      const answer = await postJson(path, body);
+      const answer = await this.#api.postJson(path, body);
       if (cleared) ask.clear();
       ask.say(answer.notice ?? '');
       thread.followEnd();
@@ -318,10 +326,10 @@ export class Controller {
     ask.say(texts.branching);
     try {
       const path = `${threadPath(head.threadId)}/branch`;
-      let answer = await postJson(path, { position: head.position });
+      let answer = await this.#api.postJson(path, { position: head.position });
       if (answer.confirm) {
         if (!window.confirm(answer.confirm)) return ask.say('');
-        answer = await postJson(path, { position: head.position, confirmed: true });
+        answer = await this.#api.postJson(path, { position: head.position, confirmed: true });
       }
       ask.say('');
       location.hash = answer.thread.id;
@@ -346,9 +354,9 @@ export class Controller {
       const body = { question, ...(await attachments.extras()), ...picker.choice() };
       const folder = this.#views.ownFolder.folder;
       if (state.open) {
-        await postJson(`${threadPath(state.open)}/turns`, body);
+        await this.#api.postJson(`${threadPath(state.open)}/turns`, body);
       } else {
-        location.hash = (await postJson('/api/threads', folder ? { ...body, folder } : body)).thread.id;
+        location.hash = (await this.#api.postJson('/api/threads', folder ? { ...body, folder } : body)).thread.id;
         this.#views.ownFolder.sent();
       }
       attachments.sent();
@@ -368,7 +376,7 @@ export class Controller {
     if (!thread) return;
     ask.stopping(true);
     try {
-      await postJson(`${threadPath(thread)}/stop`, {});
+      await this.#api.postJson(`${threadPath(thread)}/stop`, {});
     } catch (error) {
       ask.say(sentence(error));
     } finally {
@@ -384,7 +392,7 @@ export class Controller {
   async #page(thread, side, position) {
     try {
       /** @type {{ turns: Turn[], earlier?: boolean, later?: boolean }} */
-      const page = await getJson(`${threadPath(thread)}/turns?${side}=${position}`);
+      const page = await this.#api.getJson(`${threadPath(thread)}/turns?${side}=${position}`);
       if (this.#state.open !== thread) return null;
       const more = (side === 'before' ? page.earlier : page.later) ?? false;
       return { prepared: await this.#views.thread.prepare(page.turns), more: more && page.turns.length > 0 };
@@ -440,7 +448,7 @@ export class Controller {
    */
   #account(action, body = {}, then, failed) {
     this.#state.complaint = '';
-    postJson(`/api/account/${action}`, body).then(then, (error) => {
+    this.#api.postJson(`/api/account/${action}`, body).then(then, (error) => {
       failed?.();
       this.#state.complaint = sentence(error);
       this.#drawService();

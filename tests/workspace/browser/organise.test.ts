@@ -2,7 +2,7 @@
 // a race with the other page), pin, archive, export to a downloaded Markdown file, delete.
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
-import { existsSync, mkdirSync, readFileSync } from 'node:fs';
+import { existsSync, mkdirSync } from 'node:fs';
 import { join } from 'node:path';
 import { commandOutput, lastQuestion, reply, type ResponsesRequest } from '../../harness/standin.ts';
 import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
@@ -91,11 +91,9 @@ test('rename, pin, archive, export and delete round-trip, and a second page is t
   assert.deepEqual(await order(page), [id]);
   await page.click('#archived-toggle');
 
-  // Exported: one Markdown file named after the title, with the thread's items (their form: the export's own tests).
+  // Exported: one Markdown file named after the title (what it holds: the export's own tests).
   const [download] = await Promise.all([page.waitForEvent('download'), page.getByRole('button', { name: '导出' }).click()]);
   assert.equal(download.suggestedFilename(), '页大小研究.md');
-  const markdown = readFileSync((await download.path())!, 'utf8');
-  assert.ok(markdown.includes('$ echo 页大小-4096\n页大小-4096'), markdown);
 
   // Deleted after one confirmation: both pages go back to the welcome and say why; the folder is gone.
   assert.ok(existsSync(join(sandbox.dataFolder, 'threads', id)));
