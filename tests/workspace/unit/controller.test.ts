@@ -14,7 +14,7 @@ type Side = 'before' | 'after';
 
 const turns = (from: number, to: number) => Array.from({ length: to - from }, (_, i) => ({ position: from + i }) as Turn);
 const thread = (id: string, extra: Partial<Thread> = {}) => ({ id, running: false, turns: turns(0, 1), earlier: false, later: false, ...extra }) as Thread;
-const hello = (open: Thread | null, notice?: string): PageEvent => ({ type: 'hello', service: { rules: {} } as never, threads: [], thread: open, notice });
+const hello = (open: Thread | null, notice?: string): PageEvent => ({ type: 'hello', service: { rules: {} } as never, threads: [], thread: open, notice, page: 'p1' });
 const events = (query: string) => `ws://127.0.0.1:18765/api/events${query}`;
 
 /** A page at this address; answer is the service's reply to each request (thrown: a refusal). */
