@@ -10,6 +10,7 @@ import { idle } from './idle.js';
 import { ThreadActions } from './threadActions.js';
 import { resolveLocal } from './localFiles.js';
 import { TurnSources } from './sources.js';
+import { Folds } from './folds.js';
 
 /** @typedef {import('../workspace/model.ts').Thread} Thread */
 /** @typedef {import('../workspace/model.ts').ThreadSummary} ThreadSummary */
@@ -71,6 +72,7 @@ export class ThreadView {
   #sentinels = { before: element('div', 'sentinel'), after: element('div', 'sentinel') };
   #following = true;
   #lastTop = 0;
+  #folds = new Folds(this.#scroller, this.#conversation);
   /** Counts the threads shown: a page of turns still going in stops once another is. */
   #shown = 0;
 
@@ -106,6 +108,7 @@ export class ThreadView {
       const top = this.#scroller.scrollTop;
       if (top < this.#lastTop || !this.#following) this.#following = this.#atEnd();
       this.#lastTop = top;
+      this.#folds.soon();
     }, { passive: true });
     const hold = new ResizeObserver(() => { if (this.#following) this.#toEnd(); });
     hold.observe(this.#conversation);
@@ -120,7 +123,7 @@ export class ThreadView {
   edge(side) {
     const sentinel = this.#sentinels[side];
     if (!sentinel.isConnected) return null;
-    return this.#positionOf(side === 'before' ? sentinel.nextElementSibling : sentinel.previousElementSibling);
+    return this.#positionOf(this.#folds.edgeOf(side === 'before' ? sentinel.nextElementSibling : sentinel.previousElementSibling, side));
   }
 
   /** @param {Element | null} node */
@@ -181,6 +184,7 @@ export class ThreadView {
     this.#shown += 1;
     this.#turns.clear();
     this.#items.clear();
+    this.#folds.clear();
     this.#conversation.replaceChildren();
     this.#welcome.hidden = thread !== null;
     this.#head.hidden = thread === null;
@@ -232,7 +236,7 @@ export class ThreadView {
   removeTurn(turnId) {
     const parts = this.#turns.get(turnId);
     if (!parts) return;
-    parts.node.remove();
+    this.#folds.remove(parts.node);
     this.#turns.delete(turnId);
     for (const key of [...this.#items.keys()]) if (key.startsWith(`${turnId}/`)) this.#items.delete(key);
   }
