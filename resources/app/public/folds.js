@@ -80,40 +80,31 @@ export class Folds {
     const last = this.#conversation.lastElementChild;
     // Everything measured before anything moves: a measurement after a change lays the page out again.
     const far = [...this.#conversation.children].map((child) => {
-      if (this.#folded.has(child)) return { child, height: 0 };
-      // The thread's last turn keeps its buttons in view of the style sheet, and a running one grows.
+      const folded = this.#folded.get(child);
+      if (folded) return { child, folded, turn: false };
+      // The last turn stays: the style sheet shows its buttons for being the last child. A running one grows.
       if (!(child instanceof HTMLElement) || !child.classList.contains('turn') || child === last || child.dataset.status === 'running') return null;
       const { top, bottom, height } = child.getBoundingClientRect();
-      return bottom < from || top > to ? { child, height } : null;
+      return bottom < from || top > to ? { child, folded: [{ node: child, height }], turn: true } : null;
     });
-    /** @type {{ child: Element, height: number }[]} */
+    /** @type {{ child: Element, folded: Folded[], turn: boolean }[]} */
     let run = [];
-    let turns = 0;
     for (const each of [...far, null]) {
       if (each) {
         run.push(each);
-        if (!this.#folded.has(each.child)) turns += 1;
         continue;
       }
       // A lone placeholder is one already; one beside a far turn, or another placeholder, takes it in.
-      if (turns >= MIN_RUN || (run.length > turns && run.length > 1)) this.#foldRun(run);
+      const turns = run.filter((one) => one.turn).length;
+      if (turns >= MIN_RUN || (turns < run.length && run.length > 1)) {
+        run[0]?.child.before(this.#placeholder(run.flatMap((one) => one.folded)));
+        for (const { child, turn } of run) {
+          if (turn) child.remove();
+          else this.#drop(child);
+        }
+      }
       run = [];
-      turns = 0;
     }
-  }
-
-  /** @param {{ child: Element, height: number }[]} run turns and placeholders, side by side */
-  #foldRun(run) {
-    /** @type {Folded[]} */
-    const folded = run.flatMap(({ child, height }) => this.#folded.get(child) ?? [{ node: /** @type {HTMLElement} */ (child), height }]);
-    const placeholder = element('div', 'folded');
-    run[0]?.child.before(placeholder);
-    for (const { child } of run) {
-      if (this.#folded.has(child)) this.#drop(child);
-      else child.remove();
-    }
-    this.#place(placeholder, folded);
-    this.#near.observe(placeholder);
   }
 
   /**
@@ -135,16 +126,17 @@ export class Folds {
       top = bottom;
     }
     if (near.length === 0) return;
-    /** @type {(part: Folded[]) => Element[]} */
-    const part = (turns) => {
-      if (turns.length === 0) return [];
-      const node = element('div', 'folded');
-      this.#place(node, turns);
-      this.#near.observe(node);
-      return [node];
-    };
+    const part = (/** @type {Folded[]} */ turns) => (turns.length > 0 ? [this.#placeholder(turns)] : []);
     placeholder.replaceWith(...part(before), ...near.map((each) => each.node), ...part(after));
     this.#drop(placeholder);
+  }
+
+  /** @param {Folded[]} folded */
+  #placeholder(folded) {
+    const placeholder = element('div', 'folded');
+    this.#place(placeholder, folded);
+    this.#near.observe(placeholder);
+    return placeholder;
   }
 
   /** @param {Element} placeholder @param {Folded[]} folded */
