@@ -1,7 +1,8 @@
 // @ts-check
 // The open thread (or the welcome, when none is): its head, and its turns with their items, drawn
 // as the service's events come. A thread of years is drawn a page of turns at a time: the turns
-// before (or after) what is drawn are asked for through bindNear as the reader scrolls close.
+// before (or after) what is drawn are asked for through bindNear as the reader scrolls close, and
+// those the reader has left far behind are folded away (folds.js).
 import { button, byId, element } from './dom.js';
 import { texts } from './texts.js';
 import { ItemView, prepareItem } from './items.js';
