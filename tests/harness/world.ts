@@ -4,6 +4,7 @@ import type { TestContext } from 'node:test';
 import { codexHome, startStandIn, type Script } from './standin.ts';
 import { Sandbox } from './launcher.ts';
 import { launchBrowser, type Page } from './browser.ts';
+import { until } from './service.ts';
 
 /** The stand-in model with this script, a sandbox whose Codex uses it, and a browser; all gone after the test. */
 export async function world(t: TestContext, answer: Script, options: { signedOut?: boolean; settings?: string[] } = {}) {
@@ -18,16 +19,19 @@ export async function world(t: TestContext, answer: Script, options: { signedOut
   return { sandbox, browser, standIn };
 }
 
+/** The id of the thread's last turn in the page; a long thread folds far turns away, so they cannot be counted. */
+const lastTurn = (page: Page) => page.evaluate<string | null>(`document.querySelector('#conversation > .turn:last-child')?.dataset.turn ?? null`);
+
 export async function ask(page: Page, question: string) {
-  const turns = await page.locator('.turn').count();
+  const before = await lastTurn(page);
   // A thread asks one question at a time: the last answer may be on the page before its turn ends,
   // and what is sent while it runs is guidance for it.
   await page.locator('#stop').waitFor({ state: 'hidden' });
   await page.locator('#send:enabled').waitFor();
   await page.fill('#question', question);
   await page.press('#question', 'Enter');
-  await page.locator('.turn').nth(turns).waitFor();
-  return page.locator('.turn').nth(turns);
+  const id = await until('the question to become a turn', async () => { const last = await lastTurn(page); return last !== before && last; });
+  return page.locator(`.turn[data-turn="${id}"]`);
 }
 
 export async function newThread(page: Page) {

@@ -1,7 +1,8 @@
 // @ts-check
 // The open thread (or the welcome, when none is): its head, and its turns with their items, drawn
 // as the service's events come. A thread of years is drawn a page of turns at a time: the turns
-// before (or after) what is drawn are asked for through bindNear as the reader scrolls close.
+// before (or after) what is drawn are asked for through bindNear as the reader scrolls close, and
+// those the reader has left far behind are folded away (folds.js).
 import { button, byId, element } from './dom.js';
 import { texts } from './texts.js';
 import { ItemView, prepareItem } from './items.js';
@@ -10,6 +11,7 @@ import { idle } from './idle.js';
 import { ThreadActions } from './threadActions.js';
 import { resolveLocal } from './localFiles.js';
 import { TurnSources } from './sources.js';
+import { Folds } from './folds.js';
 
 /** @typedef {import('../workspace/model.ts').Thread} Thread */
 /** @typedef {import('../workspace/model.ts').ThreadSummary} ThreadSummary */
@@ -71,6 +73,7 @@ export class ThreadView {
   #sentinels = { before: element('div', 'sentinel'), after: element('div', 'sentinel') };
   #following = true;
   #lastTop = 0;
+  #folds = new Folds(this.#scroller, this.#conversation);
   /** Counts the threads shown: a page of turns still going in stops once another is. */
   #shown = 0;
 
@@ -106,6 +109,7 @@ export class ThreadView {
       const top = this.#scroller.scrollTop;
       if (top < this.#lastTop || !this.#following) this.#following = this.#atEnd();
       this.#lastTop = top;
+      this.#folds.soon();
     }, { passive: true });
     const hold = new ResizeObserver(() => { if (this.#following) this.#toEnd(); });
     hold.observe(this.#conversation);
@@ -120,7 +124,7 @@ export class ThreadView {
   edge(side) {
     const sentinel = this.#sentinels[side];
     if (!sentinel.isConnected) return null;
-    return this.#positionOf(side === 'before' ? sentinel.nextElementSibling : sentinel.previousElementSibling);
+    return this.#positionOf(this.#folds.edgeOf(side === 'before' ? sentinel.nextElementSibling : sentinel.previousElementSibling, side));
   }
 
   /** @param {Element | null} node */
@@ -181,6 +185,7 @@ export class ThreadView {
     this.#shown += 1;
     this.#turns.clear();
     this.#items.clear();
+    this.#folds.clear();
     this.#conversation.replaceChildren();
     this.#welcome.hidden = thread !== null;
     this.#head.hidden = thread === null;
@@ -232,7 +237,7 @@ export class ThreadView {
   removeTurn(turnId) {
     const parts = this.#turns.get(turnId);
     if (!parts) return;
-    parts.node.remove();
+    this.#folds.remove(parts.node);
     this.#turns.delete(turnId);
     for (const key of [...this.#items.keys()]) if (key.startsWith(`${turnId}/`)) this.#items.delete(key);
   }

@@ -40,6 +40,23 @@ function script(request: ResponsesRequest) {
 
 const foot = (turn: ReturnType<Page['locator']>) => turn.locator('.turn-foot');
 
+/**
+ * One step of a walk through a thread: null while a fold of far turns is in view (the page opens
+ * it as the view comes near); else the turns in the page and whether the thread's end (step 1)
+ * or start (-1) is reached. Until it is, the view moves on by a screen, less a little: every turn
+ * passes through a view.
+ */
+const walkStep = (page: Page, step: number) => page.locator('#scroller').evaluate((scroller, step) => {
+  const view = scroller.getBoundingClientRect();
+  const folds = [...scroller.querySelectorAll('.folded')].map((fold) => fold.getBoundingClientRect());
+  if (folds.some((fold) => fold.bottom > view.top && fold.top < view.bottom)) return null;
+  const turns = [...scroller.querySelectorAll('.turn .question')].map((question) => Number(question.textContent!.split(' ')[1]));
+  const more = scroller.querySelector(`#conversation > .sentinel:${step > 0 ? 'last' : 'first'}-child`) !== null;
+  const done = !more && (step > 0 ? scroller.scrollTop + scroller.clientHeight >= scroller.scrollHeight - 1 : scroller.scrollTop === 0);
+  if (!done) scroller.scrollTop += step * (scroller.clientHeight - 40);
+  return { turns, done };
+}, step);
+
 test('start, ask, stream, run a command, stop, quit: nothing lost, nothing left running', async (t) => {
   const { sandbox, browser } = await world(t, script);
 
@@ -153,13 +170,17 @@ test('a word from an old answer of a long thread of uneven turns is found, its h
   // The view scrolls by whole pixels, the turns lie at fractions of one.
   assert.ok(box!.y > view!.y - 1 && box!.y < view!.y + view!.height, 'the turn that matched is in view');
 
-  for (const [end, toward] of [['问题 59', 'bottom'], ['问题 0', 'top']] as const) {
-    for (let scrolls = 0; (await page.locator('.turn .question').getByText(end, { exact: true }).count()) === 0 && scrolls < 40; scrolls += 1) {
-      await page.locator('#scroller').evaluate((scroller, where) => { scroller.scrollTop = where === 'top' ? 0 : scroller.scrollHeight; }, toward);
-      await page.waitForTimeout(100);
-    }
+  // A screen at a time to the end and back to the start: the turns in the page each time, in order.
+  const seen: number[][] = [];
+  for (const step of [1, -1]) {
+    await until(`the walk to reach the thread's ${step > 0 ? 'end' : 'start'}`, async () => {
+      const view = await walkStep(page, step);
+      if (view) seen.push(view.turns);
+      return view?.done;
+    });
   }
-  assert.deepEqual(await page.locator('.turn .question').allTextContents(), Array.from({ length: 60 }, (_, i) => `问题 ${i}`));
+  assert.deepEqual([seen.every((turns) => turns.every((turn, i) => i === 0 || turn > turns[i - 1]!)), [...new Set(seen.flat())].sort((a, b) => a - b)],
+    [true, Array.from({ length: 60 }, (_, i) => i)], 'every turn drawn, once and in order');
 
   // The thread carries on from there, and the view follows the new answer to its end.
   const streaming = await ask(page, '再写一段很长的');
