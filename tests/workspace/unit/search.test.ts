@@ -191,12 +191,12 @@ test('an older store is usable at once: its index is built newest turns first, s
 test('a block\'s places come back as they went in, each once, in one or two bytes a gap or a bitmap', () => {
   const every = (step: number, count: number) => Array.from({ length: count }, (_, at) => at * step);
   const cases: [number[], number][] = [
-    [[], 0], [[0], 1], [[127], 1], [[128], 2], [[4095], 2], [[4095, 0], 3], [[5, 3, 5], 2],
+    [[], 0], [[0], 1], [[127], 1], [[128], 2], [[4095], 2], [[4095, 0], 3], [[300, 200, 100, 0], 4], [[5, 3, 5], 2],
     // The longest list of gaps, and one more place: a bitmap, which a list is never as long as.
     [every(8, 511), 511], [every(8, 512), 512], [every(1, 4096), 512], [every(2, 2048).reverse(), 512],
   ];
   for (const [places, bytes] of cases) {
-    // Packed at once, and as a build adds them to a row it reads: its first half, then the rest.
+    // Packed at once, and added to a row holding the first half (a build adds places below a row's).
     const half = places.length >> 1;
     for (const blob of [packPlaces(places), addPlaces(packPlaces(places.slice(0, half)), places.slice(half))]) {
       assert.deepEqual([unpackPlaces(blob), blob.length], [[...new Set(places)].sort((a, b) => a - b), bytes], places.join());

@@ -13,6 +13,7 @@ import { addPlaces, BLOCK, packPlaces, unpackPlaces } from './places.ts';
 import type { Item } from '../model.ts';
 
 const GRAM = 2 ** 16;
+const ADD_PLACES = 'search_add_places';
 
 const blockOf = (id: number) => Math.floor(id / BLOCK);
 const placeOf = (id: number) => id % BLOCK;
@@ -36,6 +37,8 @@ class OwnIndex implements IndexBackend {
 
   constructor(db: DatabaseSync) {
     this.#statement = preparedOnce(db);
+    // In the upsert: the row is found once, not read and then written.
+    db.function(ADD_PLACES, { deterministic: true }, (kept, added) => addPlaces(kept as Uint8Array, unpackPlaces(added as Uint8Array)));
   }
 
   put(docs: readonly Doc[]): void {
@@ -50,12 +53,11 @@ class OwnIndex implements IndexBackend {
         else places.set(key, [placeOf(doc.id)]);
       }
     }
-    const read = this.#statement('SELECT places FROM search_grams WHERE block = ? AND gram = ?');
-    const write = this.#statement('INSERT OR REPLACE INTO search_grams (block, gram, places) VALUES (?, ?, ?)');
+    const add = this.#statement(`INSERT INTO search_grams (block, gram, places) VALUES (?, ?, ?)
+      ON CONFLICT (block, gram) DO UPDATE SET places = ${ADD_PLACES}(places, excluded.places)`);
     for (const [key, list] of places) {
-      const [block, gram] = key.split(':').map(Number);
-      const row = read.get(block!, gram!) as { places: Uint8Array } | undefined;
-      write.run(block!, gram!, row ? addPlaces(row.places, list) : packPlaces(list));
+      const [block, gram] = key.split(':').map(Number) as [number, number];
+      add.run(block, gram, packPlaces(list));
     }
   }
 

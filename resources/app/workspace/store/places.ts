@@ -12,26 +12,52 @@ const BITMAP_BYTES = BLOCK / 8;
 export function packPlaces(places: Iterable<number>): Uint8Array {
   const sorted = Uint16Array.from(places).sort();
   const gaps: number[] = [];
-  let previous = -1;
-  for (const place of sorted) {
-    if (place === previous) continue;
-    const gap = place - previous - 1;
-    if (gap < 0x80) gaps.push(gap);
-    else gaps.push(0x80 | (gap >> 7), gap & 0x7f);
-    previous = place;
-  }
+  gapsOf(sorted, gaps);
   if (gaps.length < BITMAP_BYTES) return Uint8Array.from(gaps);
   const bitmap = new Uint8Array(BITMAP_BYTES);
   for (const place of sorted) bitmap[place >> 3]! |= 1 << (place & 7);
   return bitmap;
 }
 
-/** A row's places with these added; a bitmap takes them bit by bit, as it is read on every write of a build. */
+/** Appends the gaps of ascending places to out; the last place, after which the next gap counts. */
+function gapsOf(sorted: Uint16Array, out: number[], previous = -1): number {
+  for (const place of sorted) {
+    if (place === previous) continue;
+    const gap = place - previous - 1;
+    if (gap < 0x80) out.push(gap);
+    else out.push(0x80 | (gap >> 7), gap & 0x7f);
+    previous = place;
+  }
+  return previous;
+}
+
+/**
+ * A row's places with these added. A build writes every row of a block many times over, each
+ * time with places below those it holds (it numbers rows downwards): those go in front of the
+ * row's bytes, which are not read; a bitmap takes them bit by bit.
+ */
 export function addPlaces(blob: Uint8Array, places: readonly number[]): Uint8Array {
-  if (blob.length !== BITMAP_BYTES) return packPlaces([...unpackPlaces(blob), ...places]);
-  const bitmap = blob.slice();
-  for (const place of places) bitmap[place >> 3]! |= 1 << (place & 7);
-  return bitmap;
+  if (blob.length === BITMAP_BYTES) {
+    const bitmap = blob.slice();
+    for (const place of places) bitmap[place >> 3]! |= 1 << (place & 7);
+    return bitmap;
+  }
+  const added = Uint16Array.from(places).sort();
+  // The first gap counts from -1: it is the first place.
+  const width = (blob[0] ?? 0) & 0x80 ? 2 : 1;
+  const first = width === 2 ? ((blob[0]! & 0x7f) << 7) | blob[1]! : blob[0] ?? -1;
+  if (added.length > 0 && added[added.length - 1]! < first) {
+    const head: number[] = [];
+    const last = gapsOf(added, head);
+    gapsOf(Uint16Array.of(first), head, last);
+    if (head.length + blob.length - width < BITMAP_BYTES) {
+      const joined = new Uint8Array(head.length + blob.length - width);
+      joined.set(head);
+      joined.set(blob.subarray(width), head.length);
+      return joined;
+    }
+  }
+  return packPlaces([...unpackPlaces(blob), ...added]);
 }
 
 /** A row's places, ascending. */
