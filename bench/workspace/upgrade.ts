@@ -46,7 +46,9 @@ function bare(from: string, to: string): void {
   for (const trigger of names('trigger')) db.exec(`DROP TRIGGER "${trigger}"`);
   // Virtual tables first: their shadow tables go with them.
   for (const table of names('table').filter((name) => /^search_fts/.test(name) && !/_(data|idx|docsize|config|content)$/.test(name))) db.exec(`DROP TABLE "${table}"`);
-  for (const table of names('table').filter((name) => /^(search_|retired_)|^item_tails$/.test(name))) db.exec(`DROP TABLE IF EXISTS "${table}"`);
+  for (const table of names('table').filter((name) => /^(search_|retired_)|^(item_tails|queued)$/.test(name))) db.exec(`DROP TABLE IF EXISTS "${table}"`);
+  // What versions after 4 added to the tables version 3 had: the upgrade adds it again.
+  db.exec('ALTER TABLE threads DROP COLUMN permission; ALTER TABLE threads DROP COLUMN context; ALTER TABLE turns DROP COLUMN codex_turn_id');
   db.exec('PRAGMA user_version = 3; VACUUM');
   db.close();
 }

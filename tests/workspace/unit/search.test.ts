@@ -7,6 +7,8 @@ import { join } from 'node:path';
 import { DatabaseSync } from 'node:sqlite';
 import { ThreadStore } from '../../../resources/app/workspace/store/store.ts';
 import { hasFts5 } from '../../../resources/app/workspace/store/fts5Index.ts';
+import { migrations } from '../../../resources/app/workspace/store/migrations.ts';
+import { addPlaces, packPlaces, unpackPlaces } from '../../../resources/app/workspace/store/places.ts';
 import type { BackendName } from '../../../resources/app/workspace/store/indexBackend.ts';
 import type { Item, TurnHead } from '../../../resources/app/workspace/model.ts';
 import { SOURCE, temporaryFolder } from '../../harness/service.ts';
@@ -183,5 +185,27 @@ test('an older store is usable at once: its index is built newest turns first, s
   assert.deepEqual([where(store, 'second'), where(store, '检查点'), store.search('x').indexed], [['quantum-2:0:9'], [], { done: 2, total: 4 }]);
   await clock.advance(1000);
   assert.deepEqual([where(store, 'first'), where(store, '检查点')], [['wal-1:0:9'], ['wal-1:1:0', 'wal-1:1:-1', 'wal-1:0:2']]);
+  store.close();
+});
+
+test('a block\'s places come back as they went in, each once, in one or two bytes a gap or a bitmap', () => {
+  const every = (step: number, count: number) => Array.from({ length: count }, (_, at) => at * step);
+  // The longest list of gaps is one byte short of a bitmap. A build adds places below a row's.
+  const cases: [number[], number][] = [[[], 0], [[127], 1], [[128], 2], [[4095, 0], 3], [[300, 200, 100, 0], 4], [[5, 3, 5], 2],
+    [every(8, 511), 511], [every(8, 512), 512], [every(2, 2048).reverse(), 512]];
+  for (const [places, bytes] of cases) {
+    for (const blob of [packPlaces(places), addPlaces(packPlaces(places.slice(0, places.length >> 1)), places.slice(places.length >> 1))]) {
+      assert.deepEqual([unpackPlaces(blob), blob.length], [[...new Set(places)].sort((a, b) => a - b), bytes], places.join());
+    }
+  }
+});
+
+test('our own index as version 8 kept it is built anew', () => {
+  const path = join(temporaryFolder('lm-search-'), 'workspace.db');
+  const old = ThreadStore.open(path, { migrations: migrations.slice(0, 8), search: 'own' });
+  old.createThread({ id: 'a', title: 'A', folder: 'a', createdAt: 1 }, head('a', 0, 'checkpoint'));
+  old.close();
+  const store = ThreadStore.open(path, { search: 'own', clock: new VirtualClock() });
+  assert.deepEqual(store.search('checkpoint'), { results: [], indexed: { done: 0, total: 1 } });
   store.close();
 });

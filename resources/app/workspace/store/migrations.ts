@@ -3,6 +3,7 @@
 import type { DatabaseSync } from 'node:sqlite';
 import { FIRST_FTS5, retireFts5 } from './fts5Index.ts';
 import { retireTable } from './retired.ts';
+import { own } from './ownIndex.ts';
 
 export type Migration = (db: DatabaseSync) => void;
 
@@ -104,4 +105,11 @@ export const migrations: readonly Migration[] = [
     ) STRICT, WITHOUT ROWID;
     CREATE INDEX turn_files_by_turn ON turn_files (turn_id);
   `),
+  // 9: our own index keeps its places packed (places.ts); one kept as before is retired, and the
+  // next open builds the new one in the background.
+  (db) => {
+    if (db.prepare("SELECT 1 FROM search_state WHERE backend = 'own'").get() === undefined) return;
+    own.retire(db);
+    db.exec('DELETE FROM search_state');
+  },
 ];
