@@ -30,9 +30,7 @@ platform::Result<std::shared_ptr<platform::ChildProcess>> LanternmoorLauncher::l
     const FileLocation& dataFolder) {
     platform::ProcessConfiguration configuration;
     configuration.executable = nodePath;
-    // V8 lets its young generation grow to 16 MB a semi-space while what comes in stays (a long
-    // answer's deltas): a 12 MiB answer cost 26 MB of it. The service's short-lived objects fit in 2.
-    configuration.arguments = {"--experimental-strip-types", "--max-semi-space-size=2", appRoot.appending("server.mjs").path};
+    configuration.arguments = {"--experimental-strip-types", appRoot.appending("server.mjs").path};
     configuration.workingDirectory = appRoot.path;
 
     auto environment = platform_.environment.all();

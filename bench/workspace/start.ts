@@ -8,7 +8,7 @@ import { cpSync, copyFileSync, mkdirSync, writeFileSync, rmSync } from 'node:fs'
 import { connect } from 'node:net';
 import { request } from 'node:http';
 import { join } from 'node:path';
-import { APP, NODE, SERVICE_FLAGS, SOURCE, temporaryFolder, until } from '../../tests/harness/service.ts';
+import { APP, NODE, SOURCE, temporaryFolder, until } from '../../tests/harness/service.ts';
 import { Launcher, Sandbox } from '../../tests/harness/launcher.ts';
 import { now } from './inPage.ts';
 import { blocks, median, type Figure } from './figures.ts';
@@ -91,7 +91,7 @@ function portFree(): Promise<boolean> {
 async function direct(variant: Variant, data: string, weigh: boolean): Promise<{ health: number; page: number | null; resident: number | null }> {
   await until('the port to be free', portFree, 10_000);
   const begun = now();
-  const child = spawn(NODE, [...SERVICE_FLAGS, join(variant.app, 'server.mjs')], {
+  const child = spawn(NODE, ['--experimental-strip-types', join(variant.app, 'server.mjs')], {
     cwd: variant.app,
     stdio: 'ignore',
     env: {

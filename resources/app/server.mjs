@@ -1,6 +1,6 @@
 // Lanternmoor Pro workspace service.
 //
-// Started by the launcher as `node --experimental-strip-types --max-semi-space-size=2 server.mjs`
+// Started by the launcher as `node --experimental-strip-types server.mjs`
 // with the working directory set to this folder; everything it prints lands in the run log. Plain
 // Node.js, no packages, so it runs from the shipped resources as they are.
 //

@@ -15,8 +15,6 @@ export const BUILD = process.env.LM_BUILD_DIR ?? join(SOURCE, 'build');
 /** The service as it ships: the build strips the types of resources/app into the share folder. */
 export const APP = join(BUILD, 'share/lanternmoor-pro/app');
 export const NODE = process.execPath;
-/** Node.js's options for the service, as the launcher gives them. */
-export const SERVICE_FLAGS = ['--experimental-strip-types', '--max-semi-space-size=2'];
 export const CODEX = process.env.LM_TEST_CODEX ?? join(SOURCE, '.tools/codex/node_modules/.bin/codex');
 
 let shippedChecked = false;
@@ -132,7 +130,7 @@ export async function startService(options: { codexPath: string; dataFolder?: st
   if (!options.app) assertShippedIsCurrent();
   const app = options.app ?? APP;
   let output = '';
-  const child = spawn(NODE, [...SERVICE_FLAGS, join(app, 'server.mjs')], {
+  const child = spawn(NODE, ['--experimental-strip-types', join(app, 'server.mjs')], {
     cwd: app,
     stdio: ['ignore', 'pipe', 'pipe'],
     env: {

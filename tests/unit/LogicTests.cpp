@@ -75,7 +75,7 @@ TEST(ServiceLaunch, StartsNodeOnTheShippedScriptWithItsWholeContract) {
     EXPECT_EQ(h.fake.clock, h.fake.start) << "the clock had to run on to a timer left behind";
     const auto& service = h.fake.children.at(1)->configuration;
     EXPECT_EQ(std::tuple(service.executable, service.arguments, service.workingDirectory, service.outlivesLauncher),
-              std::tuple("/opt/homebrew/bin/node", Strings{"--experimental-strip-types", "--max-semi-space-size=2", "/opt/lm/share/lanternmoor-pro/app/server.mjs"},
+              std::tuple("/opt/homebrew/bin/node", Strings{"--experimental-strip-types", "/opt/lm/share/lanternmoor-pro/app/server.mjs"},
                          "/opt/lm/share/lanternmoor-pro/app", false));
     EXPECT_EQ(std::tuple(service.standardInput.kind, service.standardOutput.kind, service.standardOutput.path, service.standardError.kind),
               std::tuple(platform::Stream::Kind::nullDevice, platform::Stream::Kind::appendToFile,
