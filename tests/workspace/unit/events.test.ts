@@ -17,10 +17,11 @@ function page(reads: boolean) {
   return { written, duplex, socket };
 }
 
+const hello = { type: 'hello' } as Extract<PageEvent, { type: 'hello' }>;
+const delta = (threadId: string, text: string): PageEvent => ({ type: 'delta', threadId, turnId: 'x', position: 0, field: 'text', text });
+
 test('a page with more than the limit queued is let go, one just at it is not, and the others get every event of their thread in order', () => {
   const hub = new EventHub();
-  const hello = { type: 'hello' } as Extract<PageEvent, { type: 'hello' }>;
-  const delta = (threadId: string, text: string): PageEvent => ({ type: 'delta', threadId, turnId: 'x', position: 0, field: 'text', text });
   const [reading, stalled] = [page(true), page(false)];
   for (const each of [stalled, reading]) hub.subscribe(each.socket, 't', hello);
   // A frame over 64 KiB gives its length in 8 bytes where the empty one's takes none.
@@ -31,4 +32,12 @@ test('a page with more than the limit queued is let go, one just at it is not, a
   assert.deepEqual(events.slice(1).map((event) => { hub.publish(event); return stalled.duplex.destroyed; }), [false, false, true]);
   assert.deepEqual(reading.written.slice(1), [hello, events[0]!, events[1]!, events[3]!].map((event) => textFrame(JSON.stringify(event))));
   assert.equal(hub.size, 1);
+});
+
+test('one event bigger than the limit (a long answer settled) is not a page falling behind: the limit counts from its end', () => {
+  const hub = new EventHub();
+  const stalled = page(false);
+  hub.subscribe(stalled.socket, 't', hello);
+  const sent = [delta('t', 'x'.repeat(2 * MAX_QUEUED_BYTES)), delta('t', 'the turn ends'), delta('t', 'x'.repeat(MAX_QUEUED_BYTES)), delta('t', 'over it')];
+  assert.deepEqual(sent.map((event) => { hub.publish(event); return stalled.duplex.destroyed; }), [false, false, false, true]);
 });

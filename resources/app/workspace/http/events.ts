@@ -14,6 +14,12 @@ interface Subscriber {
   socket: PageSocket;
   /** The thread the page has open: only that thread's turns and items are sent to it. */
   threadId: string | null;
+  /**
+   * The largest frame over the limit sent since the page last had nothing queued: a snapshot or
+   * a settled answer that big is one event, not a page falling behind, and the limit counts on
+   * from its end.
+   */
+  oversize: number;
 }
 
 function threadOf(event: PageEvent): string | null {
@@ -49,7 +55,7 @@ export class EventHub {
   }
 
   subscribe(socket: PageSocket, threadId: string | null, hello: Extract<PageEvent, { type: 'hello' }>): void {
-    const subscriber = { page: hello.page, socket, threadId };
+    const subscriber = { page: hello.page, socket, threadId, oversize: 0 };
     this.#subscribers.add(subscriber);
     socket.socket.on('close', () => {
       this.#subscribers.delete(subscriber);
@@ -75,11 +81,13 @@ export class EventHub {
   #write(subscriber: Subscriber, frame: Buffer): void {
     const { socket } = subscriber;
     if (!socket.open) return;
-    if (socket.writableLength > MAX_QUEUED_BYTES) {
+    if (socket.writableLength === 0) subscriber.oversize = 0;
+    if (socket.writableLength > MAX_QUEUED_BYTES + subscriber.oversize) {
       this.#subscribers.delete(subscriber);
       socket.socket.destroy();
       return;
     }
+    if (frame.length > MAX_QUEUED_BYTES) subscriber.oversize = Math.max(subscriber.oversize, frame.length);
     socket.send(frame);
   }
 }
