@@ -11,7 +11,7 @@ import { getJson, postJson } from './api.js';
 /** @typedef {import('../workspace/model.ts').Entry} Entry */
 
 /** Each row's height, as app.css gives it: the rows in view are found by arithmetic, not layout. */
-const ROW_PX = 34;
+const ROW_PX = 40;
 /** Rows made beyond the view on either side, so a fast scroll shows no gap. */
 const SPARE_ROWS = 8;
 /** Entries asked for at once: a screenful many times over, a small answer to read. */
