@@ -30,15 +30,8 @@ const alive = (pid: number) => {
   }
 };
 
-/** This process's CPU time so far, in clock ticks (user and system). */
-function cpuTicks(): number {
-  const stat = readFileSync('/proc/self/stat', 'utf8');
-  const fields = stat.slice(stat.lastIndexOf(')') + 2).split(' ');
-  return Number(fields[11]) + Number(fields[12]);
-}
-
 for (const kind of ['hang', 'flood'] as const) {
-  test(`an app-server given up on (${kind}) ends with everything under it, is read no more, and is not started twice meanwhile`, async () => {
+  test(`an app-server given up on (${kind}) ends with everything under it, and is not started twice meanwhile`, async () => {
     const log = join(temporaryFolder('lm-fake-'), 'methods');
     const { server, clock, states } = appServer({ FAKE_CODEX_DIE: kind, FAKE_CODEX_LOG: log });
     const first = server.connect().catch((error: Error) => error.message);
@@ -55,9 +48,6 @@ for (const kind of ['hang', 'flood'] as const) {
     // A SIGKILL sent is not yet a process gone.
     await until('it and its child to end', () => ![pid, below].some(isRunning));
     assert.equal(readFileSync(log, 'utf8'), 'initialize\n');
-    const before = cpuTicks();
-    await new Promise((resolve) => setTimeout(resolve, 500));
-    assert.ok(cpuTicks() - before < 10, 'idle once it has given up');
   });
 }
 
