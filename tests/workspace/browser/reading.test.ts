@@ -4,9 +4,9 @@
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { lastQuestion, reply, type ResponsesRequest } from '../../harness/standin.ts';
-import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
-import { ask, world } from '../../harness/world.ts';
-import { openPage, type Page } from '../../harness/browser.ts';
+import { WORKSPACE } from '../../harness/launcher.ts';
+import { ask, opened } from '../../harness/world.ts';
+import type { Page } from '../../harness/browser.ts';
 import { until } from '../../harness/service.ts';
 
 // A string, a comment, a built-in and numbers besides the keywords: the contrast check reads each colour.
@@ -103,9 +103,7 @@ const hash = (page: Page) => page.evaluate<string>('decodeURIComponent(location.
 const sidebarRight = (page: Page) => page.locator('.sidebar').evaluate((node) => node.getBoundingClientRect().right);
 
 test('an answer reads well, the shortcuts do what they say, and a narrow window keeps it all', async (t) => {
-  const { sandbox, browser } = await world(t, script);
-  const launcher = await Launcher.ready(sandbox);
-  const { page, problems } = await openPage(browser, WORKSPACE);
+  const { page, finish } = await opened(t, script);
   await page.context().grantPermissions(['clipboard-read', 'clipboard-write'], { origin: WORKSPACE });
 
   const turn = await ask(page, '写一个公式和代码');
@@ -191,6 +189,5 @@ test('an answer reads well, the shortcuts do what they say, and a narrow window 
   await page.locator('#threads .thread-entry').nth(0).click();
   await until('the list to fold after a choice', async () => (await hash(page)) === order[0] && (await sidebarRight(page)) <= 0);
 
-  assert.deepEqual(problems, []);
-  await launcher.quit();
+  await finish();
 });
