@@ -21,15 +21,6 @@ function appServer(env: NodeJS.ProcessEnv) {
   return { server, clock, states, exits: () => exits };
 }
 
-const alive = (pid: number) => {
-  try {
-    process.kill(pid, 0);
-    return true;
-  } catch {
-    return false;
-  }
-};
-
 for (const kind of ['hang', 'flood'] as const) {
   test(`an app-server given up on (${kind}) ends with everything under it, and is not started twice meanwhile`, async () => {
     const log = join(temporaryFolder('lm-fake-'), 'methods');
@@ -63,10 +54,10 @@ for (const [kind, endsAt] of [['deaf', 1000], ['stubborn', 1500]] as const) {
     const stopped = server.stop();
     await clock.advance(endsAt - 1);
     await new Promise((resolve) => setTimeout(resolve, 100));
-    assert.equal(alive(pid), true);
+    assert.equal(isRunning(pid), true);
     await clock.advance(1);
     await stopped;
-    assert.equal(alive(pid), false);
+    assert.equal(isRunning(pid), false);
     assert.equal(exits(), 1);
     assert.equal(server.state.state, 'ready', 'a stop asked for is not reported as a failure');
   });
