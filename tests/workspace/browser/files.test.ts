@@ -8,8 +8,8 @@ import assert from 'node:assert/strict';
 import { readFileSync } from 'node:fs';
 import { join } from 'node:path';
 import { lastQuestion, reply, type ResponsesRequest } from '../../harness/standin.ts';
-import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
-import { ask, newThread, world } from '../../harness/world.ts';
+import { WORKSPACE } from '../../harness/launcher.ts';
+import { ask, newThread, opened } from '../../harness/world.ts';
 import { openPage } from '../../harness/browser.ts';
 import { FILE_LIMIT_BYTES } from '../../../resources/app/workspace/files/uploads.ts';
 
@@ -18,12 +18,10 @@ const PNG = Buffer.from('iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR
 
 test('an attached text file and image and the chosen model reach Codex, and the thread keeps them', async (t) => {
   const requests: ResponsesRequest[] = [];
-  const { sandbox, browser } = await world(t, (request) => {
+  const { sandbox, browser, page, finish } = await opened(t, (request) => {
     requests.push(request);
     return reply.answer('看到了。');
   });
-  const launcher = await Launcher.ready(sandbox);
-  const { page, problems } = await openPage(browser, WORKSPACE);
 
   // Nothing chosen yet: the picker says what Codex itself would use (its configuration's model).
   await page.locator('#model:not([hidden])').waitFor();
@@ -75,6 +73,5 @@ test('an attached text file and image and the chosen model reach Codex, and the 
   assert.equal(await other.inputValue('#model'), 'gpt-6-luna');
   assert.equal(await other.inputValue('#effort'), 'high');
   await newThread(page);
-  assert.deepEqual(problems, []);
-  await launcher.quit();
+  await finish();
 });

@@ -4,9 +4,7 @@
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { lastQuestion, reply, type ResponsesRequest } from '../../harness/standin.ts';
-import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
-import { ask, world } from '../../harness/world.ts';
-import { openPage } from '../../harness/browser.ts';
+import { ask, opened } from '../../harness/world.ts';
 import { until } from '../../harness/service.ts';
 
 /** The user's own messages in a request to the model, Codex's context notes left out. */
@@ -27,9 +25,7 @@ function script(request: ResponsesRequest) {
 }
 
 test('edit and ask again, branch, steer, queue: the model sees the history the page shows', async (t) => {
-  const { sandbox, browser, standIn } = await world(t, script, { settings: ['model_context_window = 100000'] });
-  const launcher = await Launcher.ready(sandbox);
-  const { page, problems } = await openPage(browser, WORKSPACE);
+  const { standIn, page, finish } = await opened(t, script, { settings: ['model_context_window = 100000'] });
   const lastRequest = () => asked(standIn.requests.at(-1)!);
 
   await ask(page, '问题一');
@@ -86,6 +82,5 @@ test('edit and ask again, branch, steer, queue: the model sees the history the p
   await page.locator('#queued').waitFor({ state: 'hidden' });
   assert.equal(standIn.requests.filter((request) => lastQuestion(request) === '之后再问的事').length, 1);
 
-  await launcher.quit();
-  assert.deepEqual(problems, []);
+  await finish();
 });

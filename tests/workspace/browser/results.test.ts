@@ -6,9 +6,7 @@
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { commandOutput } from '../../harness/standin.ts';
-import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
-import { ask, world } from '../../harness/world.ts';
-import { openPage } from '../../harness/browser.ts';
+import { ask, opened } from '../../harness/world.ts';
 import { until } from '../../harness/service.ts';
 
 const PNG = 'iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mP8z8BQDwAEhQGAhKmMIQAAAABJRU5ErkJggg==';
@@ -25,12 +23,10 @@ const COMMAND = [
 test('a turn\'s files: listed as they come, previewed, drawn in the answer, its sources listed', async (t) => {
   let release = () => {};
   const seen = new Promise<void>((resolve) => { release = resolve; });
-  const { sandbox, browser } = await world(t, (request) => (commandOutput(request) === null
+  const { page, finish } = await opened(t, (request) => (commandOutput(request) === null
     ? { steps: [{ openedPage: 'https://example.org/data' }, { command: COMMAND }] }
     // The answer waits until the test has seen the files in the panel: the turn runs until then.
     : { steps: [{ text: ['拟合完成。', '\n\n![图](plot.png) 与 ![越界](../../workspace.db)\n\n参考 [论文](https://example.com/paper)。'], holdAfter: { index: 0, until: seen } }] }));
-  const launcher = await Launcher.ready(sandbox);
-  const { page, problems } = await openPage(browser, WORKSPACE);
   // Asked from here: the page's policy refuses the eval a polling in the page would need.
   const drawn = (selector: string) => until(`${selector} drawn`, () => page.evaluate(`document.querySelector(${JSON.stringify(selector)})?.naturalWidth === 1`));
 
@@ -68,6 +64,5 @@ test('a turn\'s files: listed as they come, previewed, drawn in the answer, its 
 
   // The previews showed every file as data: none of their script ran here.
   assert.notEqual(await page.title(), 'ran');
-  assert.deepEqual(problems, []);
-  await launcher.quit();
+  await finish();
 });

@@ -11,8 +11,8 @@ import { spawnSync } from 'node:child_process';
 import { join } from 'node:path';
 import { lastQuestion, reply } from '../../harness/standin.ts';
 import { startSignInStandIn } from '../../harness/signin-standin.ts';
-import { Launcher, WORKSPACE } from '../../harness/launcher.ts';
-import { ask, world } from '../../harness/world.ts';
+import { WORKSPACE } from '../../harness/launcher.ts';
+import { ask, opened } from '../../harness/world.ts';
 import { openPage } from '../../harness/browser.ts';
 import { until } from '../../harness/service.ts';
 import { texts } from '../../../resources/app/workspace/texts.ts';
@@ -30,12 +30,10 @@ const listening = (port: number) => new Promise<boolean>((resolve) => {
 test('sign in from the page, see the account, its plan and usage, sign out; a taken callback port offers the device code', async (t) => {
   const signIn = await startSignInStandIn({ email: 'ada@example.com', plan: 'plus', usedPercent: 37, userCode: 'QX7F-29KD', dawdle: true });
   t.after(() => signIn.close());
-  const { sandbox, browser } = await world(t, (request) => reply.answer(`收到：${lastQuestion(request)}`), {
+  const { sandbox, browser, page, finish } = await opened(t, (request) => reply.answer(`收到：${lastQuestion(request)}`), {
     signedOut: true, settings: [`chatgpt_base_url = "${signIn.url}/backend-api"`],
+    prepare: (sandbox) => { sandbox.env.CODEX_APP_SERVER_LOGIN_ISSUER = signIn.url; },
   });
-  sandbox.env.CODEX_APP_SERVER_LOGIN_ISSUER = signIn.url;
-  const launcher = await Launcher.ready(sandbox);
-  const { page, problems } = await openPage(browser, WORKSPACE);
   const banner = page.locator('.banner.sign-in');
 
   // The sign-in opens in a tab of its own; the user leaves it there, and cancels.
@@ -101,6 +99,5 @@ test('sign in from the page, see the account, its plan and usage, sign out; a ta
   await page.locator('#about summary').click();
   await page.locator('#about-list').getByText('API 密钥').waitFor();
   assert.equal(await page.locator('.banner').count(), 0);
-  assert.deepEqual(problems, []);
-  await launcher.quit();
+  await finish();
 });

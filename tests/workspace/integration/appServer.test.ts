@@ -21,24 +21,8 @@ function appServer(env: NodeJS.ProcessEnv) {
   return { server, clock, states, exits: () => exits };
 }
 
-const alive = (pid: number) => {
-  try {
-    process.kill(pid, 0);
-    return true;
-  } catch {
-    return false;
-  }
-};
-
-/** This process's CPU time so far, in clock ticks (user and system). */
-function cpuTicks(): number {
-  const stat = readFileSync('/proc/self/stat', 'utf8');
-  const fields = stat.slice(stat.lastIndexOf(')') + 2).split(' ');
-  return Number(fields[11]) + Number(fields[12]);
-}
-
 for (const kind of ['hang', 'flood'] as const) {
-  test(`an app-server given up on (${kind}) ends with everything under it, is read no more, and is not started twice meanwhile`, async () => {
+  test(`an app-server given up on (${kind}) ends with everything under it, and is not started twice meanwhile`, async () => {
     const log = join(temporaryFolder('lm-fake-'), 'methods');
     const { server, clock, states } = appServer({ FAKE_CODEX_DIE: kind, FAKE_CODEX_LOG: log });
     const first = server.connect().catch((error: Error) => error.message);
@@ -55,9 +39,6 @@ for (const kind of ['hang', 'flood'] as const) {
     // A SIGKILL sent is not yet a process gone.
     await until('it and its child to end', () => ![pid, below].some(isRunning));
     assert.equal(readFileSync(log, 'utf8'), 'initialize\n');
-    const before = cpuTicks();
-    await new Promise((resolve) => setTimeout(resolve, 500));
-    assert.ok(cpuTicks() - before < 10, 'idle once it has given up');
   });
 }
 
@@ -73,10 +54,10 @@ for (const [kind, endsAt] of [['deaf', 1000], ['stubborn', 1500]] as const) {
     const stopped = server.stop();
     await clock.advance(endsAt - 1);
     await new Promise((resolve) => setTimeout(resolve, 100));
-    assert.equal(alive(pid), true);
+    assert.equal(isRunning(pid), true);
     await clock.advance(1);
     await stopped;
-    assert.equal(alive(pid), false);
+    assert.equal(isRunning(pid), false);
     assert.equal(exits(), 1);
     assert.equal(server.state.state, 'ready', 'a stop asked for is not reported as a failure');
   });
