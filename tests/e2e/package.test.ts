@@ -2,16 +2,20 @@
 import { test } from 'node:test';
 import assert from 'node:assert/strict';
 import { execFileSync, spawnSync } from 'node:child_process';
-import { readdirSync } from 'node:fs';
+import { readdirSync, rmSync } from 'node:fs';
 import { join } from 'node:path';
 import { Launcher, OPENED, RUNNING, sandboxFor, STARTING, WORKSPACE } from '../harness/launcher.ts';
 import { BUILD, SOURCE } from '../harness/service.ts';
 
 const run = (command: string, ...args: string[]) => execFileSync(command, args, { encoding: 'utf8', cwd: BUILD, maxBuffer: 16 << 20 });
 
+const packages = () => readdirSync(BUILD).filter((name) => /^lanternmoor-pro_.*_amd64\.deb$/.test(name)).map((name) => join(BUILD, name));
+
 test('the package installs what runs and passes the checks', async (t) => {
+  // An earlier version's package, left in the build folder by its build, is none of this one's.
+  for (const earlier of packages()) rmSync(earlier);
   run('cpack', '-G', 'DEB');
-  const [deb, ...others] = readdirSync(BUILD).filter((name) => /^lanternmoor-pro_.*_amd64\.deb$/.test(name)).map((name) => join(BUILD, name));
+  const [deb, ...others] = packages();
   assert.deepEqual(others, []);
   // Every shipped resource: the service with its types stripped, its page and its libraries, the guide.
   const resources = readdirSync(join(SOURCE, 'resources'), { recursive: true, withFileTypes: true }).filter((entry) => entry.isFile())

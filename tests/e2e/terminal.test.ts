@@ -7,12 +7,12 @@ import { Launcher, OPENED, RUNNING, sandboxFor, STARTING } from '../harness/laun
 import { until } from '../harness/service.ts';
 
 test('a quit during the Node.js search leaves nothing running', async (t) => {
-  // The version probe is no owned service, and is stopped all the same.
+  // The version probe is no owned service, and is stopped all the same. It sleeps past the
+  // harness's patience, so one left running fails the wait for the sandbox to stop.
   const sandbox = sandboxFor(t, undefined, { node: null });
-  sandbox.script('bin/node', `echo $$ > ${sandbox.root}/node.pid\nexec /bin/sleep 60`);
+  sandbox.script('bin/node', `echo $$ > ${sandbox.root}/node.pid\nexec /bin/sleep 600`);
   const launcher = new Launcher(sandbox);
   await until('the version probe', () => existsSync(join(sandbox.root, 'node.pid')));
-  await new Promise((resolve) => setTimeout(resolve, 300));
   launcher.child.kill('SIGTERM');
   assert.equal(await launcher.ended(sandbox), 0);
   assert.deepEqual([launcher.lines(), sandbox.opened()], [[STARTING], []]);

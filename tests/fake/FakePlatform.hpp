@@ -172,7 +172,7 @@ struct Fake : World, MainThread, ApplicationBase, Processes, FileSystem, Http, J
         return std::shared_ptr<FileHandle>(std::make_shared<Handle>(*this, path));
     }
 
-    // ---- the network: HTTP answers in order, then `fallback` for every request ----
+    // ---- the network: HTTP answers in order, then `fallback` for every request, within its limit ----
     struct Answer {
         HttpResult result;
         std::chrono::nanoseconds delay = 0ns;
@@ -181,8 +181,10 @@ struct Fake : World, MainThread, ApplicationBase, Processes, FileSystem, Http, J
     Answer fallback{HttpResult::failed()};
     bool accepting = false;
     void get(const HttpRequest& request, std::function<void(HttpResult)> done) override {
-        const auto [result, delay] = answers.empty() ? fallback : answers.front();
+        auto [result, delay] = answers.empty() ? fallback : answers.front();
         if (note("probe " + request.url), !answers.empty()) answers.pop_front();
+        // The real client gives up at the exchange's limit: a later answer is none.
+        if (delay > request.totalTimeout) result = HttpResult::failed(), delay = request.totalTimeout;
         after(delay, [done = std::move(done), result = result] { done(result); });
     }
     bool loopbackAcceptsConnections(std::uint16_t port) override { return note("port check " + std::to_string(port)), accepting; }

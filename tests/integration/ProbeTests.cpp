@@ -28,16 +28,17 @@ TEST_P(HealthProbe, JudgesTheAnswerWithinItsLimits) {
         auto reply = peer.head().starts_with("GET /api/health HTTP/1.1\r\nHost: 127.0.0.1:") ? row.bytes : answer("404 Not Found", ours);
         for (std::size_t at = 0; at < reply.size(); at += row.pace > 0ms ? 1 : reply.size())
             if (!peer.send(reply.substr(at, row.pace > 0ms ? 1 : reply.size())) || (row.pace > 0ms && !peer.pause(row.pace))) return;
-        if (!reply.empty() && !row.closes) peer.pause(3s);
+        if (!reply.empty() && !row.closes) peer.pause(30s);
     });
     RealWorld world;
     auto launcher = world.launcher(server.port);
     const auto begin = Clock::now();
-    auto health = world.run(launcher->probeHealthAnswer());
-    const auto took = Clock::now() - begin;
+    // Whatever the peer does, the probe ends: only a missing limit waits for the peer, which holds
+    // on for 30 s. How long the limits are is shown on the unit tier's virtual clock.
+    auto health = world.run(launcher->probeHealthAnswer(), 20s);
     ASSERT_TRUE(health);
     EXPECT_EQ(std::tuple(health->health, health->processIdentifier), std::tuple(row.expected, row.pid));
-    EXPECT_TRUE(took >= row.atLeast && took <= 1300ms) << (took / 1ms) << " ms";  // whatever the peer does
+    EXPECT_GE(Clock::now() - begin, row.atLeast);
 }
 
 const std::string padded = ours + std::string(4096 - ours.size(), ' ');
@@ -60,7 +61,7 @@ TEST(PortCheck, TellsATakenPortFromAFreeOneWithinASecond) {
     const auto begin = Clock::now();
     EXPECT_EQ(world.run(world.launcher(1)->probeHealth()), Health::noResponse);  // refused at once
     EXPECT_FALSE(world.launcher(1)->portAcceptsConnections());
-    EXPECT_LT(Clock::now() - begin, 300ms);
+    EXPECT_LT(Clock::now() - begin, 900ms) << "not the attempt's limit";
     EXPECT_TRUE(world.launcher(silent.port)->portAcceptsConnections());
     // A listener whose queue is full lets the handshake hang until the check gives up.
     sockaddr_in address{.sin_family = AF_INET, .sin_port = htons(full.port), .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
@@ -70,7 +71,8 @@ TEST(PortCheck, TellsATakenPortFromAFreeOneWithinASecond) {
     std::this_thread::sleep_for(100ms);
     const auto hung = Clock::now();
     EXPECT_FALSE(world.launcher(full.port)->portAcceptsConnections());
-    EXPECT_TRUE(Clock::now() - hung >= 900ms && Clock::now() - hung < 1500ms);
+    // Well under the kernel's own give-up, minutes away, with room for a loaded machine.
+    EXPECT_TRUE(Clock::now() - hung >= 900ms && Clock::now() - hung < 3s);
     for (int socket : queued) ::close(socket);
 }
 

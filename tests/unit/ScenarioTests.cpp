@@ -123,8 +123,8 @@ INSTANTIATE_TEST_SUITE_P(FromTheMenu, Launch, testing::ValuesIn(fromTheMenu({
     Scenario{"OpenWhileOursAnswers", [](Harness& h) { openWith(h, {{Fake::ours(), 500ms}}); }, "; 0.000" + probe + "; 0.500 open " + url},
     Scenario{"OpenWhileSomeoneElseAnswers", [](Harness& h) { openWith(h, {{HttpResult::reply(200, "{}"), 500ms}}); },
              "; 0.000" + probe + "; " + refused("0.500", "本机地址已被其他程序占用")},
-    Scenario{"OpenWhileNothingAnswers", [](Harness& h) { openWith(h, {{HttpResult::failed(), 500ms}}); },
-             "; 0.000" + probe + "; " + refused("0.500", "工作区暂时不可用")},
+    Scenario{"OpenWhileNothingAnswersInTime", [](Harness& h) { openWith(h, {{Fake::ours(), 5s}}); },
+             "; 0.000" + probe + "; " + refused("1.200", "工作区暂时不可用")},
     // Once a probe is out, an answer of ours still opens the page; any other shows nothing.
     Scenario{"QuitWhileTheProbesAreOut",
              [](Harness& h) { openWith(h, {{Fake::ours(), 500ms}, {HttpResult::failed(), 500ms}}), h.at(100ms, quit); },
