@@ -88,7 +88,7 @@ for (const row of rows) {
       turn: (changed) => events.push(`turn ${changed.status}`),
       context: (_, context) => { said = context; },
       item: (_, item) => { kept.set(item.position, item); },
-      delta: (_, item, field, part, text) => { kept.set(item.position, item); events.push(`delta ${item.position} ${field} ${part ?? ''} ${text.length}`); },
+      delta: (_, item, field, part, _at, text) => { kept.set(item.position, item); events.push(`delta ${item.position} ${field} ${part ?? ''} ${text.length}`); },
     });
     turn.stopRequested = row.stop ?? false;
     for (const notification of row.play) turn.apply(notification);
