@@ -15,7 +15,7 @@ export const RETRY_INTERVAL_MS = 2_000;
 // most: longer ones go to V8's space for large objects, where one a quarter second piled up faster
 // than it was freed (9 MB over a 12 MiB answer).
 const TAIL_BYTES = 32 * 1024;
-// Enough for a quarter second of the fastest answer measured (a 12 MiB one in six seconds).
+// Twice what a quarter second of the fastest answer measured takes (12 MiB in six seconds: 16).
 const SPARE_CHUNKS = 32;
 
 /** An item with changes to write: whole, or the text its parts gained since it was last written. */

@@ -28,8 +28,8 @@ export interface TurnSink {
   delta(head: TurnHead, item: Item, field: 'text' | 'output', part: number | undefined, at: number, text: string): void;
 }
 
-// An answer's text grows in chunks of up to this many bytes: one decoded alone is a string that
-// goes to V8's space for large objects at once.
+// An answer's text grows in chunks of up to this many bytes: few for the longest answer, and
+// decoded only when a page or the store asks for the whole text.
 const ANSWER_CHUNK_BYTES = 1 << 20;
 
 type Growing = Item & { kind: 'answer' | 'plan' };
