@@ -5,7 +5,7 @@
 // delta dies young.
 const encoder = new TextEncoder();
 // Most answers are short: their first chunk is small, and each next one twice the last, up to the most.
-const FIRST_CHUNK_BYTES = 16 * 1024;
+const FIRST_CHUNK_BYTES = 1024;
 
 /**
  * Spare chunks of one size for texts that are written and dropped again and again: a buffer that

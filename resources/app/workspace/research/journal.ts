@@ -50,8 +50,11 @@ export class Journal {
 
   /** The item appeared or was replaced: written whole. */
   item(turnId: string, item: Item): void {
+    const key = `${turnId}\u0000${item.position}`;
+    // What it gained is in it: written whole, it needs no tails.
+    for (const gain of this.#items.get(key)?.gained.values() ?? []) gain.text.release();
     // Items are kept by reference: the flush writes whatever they hold by then.
-    this.#items.set(`${turnId}\u0000${item.position}`, { turnId, item, whole: true, gained: new Map() });
+    this.#items.set(key, { turnId, item, whole: true, gained: new Map() });
     this.#schedule();
   }
 
