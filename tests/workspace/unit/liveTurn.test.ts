@@ -103,27 +103,16 @@ for (const row of rows) {
   });
 }
 
-// Where each delta starts in its part, in UTF-16 units: the store puts the journal's tails there,
+// Where each delta starts in the answer, in UTF-16 units: the store puts the journal's tails there,
 // and rebuilds a running answer from them after a crash.
-test('each delta is said with where it starts in its part, and the answer reads whole', () => {
+test('each delta of an answer is said with where it starts, and the answer reads whole', () => {
   const head: TurnHead = { id: 'u', threadId: 't', position: 0, question: 'q', status: 'running', error: null, usage: null, startedAt: 0, endedAt: null };
   const said: string[] = [];
   const turn = new LiveTurn(head, { folder: '/threads/t', attachments: '/threads/t', codexThreadId: T, choice: { model: null, effort: null }, permission: 'write' }, {
-    turn: () => {}, context: () => {}, item: () => {},
-    delta: (_, item, field, part, at, text) => { said.push(`${item.position} ${field} ${part ?? ''} ${at} ${text}`); },
+    turn: () => {}, context: () => {}, item: () => {}, delta: (_, _item, _field, _part, at, text) => { said.push(`${at} ${text}`); },
   });
-  const answer = (delta: string) => n('item/agentMessage/delta', { itemId: 'm', delta });
-  const summary = (summaryIndex: number, delta: string) => n('item/reasoning/summaryTextDelta', { itemId: 'r', summaryIndex, delta });
-  for (const notification of [
-    started({ type: 'agentMessage', id: 'm', text: '早' }), answer('中文'), answer('😀'), answer('a'),
-    started({ type: 'reasoning', id: 'r', summary: ['ab'] }), summary(0, 'c'), n('item/reasoning/summaryPartAdded', { itemId: 'r', summaryIndex: 1 }), summary(1, 'de'),
-    started(command({ status: 'inProgress', aggregatedOutput: null, exitCode: null, durationMs: null })), output('x\n'), output('y'),
-  ]) turn.apply(notification);
-  assert.deepEqual(said, [
-    '0 text  1 中文', '0 text  3 😀', '0 text  5 a',
-    '1 text 0 2 c', '1 text 1 0 ', '1 text 1 0 de',
-    '2 output  0 x\n', '2 output  2 y',
-  ]);
+  turn.apply(started({ type: 'agentMessage', id: 'm', text: '早' }));
+  for (const delta of ['中文', '😀', 'a']) turn.apply(n('item/agentMessage/delta', { itemId: 'm', delta }));
   turn.finish('stopped', null, 1);
-  assert.deepEqual(JSON.parse(JSON.stringify(turn.items[0])), { kind: 'answer', position: 0, status: 'stopped', text: '早中文😀a' });
+  assert.deepEqual([said, JSON.parse(JSON.stringify(turn.items))], [['1 中文', '3 😀', '5 a'], [{ kind: 'answer', position: 0, status: 'stopped', text: '早中文😀a' }]]);
 });
