@@ -43,7 +43,7 @@ export class GrowingText {
   #length = 0;
   #decoded: string | null = '';
 
-  /** Chunks of up to `maxBytes`, or the pool's: what one decodes to is the longest string made at once. */
+  /** Chunks of up to so many bytes, or the pool's: what one decodes to is the longest string made at once. */
   constructor(source: number | ChunkPool) {
     this.#pool = typeof source === 'number' ? null : source;
     this.#maxBytes = typeof source === 'number' ? source : source.bytes;
