@@ -50,15 +50,15 @@ test('what streams in is written a quarter second after the first change, an ite
   const [answer, reasoning, command] = items as [Item & { kind: 'answer' }, Item & { kind: 'reasoning' }, Item & { kind: 'command' }];
   // As the live turn does: the item gains the text, then the journal is told.
   answer.text += 'lo ';
-  journal.grew('u0', answer, 0, 'lo ');
+  journal.grew('u0', answer, 0, 3, 'lo ');
   answer.text += 'world';
-  journal.grew('u0', answer, 0, 'world');
+  journal.grew('u0', answer, 0, 6, 'world');
   reasoning.parts[0] += 'b';
-  journal.grew('u0', reasoning, 0, 'b');
+  journal.grew('u0', reasoning, 0, 1, 'b');
   reasoning.parts.push('c');
-  journal.grew('u0', reasoning, 1, 'c');
+  journal.grew('u0', reasoning, 1, 0, 'c');
   command.output += 'out\n';
-  journal.grew('u0', command, 0, 'out\n');
+  journal.grew('u0', command, 0, 0, 'out\n');
   await clock.advance(FLUSH_INTERVAL_MS);
   assert.deepEqual(fixture.writes.map((write) => [write.at, write.batch.items.length, write.batch.tails?.map((tail) => [tail.position, tail.part, tail.at, tail.text])]), [
     [FLUSH_INTERVAL_MS, 3, []],
@@ -74,12 +74,12 @@ test('a failed write is said once, tried again every two seconds with what came 
   journal.flush();
   fixture.failing = true;
   answer.text += ' two';
-  journal.grew('u0', answer, 0, ' two');
+  journal.grew('u0', answer, 0, 3, ' two');
   await clock.advance(FLUSH_INTERVAL_MS);
   // Long enough to be written as a tail of its own.
   const three = ` three${'.'.repeat(40_000)}`;
   answer.text += three;
-  journal.grew('u0', answer, 0, three);
+  journal.grew('u0', answer, 0, 7, three);
   await clock.advance(RETRY_INTERVAL_MS - 1);
   fixture.failing = false;
   assert.deepEqual([fixture.writes.map((write) => write.at), fixture.reports], [[0, FLUSH_INTERVAL_MS], ['full']]);

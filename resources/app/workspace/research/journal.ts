@@ -3,25 +3,28 @@
 // answer costs each batch what came in it. A failed write keeps its changes for the next attempt,
 // so nothing already kept is touched and nothing shown is dropped while the disk is full.
 import { StoreError, type ThreadStore } from '../store/store.ts';
-import { partLength, type ItemTail } from '../store/tails.ts';
+import type { ItemTail } from '../store/tails.ts';
+import { ChunkPool, GrowingText } from './growingText.ts';
 import type { Clock, Timer } from '../clock.ts';
 import type { Item, TurnHead } from '../model.ts';
 
 export const FLUSH_INTERVAL_MS = 250;
 // While the disk refuses, trying four times a second would only spin.
 export const RETRY_INTERVAL_MS = 2_000;
-// Pieces are joined into strings of at most this many characters: longer ones go to V8's space for
-// large objects, where one a quarter second piled up faster than it was freed (9 MB over a 12 MiB
-// answer).
-const TAIL_CHARS = 32 * 1024;
+// What a part gained is written as strings of at most this many bytes, so of as many characters at
+// most: longer ones go to V8's space for large objects, where one a quarter second piled up faster
+// than it was freed (9 MB over a 12 MiB answer).
+const TAIL_BYTES = 32 * 1024;
+// Twice what a quarter second of the fastest answer measured takes (12 MiB in six seconds: 16).
+const SPARE_CHUNKS = 32;
 
 /** An item with changes to write: whole, or the text its parts gained since it was last written. */
 interface Changed {
   turnId: string;
   item: Item;
   whole: boolean;
-  /** By part: where the gain starts, and what came, in pieces (joined when written). */
-  gained: Map<number, { at: number; pieces: string[] }>;
+  /** By part: where the gain starts, and what came, outside V8's heap until it is written. */
+  gained: Map<number, { at: number; text: GrowingText }>;
 }
 
 export class Journal {
@@ -30,6 +33,7 @@ export class Journal {
   readonly #report: (error: StoreError | null) => void;
   readonly #turns = new Map<string, TurnHead>();
   readonly #items = new Map<string, Changed>();
+  readonly #chunks = new ChunkPool(TAIL_BYTES, SPARE_CHUNKS);
   #timer: Timer | null = null;
   #failing = false;
 
@@ -46,13 +50,16 @@ export class Journal {
 
   /** The item appeared or was replaced: written whole. */
   item(turnId: string, item: Item): void {
+    const key = `${turnId}\u0000${item.position}`;
+    // What it gained is in it: written whole, it needs no tails.
+    for (const gain of this.#items.get(key)?.gained.values() ?? []) gain.text.release();
     // Items are kept by reference: the flush writes whatever they hold by then.
-    this.#items.set(`${turnId}\u0000${item.position}`, { turnId, item, whole: true, gained: new Map() });
+    this.#items.set(key, { turnId, item, whole: true, gained: new Map() });
     this.#schedule();
   }
 
-  /** Text was appended to a part of the item (its text, output, or a reasoning part); the item holds it already. */
-  grew(turnId: string, item: Item, part: number, text: string): void {
+  /** Text was appended `at` UTF-16 units into a part of the item (its text, output, or a reasoning part); the item holds it already. */
+  grew(turnId: string, item: Item, part: number, at: number, text: string): void {
     const key = `${turnId}\u0000${item.position}`;
     let changed = this.#items.get(key);
     if (!changed) {
@@ -60,11 +67,15 @@ export class Journal {
       this.#items.set(key, changed);
     }
     if (!changed.whole) {
-      // The pieces as they came: taking the new text from the item's own would have V8 copy all of
-      // that text into one string, every time.
-      const gain = changed.gained.get(part) ?? { at: partLength(item, part) - text.length, pieces: [] };
-      gain.pieces.push(text);
-      changed.gained.set(part, gain);
+      // Copied as it comes: taking the new text from the item's own would have V8 copy all of that
+      // text into one string, every time, and keeping the deltas would keep them in V8's young
+      // generation for a quarter second, long enough to grow it.
+      let gain = changed.gained.get(part);
+      if (!gain) {
+        gain = { at, text: new GrowingText(this.#chunks) };
+        changed.gained.set(part, gain);
+      }
+      gain.text.append(text);
     }
     this.#schedule();
   }
@@ -82,10 +93,10 @@ export class Journal {
     for (const { turnId, item, whole, gained } of changed) {
       if (whole) continue;
       for (const [part, gain] of gained) {
-        // Joined once: a write that failed is tried again with the same strings.
-        gain.pieces = joined(gain.pieces);
         let at = gain.at;
-        for (const text of gain.pieces) {
+        // A reasoning part that only began is written as an empty tail, so the store has it too.
+        const pieces = gain.text.length > 0 ? gain.text.pieces() : [''];
+        for (const text of pieces) {
           tails.push({ turnId, position: item.position, part, at, text });
           at += text.length;
         }
@@ -105,6 +116,7 @@ export class Journal {
       this.#schedule();
       return;
     }
+    for (const { gained } of changed) for (const gain of gained.values()) gain.text.release();
     this.#turns.clear();
     this.#items.clear();
     if (this.#failing) {
@@ -119,22 +131,4 @@ export class Journal {
       this.flush();
     });
   }
-}
-
-/** The pieces as few strings, each of at most TAIL_CHARS characters unless a piece alone is longer. */
-function joined(pieces: string[]): string[] {
-  const out: string[] = [];
-  let group: string[] = [];
-  let length = 0;
-  for (const piece of pieces) {
-    if (length + piece.length > TAIL_CHARS && group.length > 0) {
-      out.push(group.join(''));
-      group = [];
-      length = 0;
-    }
-    group.push(piece);
-    length += piece.length;
-  }
-  if (group.length > 0) out.push(group.join(''));
-  return out;
 }

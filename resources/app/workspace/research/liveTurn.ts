@@ -1,6 +1,7 @@
 // One turn while it runs: Codex's notifications become the page's items, as they come.
 import { completeItem, describeError, OUTPUT_LIMIT, toItem, usageOf } from '../codex/translate.ts';
 import { texts } from '../texts.ts';
+import { GrowingText } from './growingText.ts';
 import type { CodexTokenBreakdown, TurnNotification } from '../codex/protocol.ts';
 import type { Choice, Context, Item, Permission, Turn, TurnHead, TurnStatus } from '../model.ts';
 
@@ -23,9 +24,15 @@ export interface TurnSink {
   item(head: TurnHead, item: Item, settled: boolean): void;
   /** How full the model's context is, as Codex counted at its last request. */
   context(head: TurnHead, context: Context): void;
-  /** Text was appended to an item (its answer, a reasoning part, a command's output). */
-  delta(head: TurnHead, item: Item, field: 'text' | 'output', part: number | undefined, text: string): void;
+  /** Text was appended to an item (its answer, a reasoning part, a command's output), `at` UTF-16 units into its part. */
+  delta(head: TurnHead, item: Item, field: 'text' | 'output', part: number | undefined, at: number, text: string): void;
 }
+
+// An answer's text grows in chunks of up to this many bytes: few for the longest answer, and
+// decoded only when a page or the store asks for the whole text.
+const ANSWER_CHUNK_BYTES = 1 << 20;
+
+type Growing = Item & { kind: 'answer' | 'plan' };
 
 export class LiveTurn {
   readonly head: TurnHead;
@@ -33,6 +40,7 @@ export class LiveTurn {
   readonly items: Item[] = [];
   readonly #sink: TurnSink;
   readonly #byCodexId = new Map<string, number>();
+  readonly #texts = new WeakMap<Growing, GrowingText>();
   codexThreadId: string | null = null;
   /** Codex's id for this turn, known from its answer to our turn/start. */
   codexTurnId: string | null = null;
@@ -97,15 +105,17 @@ export class LiveTurn {
       case 'item/agentMessage/delta': {
         const item = this.#find(notification.params.itemId);
         if (item?.kind !== 'answer' && item?.kind !== 'plan') return;
-        item.text += notification.params.delta;
-        this.#sink.delta(this.head, item, 'text', undefined, notification.params.delta);
+        const text = this.#textOf(item);
+        const at = text.length;
+        text.append(notification.params.delta);
+        this.#sink.delta(this.head, item, 'text', undefined, at, notification.params.delta);
         return;
       }
       case 'item/reasoning/summaryPartAdded': {
         const item = this.#find(notification.params.itemId);
         if (item?.kind !== 'reasoning') return;
         while (item.parts.length <= notification.params.summaryIndex) item.parts.push('');
-        this.#sink.delta(this.head, item, 'text', notification.params.summaryIndex, '');
+        this.#sink.delta(this.head, item, 'text', notification.params.summaryIndex, item.parts[notification.params.summaryIndex]!.length, '');
         return;
       }
       case 'item/reasoning/summaryTextDelta': {
@@ -113,8 +123,9 @@ export class LiveTurn {
         if (item?.kind !== 'reasoning') return;
         const index = notification.params.summaryIndex;
         while (item.parts.length <= index) item.parts.push('');
+        const at = item.parts[index]!.length;
         item.parts[index] += notification.params.delta;
-        this.#sink.delta(this.head, item, 'text', index, notification.params.delta);
+        this.#sink.delta(this.head, item, 'text', index, at, notification.params.delta);
         return;
       }
       case 'item/commandExecution/outputDelta': {
@@ -124,8 +135,9 @@ export class LiveTurn {
         const kept = notification.params.delta.slice(0, room);
         item.dropped += notification.params.delta.length - kept.length;
         if (kept === '') return;
+        const at = item.output.length;
         item.output += kept;
-        this.#sink.delta(this.head, item, 'output', undefined, kept);
+        this.#sink.delta(this.head, item, 'output', undefined, at, kept);
         return;
       }
       case 'thread/tokenUsage/updated': {
@@ -187,6 +199,22 @@ export class LiveTurn {
   /** The user's guidance, which Codex took into the turn here. */
   guide(text: string): void {
     if (!this.finished) this.#push({ kind: 'guidance', text, position: this.items.length, status: 'completed' });
+  }
+
+  /**
+   * The growing text behind the item's own: whoever reads `item.text` (a snapshot, the journal's
+   * write of it whole, a copy when it settles) gets it decoded, once until it grows again.
+   */
+  #textOf(item: Growing): GrowingText {
+    let text = this.#texts.get(item);
+    if (!text) {
+      const growing = new GrowingText(ANSWER_CHUNK_BYTES);
+      growing.append(item.text);
+      Object.defineProperty(item, 'text', { get: () => growing.toString(), enumerable: true, configurable: true });
+      this.#texts.set(item, growing);
+      text = growing;
+    }
+    return text;
   }
 
   #find(codexId: string): Item | undefined {

@@ -96,8 +96,8 @@ export class TurnRunner {
         }
         options.publish({ type: 'context', threadId: head.threadId, context });
       },
-      delta: (head, item, field, part, text) => {
-        this.#journal.grew(head.id, item, part ?? 0, text);
+      delta: (head, item, field, part, at, text) => {
+        this.#journal.grew(head.id, item, part ?? 0, at, text);
         const event: PageEvent = { type: 'delta', threadId: head.threadId, turnId: head.id, position: item.position, field, text };
         options.publish(part === undefined ? event : { ...event, part });
       },
