@@ -13,21 +13,6 @@ export interface ItemTail {
   text: string;
 }
 
-/** How long a growing part of the item is: an answer's or plan's text, a reasoning part, a command's output. */
-export function partLength(item: Item, part: number): number {
-  switch (item.kind) {
-    case 'answer':
-    case 'plan':
-      return item.text.length;
-    case 'reasoning':
-      return item.parts[part]?.length ?? 0;
-    case 'command':
-      return item.output.length;
-    default:
-      return 0;
-  }
-}
-
 /** Puts a tail's text in its place in the item, after the first `at` characters of its part. */
 export function applyTail(item: Item, part: number, at: number, text: string): void {
   switch (item.kind) {
