@@ -12,11 +12,10 @@ import { join } from 'node:path';
 import { parseArgs } from 'node:util';
 import { DatabaseSync } from 'node:sqlite';
 import { migrations } from '../../resources/app/workspace/store/migrations.ts';
-import { ThreadStore } from '../../resources/app/workspace/store/store.ts';
 import { hasFts5 } from '../../resources/app/workspace/store/fts5Index.ts';
 import type { BackendName } from '../../resources/app/workspace/store/indexBackend.ts';
 import { median, quantile } from './figures.ts';
-import { pagesOf, timedClock } from './slices.ts';
+import { openTimed, pagesOf, sliceFigures, slicesDone } from './slices.ts';
 
 const { values } = parseArgs({
   options: {
@@ -95,26 +94,16 @@ const backends: BackendName[] = values.backend ? [values.backend as BackendName]
 for (const backend of backends) {
   const path = join(folder, `${backend}.db`);
   copyFileSync(original, path);
-  const slices: number[] = [];
-  const cpu: number[] = [];
-  const began = performance.now();
-  const reopened = ThreadStore.open(path, { search: backend, clock: timedClock(slices, cpu) });
-  const opened = performance.now() - began;
+  const { store: reopened, slices, cpu, began, opened } = openTimed(path, backend);
   const early = reopened.search('checkpoint');
   // Blank text is answered with the progress alone.
   while (reopened.search('\0').indexed.done < reopened.search('\0').indexed.total || slices.length === 0) {
     await new Promise((resolve) => setTimeout(resolve, 100));
   }
-  // The last slices empty what an older index left, after the turns are done.
-  while (true) {
-    const count = slices.length;
-    await new Promise((resolve) => setTimeout(resolve, 500));
-    if (slices.length === count) break;
-  }
+  await slicesDone(slices);
   const built = performance.now() - began;
   console.log(`\n${backend} (Node.js ${process.version}): opened in ${opened.toFixed(0)} ms (a search then: ${early.results.length} hits, ${early.indexed.done} of ${early.indexed.total} turns indexed);`
-    + ` index built in the background in ${(built / 1000).toFixed(1)} s, ${slices.length} slices, median ${median(slices).toFixed(1)} ms, p99 ${quantile(slices, 0.99).toFixed(1)} ms, longest ${Math.max(...slices).toFixed(1)} ms`
-    + ` (processor time: median ${median(cpu).toFixed(1)} ms, p99 ${quantile(cpu, 0.99).toFixed(1)} ms, longest ${Math.max(...cpu).toFixed(1)} ms);`
+    + ` index built in the background in ${(built / 1000).toFixed(1)} s, ${sliceFigures(slices, cpu)};`
     + ` store ${size(original)} → ${size(path)}`);
   for (const query of QUERIES) {
     const samples: number[] = [];

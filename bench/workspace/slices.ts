@@ -1,7 +1,10 @@
-// What the benchmarks of the store share: a clock that times each piece of work it runs (the
-// slices of the search index's build), and a store's size in pages.
+// What the benchmarks of the store share: a store opened on a clock that times each piece of work
+// it runs (the slices of the search index's build), and a store's size in pages.
 import { DatabaseSync } from 'node:sqlite';
+import { ThreadStore } from '../../resources/app/workspace/store/store.ts';
+import type { BackendName } from '../../resources/app/workspace/store/indexBackend.ts';
 import type { Clock } from '../../resources/app/workspace/clock.ts';
+import { median, quantile } from './figures.ts';
 
 /**
  * The system's clock, timing each piece of work it runs: the wall clock, and this process's
@@ -22,6 +25,29 @@ export function timedClock(slices: number[], cpu: number[]): Clock {
       return { cancel: () => clearTimeout(handle) };
     },
   };
+}
+
+/** The store opened with its slices timed (wall clock and processor time), and when and how fast it opened. */
+export function openTimed(path: string, backend: BackendName) {
+  const slices: number[] = [];
+  const cpu: number[] = [];
+  const began = performance.now();
+  const store = ThreadStore.open(path, { search: backend, clock: timedClock(slices, cpu) });
+  return { store, slices, cpu, began, opened: performance.now() - began };
+}
+
+/** Until no slice has run for half a second: the last ones empty what an older index left, after the turns are done. */
+export async function slicesDone(slices: readonly number[]): Promise<void> {
+  for (let count = -1; count !== slices.length; ) {
+    count = slices.length;
+    await new Promise((resolve) => setTimeout(resolve, 500));
+  }
+}
+
+/** How many slices ran and how long they held the event loop, by wall clock and by processor time. */
+export function sliceFigures(slices: readonly number[], cpu: readonly number[]): string {
+  const brief = (times: readonly number[]) => `median ${median(times).toFixed(1)} ms, p99 ${quantile(times, 0.99).toFixed(1)} ms, longest ${Math.max(...times).toFixed(1)} ms`;
+  return `${slices.length} slices: ${brief(slices)} (processor time: ${brief(cpu)})`;
 }
 
 /** The file's bytes, and those of its pages in use (what was dropped leaves free pages until a VACUUM). */

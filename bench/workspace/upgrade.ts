@@ -18,13 +18,12 @@ import { loadavg } from 'node:os';
 import { join } from 'node:path';
 import { parseArgs } from 'node:util';
 import { DatabaseSync } from 'node:sqlite';
-import { ThreadStore } from '../../resources/app/workspace/store/store.ts';
 import { hasFts5 } from '../../resources/app/workspace/store/fts5Index.ts';
 import type { BackendName } from '../../resources/app/workspace/store/indexBackend.ts';
 import { fakeCodex, SOURCE, startService, temporaryFolder } from '../../tests/harness/service.ts';
 import { filledStore } from './fill.ts';
 import { median, quantile } from './figures.ts';
-import { pagesOf as pages, timedClock } from './slices.ts';
+import { openTimed, pagesOf as pages, sliceFigures, slicesDone } from './slices.ts';
 
 const { values } = parseArgs({
   options: {
@@ -91,11 +90,7 @@ for (const backend of backends) {
   const folder = temporaryFolder('lm-bench-upgrade-');
   const path = join(folder, 'workspace.db');
   copyFileSync(version4, path);
-  const slices: number[] = [];
-  const cpu: number[] = [];
-  const began = performance.now();
-  const store = ThreadStore.open(path, { search: backend, clock: timedClock(slices, cpu) });
-  const opened = performance.now() - began;
+  const { store, slices, cpu, began, opened } = openTimed(path, backend);
   const searched = performance.now();
   const early = store.search('checkpoint');
   const firstSearch = performance.now() - searched;
@@ -111,17 +106,13 @@ for (const backend of backends) {
   }
   const indexed = performance.now() - began;
   // Whatever work is left (retired tables go first, so there should be none) runs until a slice finds none.
-  for (let count = -1; count !== slices.length; ) {
-    count = slices.length;
-    await new Promise((resolve) => setTimeout(resolve, 500));
-  }
+  await slicesDone(slices);
   const finished = performance.now() - began - 500;
   store.close();
   const after = pages(path);
   log(`${backend} (Node.js ${process.version}): opened in ${opened.toFixed(0)} ms; a search then ${firstSearch.toFixed(0)} ms (${early.results.length} hits, ${early.indexed.done} of ${early.indexed.total} turns indexed); `
     + `turns indexed in ${(indexed / 1000).toFixed(1)} s (${seen.join(', ')}), the last slice by ${(finished / 1000).toFixed(1)} s; `
-    + `${slices.length} slices: median ${median(slices).toFixed(1)} ms, p99 ${quantile(slices, 0.99).toFixed(1)} ms, longest ${Math.max(...slices).toFixed(1)} ms `
-    + `(processor time: median ${median(cpu).toFixed(1)}, p99 ${quantile(cpu, 0.99).toFixed(1)}, longest ${Math.max(...cpu).toFixed(1)} ms); `
+    + `${sliceFigures(slices, cpu)}; `
     + `store ${mb(after.used)} in use (${((after.used / without - 1) * 100).toFixed(0)} % more than without search), file ${mb(after.file)}`);
   rmSync(folder, { recursive: true, force: true });
 }
