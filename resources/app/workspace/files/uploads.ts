@@ -99,8 +99,7 @@ function makeDraftFolder(folder: string): void {
 export async function saveUpload(body: AsyncIterable<Buffer>, folder: string, name: string, limit = FILE_LIMIT_BYTES): Promise<string> {
   checkFolder(folder);
   const temporary = join(folder, `.upload-${randomBytes(8).toString('hex')}.part`);
-  const flags = constants.O_WRONLY | constants.O_CREAT | constants.O_EXCL | constants.O_NOFOLLOW;
-  const handle = await open(temporary, flags, 0o600);
+  const handle = await open(temporary, constants.O_WRONLY | constants.O_CREAT | constants.O_EXCL, 0o600);
   try {
     let size = 0;
     try {

@@ -1,7 +1,7 @@
 // The threads as the reader keeps them: made with their folders, listed a page at a time, read,
 // renamed, pinned, archived, searched and deleted. A change is one store transaction and is
 // published to every page; what is read shows the running turns as they are in memory.
-import { lstatSync, mkdirSync, rmSync } from 'node:fs';
+import { mkdirSync, rmSync } from 'node:fs';
 import { randomBytes, randomUUID } from 'node:crypto';
 import { isAbsolute, join } from 'node:path';
 import { Refusal } from '../refusal.ts';
@@ -212,19 +212,13 @@ export class Threads {
 
   /**
    * The thread's own folder, named by its id below the data folder's threads folder: never the
-   * folder its row names, which a damaged or edited store could point anywhere. A link in its
-   * place is not followed.
+   * folder its row names, which a damaged or edited store could point anywhere.
    */
   #removeFolder(id: string): void {
     if (!/^[\w-]+$/.test(id)) return;
-    const folder = join(this.#options.dataFolder, 'threads', id);
-    try {
-      if (!lstatSync(folder).isDirectory()) return;
-    } catch {
-      return;
-    }
-    // rm does not follow links inside either: only what is in the folder itself goes.
-    rmSync(folder, { recursive: true, force: true });
+    // rm follows no link: a link in the folder's place goes, not what it points to, and so do
+    // links inside it.
+    rmSync(join(this.#options.dataFolder, 'threads', id), { recursive: true, force: true });
   }
 
   /** The whole thread as it is now, for an export; read at once, so never half of one. */
