@@ -69,7 +69,7 @@ TEST(ServiceLaunch, StartsNodeOnTheShippedScriptWithItsWholeContract) {
     h.fake.files.try_emplace("/opt/homebrew/bin/node", 0755u);  // found where PATH does not reach
     h.fake.scripts["/opt/homebrew/bin/node --version"] = {.output = "v24.1.0"};
     h.fake.scripts["/opt/homebrew/bin/node"] = {.exitAfter = std::nullopt};
-    h.serviceAnswersAfter(0);
+    h.serviceAnswers();
     h.launch();
     // The version probe's time limit goes with the probe: an idle launcher is never woken for it.
     EXPECT_EQ(h.fake.clock, h.fake.start) << "the clock had to run on to a timer left behind";
