@@ -102,8 +102,8 @@ export class EventStream {
     return this.events.find((event): event is Extract<PageEvent, { type: T }> => event.type === type && test(event as never));
   }
 
-  wait<T extends PageEvent['type']>(type: T, test: (event: Extract<PageEvent, { type: T }>) => boolean = () => true, timeoutMs?: number) {
-    return until(`a ${type} event`, () => this.find(type, test), timeoutMs);
+  wait<T extends PageEvent['type']>(type: T, test: (event: Extract<PageEvent, { type: T }>) => boolean = () => true) {
+    return until(`a ${type} event`, () => this.find(type, test));
   }
 
   close(): void {

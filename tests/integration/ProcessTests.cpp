@@ -87,7 +87,6 @@ TEST_P(ChildProcesses, EndAndAreReportedOnceHoweverTheyEnd) {
         EXPECT_FALSE(serveEventsUntil([&] { return hasEnded(survivor); }, 200ms)) << "a reaped child's group was signalled";
         ::kill(survivor, SIGKILL);
     }
-    EXPECT_TRUE(reported.empty());
     EXPECT_EQ(::waitpid(theirs, nullptr, 0), theirs) << "someone else's child was reaped";
 }
 

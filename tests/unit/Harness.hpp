@@ -25,9 +25,9 @@ struct Harness {
     ~Harness() { fake.runUntilIdle(); }  // whatever is under way runs to its end
 
     fake::Script& service() { return fake.scripts[node + " --experimental-strip-types"]; }
-    // Nothing answers the first probe; the started service answers as ours after `failures` more.
-    void serviceAnswersAfter(int failures, const std::string& more = "") {
-        for (int i = 0; i <= failures; ++i) fake.answers.push_back({HttpResult::failed()});
+    // Nothing answers the first probe; the started service answers as ours.
+    void serviceAnswers(const std::string& more = "") {
+        fake.answers.push_back({HttpResult::failed()});
         fake.answers.push_back({Fake::ours(more)});
     }
     void at(std::chrono::milliseconds time, std::function<void(Harness&)> act) { fake.after(time, [this, act] { act(*this); }); }

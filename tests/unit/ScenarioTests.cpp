@@ -77,10 +77,10 @@ INSTANTIATE_TEST_SUITE_P(Start, Launch, testing::Values(
     Scenario{"SomeoneElseAnswersDuringTheWait", [](Harness& h) { h.fake.answers = {{}, {}, {HttpResult::reply(404, "")}}; },
              launched + "; 0.200 SIGTERM 4001; 0.200 exit 4001 143; 0.300 close server.log; " + refused("0.300", "本机地址已被其他程序占用")},
     // A version manager's shim runs the real node as its child, inside the launched group.
-    Scenario{"AnswerNamesAProcessOfOurGroup", [](Harness& h) { h.service().group = {5000}, h.serviceAnswersAfter(0, R"(,"pid":5000)"); }, ready + holding},
+    Scenario{"AnswerNamesAProcessOfOurGroup", [](Harness& h) { h.service().group = {5000}, h.serviceAnswers(R"(,"pid":5000)"); }, ready + holding},
     // Two launchers started together: ours lost the port and still runs while the winner's service
     // answers. Ours is stopped, the browser opened on the winner's.
-    Scenario{"AnotherLaunchersServiceAnswers", [](Harness& h) { h.serviceAnswersAfter(0, R"(,"pid":7)"); },
+    Scenario{"AnotherLaunchersServiceAnswers", [](Harness& h) { h.serviceAnswers(R"(,"pid":7)"); },
              launched + "; 0.020 SIGTERM 4001; 0.020 exit 4001 143; 0.120 close server.log; 0.120 open " + url + "; 0.120 terminate; 0.120 ended"},
     // Ours lost the port to another launcher's service, which began to listen just after our probe:
     // asked once more, it answers as ours. Hand over without signalling anything.
@@ -92,21 +92,21 @@ INSTANTIATE_TEST_SUITE_P(Start, Launch, testing::Values(
              launched + "; 0.030 exit 4001 0; 0.120 port check 18765; 0.220 open " + url + "; 0.220 terminate; 0.220 close server.log; 0.220 ended | holds the log"}), byName);
 
 INSTANTIATE_TEST_SUITE_P(End, Launch, testing::Values(
-    Scenario{"QuitWithAServiceThatObeys", [](Harness& h) { h.serviceAnswersAfter(0), h.at(1s, quit); },
+    Scenario{"QuitWithAServiceThatObeys", [](Harness& h) { h.serviceAnswers(), h.at(1s, quit); },
              ready + "; 1.000 terminate; 1.000 SIGTERM 4001; 1.000 exit 4001 143; 1.100 close server.log; 1.100 reply yes; 1.100 ended"},
-    Scenario{"QuitWithAServiceDeafToSigterm", [](Harness& h) { h.service().deafToSigterm = true, h.serviceAnswersAfter(0), h.at(1s, quit); },
+    Scenario{"QuitWithAServiceDeafToSigterm", [](Harness& h) { h.service().deafToSigterm = true, h.serviceAnswers(), h.at(1s, quit); },
              ready + "; 1.000 terminate; 1.000 SIGTERM 4001; 4.000 SIGKILL 4001; 4.000 exit 4001 137; 4.000 close server.log; 4.000 reply yes; 4.000 ended"},
     // The second request ends the launcher at once; its last call ends the deaf service.
     Scenario{"ASecondQuitDuringTheGrace",
-             [](Harness& h) { h.service().deafToSigterm = true, h.serviceAnswersAfter(0), h.at(1s, quit), h.at(2s, quit); },
+             [](Harness& h) { h.service().deafToSigterm = true, h.serviceAnswers(), h.at(1s, quit), h.at(2s, quit); },
              ready + "; 1.000 terminate; 1.000 SIGTERM 4001; 2.000 terminate; 2.000 SIGKILL 4001; 2.000 exit 4001 137; 2.000 close server.log; 2.000 ended"},
-    Scenario{"TheServiceEndsByItself", [](Harness& h) { h.serviceAnswersAfter(0), h.at(1s, serviceEnds); },
+    Scenario{"TheServiceEndsByItself", [](Harness& h) { h.serviceAnswers(), h.at(1s, serviceEnds); },
              ready + "; 1.000 exit 4001 1; 1.000 disable 打开研究工作区; 1.000 tooltip Lanternmoor Pro · 服务已停止; 1.000 alert 研究工作区已停止; "
                      "1.000 terminate; 1.000 close server.log; 1.000 ended" + holding},
     // Ends that are not news: an older process's, or ours once an alert was shown.
-    Scenario{"AnOlderProcessEnds", [](Harness& h) { h.serviceAnswersAfter(0), h.at(1s, [](Harness& h) { h.launcher->childExited(4000); }); }, ready + holding},
+    Scenario{"AnOlderProcessEnds", [](Harness& h) { h.serviceAnswers(), h.at(1s, [](Harness& h) { h.launcher->childExited(4000); }); }, ready + holding},
     Scenario{"OursEndsAfterAnotherAlert",
-             [](Harness& h) { h.serviceAnswersAfter(0), h.at(1s, [](Harness& h) { h.launcher->failurePresented = true, serviceEnds(h); }); },
+             [](Harness& h) { h.serviceAnswers(), h.at(1s, [](Harness& h) { h.launcher->failurePresented = true, serviceEnds(h); }); },
              ready + "; 1.000 exit 4001 1" + holding}), byName);
 
 void openWith(Harness& h, std::initializer_list<Fake::Answer> answers) {

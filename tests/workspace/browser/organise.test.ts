@@ -18,10 +18,10 @@ function script(request: ResponsesRequest) {
 
 const order = (page: Page) => page.locator('.thread-entry').evaluateAll((entries) => entries.map((entry) => entry.getAttribute('data-thread')));
 
-async function rename(page: Page, title: string) {
+async function rename(page: Page, title: string, key = 'Enter') {
   await page.click('#thread-title');
   await page.fill('.title-edit', title);
-  await page.press('.title-edit', 'Enter');
+  await page.press('.title-edit', key);
 }
 
 test('rename, pin, archive, export and delete round-trip, and a second page is told what the first did', async (t) => {
@@ -54,9 +54,7 @@ test('rename, pin, archive, export and delete round-trip, and a second page is t
   await other.page.locator('.answer').first().waitFor();
 
   // Escape leaves the title as it was; Enter saves it, in every page.
-  await page.click('#thread-title');
-  await page.fill('.title-edit', '不要这个');
-  await page.press('.title-edit', 'Escape');
+  await rename(page, '不要这个', 'Escape');
   assert.equal(await page.textContent('#thread-title'), 'SQLite 的页大小是多少？');
   // The other page starts editing from the title it sees; this page renames first and wins.
   await other.page.click('#thread-title');

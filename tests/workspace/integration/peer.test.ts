@@ -28,8 +28,6 @@ async function ownerOfConnectionFrom(uid: number | null, lookup: PeerLookup, hos
   }
 }
 
-const lookups: [string, PeerLookup][] = [['/proc/net/tcp', procNetLookup], ['lsof', lsofLookup]];
-
 test('lsof: a connection is its owner\'s (another account\'s, when this one may act as another), not the listener\'s', async () => {
   const other = process.getuid!() === 0 ? 65534 : null;
   assert.equal(await ownerOfConnectionFrom(other, lsofLookup), other ?? process.getuid!());
@@ -40,7 +38,7 @@ test('/proc/net/tcp6: a connection from an IPv6 socket to the IPv4 address is it
 });
 
 test('a connection that is gone by the time it is looked up belongs to nobody', async () => {
-  for (const [, lookup] of lookups) {
+  for (const lookup of [procNetLookup, lsofLookup]) {
     assert.equal(await lookup({ address: '127.0.0.1', port: 1 }, { address: '127.0.0.1', port: 2 }), null);
   }
 });

@@ -107,8 +107,10 @@ test('refused requests: the status, a Chinese sentence for the page, no CORS, an
   });
 });
 
-test('the page comes with a policy that allows no inline or outside script, and its scripts as scripts', async () => {
-  await withService({}, async (service) => {
+test('reading the models, which any site can make a browser do, does not start Codex; the page comes with a policy that allows no inline or outside script, and its scripts as scripts', async () => {
+  await withService({}, async (service, methods) => {
+    const models = await service.request('GET', '/api/models');
+    assert.deepEqual([models.status, methods()], [503, []]);
     const page = await service.request('GET', '/');
     assert.match(page.headers.get('content-security-policy') ?? '', /^default-src 'none'; script-src 'self';/);
     assert.doesNotMatch(page.body, /<script(?![^>]*\bsrc=)/, 'no inline script');
@@ -152,13 +154,6 @@ test('a Codex that cannot serve is named in one sentence, where the turn failed 
       assert.equal((await service.request('GET', '/api/health')).status, 200);
     }, { codexPath });
   }
-});
-
-test('reading the models, which any site can make a browser do, does not start Codex', async () => {
-  await withService({}, async (service, methods) => {
-    const answer = await service.request('GET', '/api/models');
-    assert.deepEqual([answer.status, methods()], [503, []]);
-  });
 });
 
 test('an app-server that dies mid-turn: the turn says so, the next question starts Codex again', async () => {
