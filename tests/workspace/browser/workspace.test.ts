@@ -100,7 +100,7 @@ test('start, ask, stream, run a command, stop, quit: nothing lost, nothing left 
   await until('the command to run', () => marked().length > 0);
   await page.click('#stop');
   await foot(slowCommand).getByText('已停止').waitFor();
-  await until('the command to end', () => marked().length === 0, 5000);
+  await until('the command to end', () => marked().length === 0);
 
   // Failures are said where they happened, in one sentence.
   await newThread(page);
@@ -112,7 +112,7 @@ test('start, ask, stream, run a command, stop, quit: nothing lost, nothing left 
 
   // Quitting the launcher leaves nothing of the workspace running.
   await finish();
-  await until('nothing of the sandbox to run', () => sandbox.leftovers().length === 0, 10_000);
+  await until('nothing of the sandbox to run', () => sandbox.leftovers().length === 0);
 });
 
 test('a word from an old answer of a long thread of uneven turns is found, its hit opens the thread there, every turn comes once, in order, as the reader scrolls both ways, and the view follows an answer as it streams', async (t) => {

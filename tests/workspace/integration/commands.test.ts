@@ -48,7 +48,7 @@ test('a thread\'s commands end, the shell\'s children and a SIGTERM-proof one in
   const ended = await endThreadCommands(root.pid!, 't1', systemClock);
 
   assert.equal(ended, 3, 'the shell, its sleep and the stubborn one were signalled');
-  await until('the thread\'s commands to end', () => [pids.shell!, sleeping, pids.stubborn!].every((pid) => !isRunning(pid)), 5000);
+  await until('the thread\'s commands to end', () => [pids.shell!, sleeping, pids.stubborn!].every((pid) => !isRunning(pid)));
   assert.deepEqual([pids.otherThread!, pids.unmarked!, outside.pid!, root.pid!].map(isRunning), [true, true, true, true]);
   for (const pid of [pids.otherThread!, pids.unmarked!]) process.kill(pid, 'SIGKILL');
 });
