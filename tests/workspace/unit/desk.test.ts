@@ -131,6 +131,33 @@ test('while the disk is full the page still has the whole turn, and it is writte
   assert.deepEqual(store.readThread(thread.id)!.turns.map((turn) => [turn.status, turn.items.length]), [['completed', 1]]);
 });
 
+test('a running answer reads as it streamed, its text unwritten, written in part, or held back by a full disk, and settles so', async () => {
+  let full = false;
+  const { desk, store, storage, clock, events, notify, answers } = deskFixture({
+    commit: (write) => { if (full) throw new StoreError('full', 'database or disk is full'); write(); },
+  });
+  const { thread } = desk.create(asked('q'));
+  await settle();
+  let streamed = '早';
+  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: streamed } });
+  // Longer than one tail, with characters of two and four bytes across the tails' ends.
+  const long = '中😀'.repeat(12_000);
+  // A quarter second apart: the first before the item is written at all, each next after the last was.
+  for (const [delta, disk] of [['晨', 'room'], [long, 'room'], ['a', 'full'], [long, 'full']] as const) {
+    full = disk === 'full';
+    streamed += delta;
+    notify('item/agentMessage/delta', { itemId: 'a', delta });
+    assert.ok(answers(thread.id)[0]![0] === streamed, `${delta.slice(0, 2)} on a disk with ${disk}`);
+    await clock.advance(250);
+  }
+  notify('turn/completed', { turn: { id: 'turn-1', status: 'interrupted', error: null } });
+  const settled = events.findLast((event) => event.type === 'item');
+  assert.ok(settled?.type === 'item' && settled.item.kind === 'answer' && settled.item.text === streamed && answers(thread.id)[0]![0] === streamed);
+  full = false;
+  await clock.advance(2000);
+  assert.deepEqual([storage, store.readThread(thread.id)!.turns[0]!.items[0]], [['full', null], { kind: 'answer', position: 0, status: 'stopped', text: streamed }]);
+});
+
 test('a follow-up after a restart is not thrown by what Codex re-sends of the thread\'s earlier turns', async () => {
   const before = deskFixture();
   const { thread } = before.desk.create(asked('one'));

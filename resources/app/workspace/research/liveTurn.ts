@@ -1,7 +1,6 @@
 // One turn while it runs: Codex's notifications become the page's items, as they come.
 import { completeItem, describeError, OUTPUT_LIMIT, toItem, usageOf } from '../codex/translate.ts';
 import { texts } from '../texts.ts';
-import { GrowingText } from './growingText.ts';
 import type { CodexTokenBreakdown, TurnNotification } from '../codex/protocol.ts';
 import type { Choice, Context, Item, Permission, Turn, TurnHead, TurnStatus } from '../model.ts';
 
@@ -26,13 +25,11 @@ export interface TurnSink {
   context(head: TurnHead, context: Context): void;
   /** Text was appended to an item (its answer, a reasoning part, a command's output), `at` UTF-16 units into its part. */
   delta(head: TurnHead, item: Item, field: 'text' | 'output', part: number | undefined, at: number, text: string): void;
+  /** The whole text of an answer that grew: the turn keeps only its length, the store and the journal its text. */
+  textOf(head: TurnHead, item: Growing): string;
 }
 
-// An answer's text grows in chunks of up to this many bytes: few for the longest answer, and
-// decoded only when a page or the store asks for the whole text.
-const ANSWER_CHUNK_BYTES = 1 << 20;
-
-type Growing = Item & { kind: 'answer' | 'plan' };
+export type Growing = Item & { kind: 'answer' | 'plan' };
 
 export class LiveTurn {
   readonly head: TurnHead;
@@ -40,7 +37,9 @@ export class LiveTurn {
   readonly items: Item[] = [];
   readonly #sink: TurnSink;
   readonly #byCodexId = new Map<string, number>();
-  readonly #texts = new WeakMap<Growing, GrowingText>();
+  /** How long the answers that grew are; `item.text` stays what Codex started them with. */
+  readonly #lengths = new WeakMap<Item, number>();
+  readonly #readBack = (item: Growing) => this.#sink.textOf(this.head, item);
   codexThreadId: string | null = null;
   /** Codex's id for this turn, known from its answer to our turn/start. */
   codexTurnId: string | null = null;
@@ -64,8 +63,9 @@ export class LiveTurn {
     return this.head.status !== 'running';
   }
 
-  get turn(): Turn {
-    return { ...this.head, items: this.items };
+  /** The turn as a page is to see it, a running answer's text read back through `textOf`. */
+  snapshot(textOf = this.#readBack): Turn {
+    return { ...this.head, items: this.items.map((item) => this.#whole(item, textOf)) };
   }
 
   apply(notification: TurnNotification): void {
@@ -97,7 +97,9 @@ export class LiveTurn {
           this.#sink.item(this.head, whole, true);
           return;
         }
-        const whole = completeItem(this.items[position]!, notification.params.item);
+        const current = this.items[position]!;
+        // Codex's own text replaces what streamed; only an item it no longer knows as such keeps ours.
+        const whole = completeItem(current, notification.params.item, () => this.#whole(current));
         this.items[position] = whole;
         this.#sink.item(this.head, whole, true);
         return;
@@ -105,9 +107,8 @@ export class LiveTurn {
       case 'item/agentMessage/delta': {
         const item = this.#find(notification.params.itemId);
         if (item?.kind !== 'answer' && item?.kind !== 'plan') return;
-        const text = this.#textOf(item);
-        const at = text.length;
-        text.append(notification.params.delta);
+        const at = this.#lengths.get(item) ?? item.text.length;
+        this.#lengths.set(item, at + notification.params.delta.length);
         this.#sink.delta(this.head, item, 'text', undefined, at, notification.params.delta);
         return;
       }
@@ -176,7 +177,7 @@ export class LiveTurn {
     if (this.finished) return;
     for (const [position, item] of this.items.entries()) {
       if (item.status !== 'running') continue;
-      const stopped = { ...item, status: status === 'completed' ? 'completed' : 'stopped' } as Item;
+      const stopped = { ...this.#whole(item), status: status === 'completed' ? 'completed' : 'stopped' } as Item;
       this.items[position] = stopped;
       this.#sink.item(this.head, stopped, true);
     }
@@ -201,20 +202,9 @@ export class LiveTurn {
     if (!this.finished) this.#push({ kind: 'guidance', text, position: this.items.length, status: 'completed' });
   }
 
-  /**
-   * The growing text behind the item's own: whoever reads `item.text` (a snapshot, the journal's
-   * write of it whole, a copy when it settles) gets it decoded, once until it grows again.
-   */
-  #textOf(item: Growing): GrowingText {
-    let text = this.#texts.get(item);
-    if (!text) {
-      const growing = new GrowingText(ANSWER_CHUNK_BYTES);
-      growing.append(item.text);
-      Object.defineProperty(item, 'text', { get: () => growing.toString(), enumerable: true, configurable: true });
-      this.#texts.set(item, growing);
-      text = growing;
-    }
-    return text;
+  /** The item with its whole text: an answer that grew has it read back, once it settled it holds it. */
+  #whole(item: Item, textOf = this.#readBack): Item {
+    return this.#lengths.has(item) && item.status === 'running' ? { ...item, text: textOf(item as Growing) } as Item : item;
   }
 
   #find(codexId: string): Item | undefined {

@@ -304,6 +304,13 @@ export class ThreadStore {
     return item;
   }
 
+  /** The item at this place as written so far, with the text it gained while running; null when none is. */
+  readItem(turnId: string, position: number): Item | null {
+    const row = this.#statement('SELECT status, body FROM items WHERE turn_id = ? AND position = ?').get(turnId, position) as
+      { status: string; body: string } | undefined;
+    return row ? this.#itemOf(turnId, row) : null;
+  }
+
   /** The files the thread's questions brought, by name, each with the last question (its position) that brought it. */
   uploads(threadId: string): Map<string, number> {
     const rows = this.#statement('SELECT position, attachments FROM turns WHERE thread_id = ? AND attachments IS NOT NULL ORDER BY position')
