@@ -111,27 +111,7 @@ test('a Codex that does not confirm a stop: the turn is stopped at the deadline,
   assert.deepEqual(answers(thread.id), [[], ['from the new turn']]);
 });
 
-test('while the disk is full the page still has the whole turn, and it is written once there is room', async () => {
-  let full = false;
-  const { desk, store, storage, clock, notify, answers } = deskFixture({
-    commit: (write) => { if (full) throw new StoreError('full', 'database or disk is full'); write(); },
-  });
-  const { thread } = desk.create(asked('q'));
-  await settle();
-  full = true;
-  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } });
-  notify('item/completed', { item: { type: 'agentMessage', id: 'a', text: 'the answer' } });
-  notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
-  assert.deepEqual(storage, ['full']);
-  assert.deepEqual(answers(thread.id), [['the answer']]);
-  assert.deepEqual(store.readThread(thread.id)!.turns[0]!.items, []);
-  full = false;
-  await clock.advance(2000);
-  assert.deepEqual(storage, ['full', null]);
-  assert.deepEqual(store.readThread(thread.id)!.turns.map((turn) => [turn.status, turn.items.length]), [['completed', 1]]);
-});
-
-test('a running answer reads as it streamed, its text unwritten, written in part, or held back by a full disk, and settles so', async () => {
+test('a running answer reads as it streamed, its text unwritten, written in part or held back by a full disk; settled, it is written once there is room', async () => {
   let full = false;
   const { desk, store, storage, clock, events, notify, answers } = deskFixture({
     commit: (write) => { if (full) throw new StoreError('full', 'database or disk is full'); write(); },
