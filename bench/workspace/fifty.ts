@@ -30,9 +30,9 @@ const settle = (ms: number) => new Promise((resolve) => setTimeout(resolve, ms))
 /** A page's view of the deltas: each one's head ("index:sent:") and when it arrived. */
 interface Arrivals { heads: string[]; times: number[] }
 
-async function withService<T>(stream: string, app: string | undefined, work: (service: Running, id: string) => Promise<T>): Promise<T> {
+async function withService<T>(stream: string, app: string | undefined, work: (service: Running, id: string) => Promise<T>, completion = ''): Promise<T> {
   const fake = temporaryFolder('lm-bench-fake-');
-  const service = await startService({ codexPath: fakeCodex(fake), app, env: { FAKE_CODEX_STREAM: stream } });
+  const service = await startService({ codexPath: fakeCodex(fake), app, env: { FAKE_CODEX_STREAM: stream, FAKE_CODEX_COMPLETE: completion } });
   service.child.setMaxListeners(0);
   try {
     const created = await service.request('POST', '/api/threads', { question: 'first' });
@@ -159,9 +159,10 @@ async function openedPage(service: Running, id: string): Promise<{ ms: number; c
 
 /**
  * Big deltas: the stalled page overflows its connection and the hub's limit; resident memory
- * sampled throughout. openAt: after so many deltas, another page opens the thread.
+ * sampled throughout. openAt: after so many deltas, another page opens the thread; completion:
+ * 'whole' to have the answer completed with its whole text, as Codex does.
  */
-async function memoryRun(options: FiftyOptions, stall: boolean, readers = READERS, openAt?: number): Promise<{
+async function memoryRun(options: FiftyOptions, stall: boolean, readers = READERS, openAt?: number, completion?: 'whole'): Promise<{
   before: number; peak: number; after: number; dropped: boolean | null; complete: number; opened?: { ms: number; chars: number };
 }> {
   const count = 192;
@@ -188,7 +189,7 @@ async function memoryRun(options: FiftyOptions, stall: boolean, readers = READER
     const complete = taps.filter((tap) => !tap.ended && tap.heads.length === count + 1).length;
     taps.forEach((tap) => tap.close());
     return { before, peak, after, dropped: stalled ? await wasDropped(stalled) : null, complete, opened };
-  });
+  }, completion);
 }
 
 /** How many tabs of one profile load the page on one thread before the next one cannot. */
@@ -250,6 +251,13 @@ export async function fiftyFigures(options: FiftyOptions): Promise<Figure[]> {
     reloads.push({ ...result, opened: result.opened! });
     options.log(`one page, 12 MiB answer, a second opening the thread at delta 144, run ${run + 1}: snapshot in ${result.opened!.ms.toFixed(1)} ms with ${(result.opened!.chars / 1048576).toFixed(1)} Mi characters of the answer; service resident ${result.before.toFixed(1)} → peak ${result.peak.toFixed(1)} MB`);
   }
+  // Completed with its whole text, as Codex does: the settling on top of the streaming.
+  const settling: { before: number; peak: number; after: number; complete: number }[] = [];
+  for (let run = 0; run < (options.clients === 'tabs' ? 0 : options.runs); run += 1) {
+    settling.push(await memoryRun(options, false, 1, undefined, 'whole'));
+    const { before, peak, after, complete } = settling.at(-1)!;
+    options.log(`one page, 12 MiB answer completed whole, run ${run + 1}: service resident ${before.toFixed(1)} → peak ${peak.toFixed(1)} → ${after.toFixed(1)} MB; page let go: ${complete !== 1}`);
+  }
   const of = (stall: boolean, key: 'before' | 'peak' | 'after') => [memory.filter((each) => each.stall === stall).map((each) => each[key])];
   const figures: Figure[] = [
     ...(inOneProfile === null ? [] : [{ name: 'tabs of one browser profile that load the workspace', unit: 'tabs', runs: [[inOneProfile]], note: 'tried up to 12, each given 5 s to load; an event stream over HTTP held one of the six connections a browser keeps to one host' }]),
@@ -271,5 +279,6 @@ export async function fiftyFigures(options: FiftyOptions): Promise<Figure[]> {
     { name: 'one page, 12 MiB answer: resident peak − before', unit: 'MB', runs: [alone.map((each) => each.peak - each.before)], statistic: 'max', goal: { limit: 20, atMost: true, text: '≤ 20 MB' }, note: 'one event-stream client, the same deltas; VmRSS sampled every 50 ms' },
     { name: 'a page opening that answer at 9 MiB: connection → snapshot', unit: 'ms', runs: [reloads.map((each) => each.opened.ms)], note: 'its hello frame read whole, not parsed' },
     { name: 'the same: resident peak − before', unit: 'MB', runs: [reloads.map((each) => each.peak - each.before)], statistic: 'max' },
+    { name: 'one page, 12 MiB answer completed whole: resident peak − before', unit: 'MB', runs: [settling.map((each) => each.peak - each.before)], statistic: 'max', note: 'the fake app-server completes it with all it streamed, as Codex does' },
   ];
 }

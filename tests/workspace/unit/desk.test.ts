@@ -131,11 +131,28 @@ test('a running answer reads as it streamed, its text unwritten, written in part
     await clock.advance(250);
   }
   notify('turn/completed', { turn: { id: 'turn-1', status: 'interrupted', error: null } });
+  // The pages have the text: the settled item goes to them without it.
   const settled = events.findLast((event) => event.type === 'item');
-  assert.ok(settled?.type === 'item' && settled.item.kind === 'answer' && settled.item.text === streamed && answers(thread.id)[0]![0] === streamed);
+  assert.ok(settled?.type === 'item' && settled.streamed && answers(thread.id)[0]![0] === streamed);
   full = false;
   await clock.advance(2000);
   assert.deepEqual([storage, store.readThread(thread.id)!.turns[0]!.items[0]], [['full', null], { kind: 'answer', position: 0, status: 'stopped', text: streamed }]);
+});
+
+test('an answer Codex completes as it streamed goes to the pages without its text, one it completes otherwise with it', async () => {
+  const deltas = ['a', '😀'.repeat(20_000), '😀'.repeat(20_000)];
+  // The first has a pair's halves either side of where its digest's first slice would end.
+  for (const [text, streamed] of [[deltas.join(''), true], [`${deltas.join('').slice(0, -2)}😃`, undefined]] as const) {
+    const { desk, events, notify } = deskFixture();
+    desk.create(asked('q'));
+    await settle();
+    notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } });
+    for (const delta of deltas) notify('item/agentMessage/delta', { itemId: 'a', delta });
+    notify('item/completed', { item: { type: 'agentMessage', id: 'a', text } });
+    const settled = events.findLast((event) => event.type === 'item');
+    assert.ok(settled?.type === 'item' && settled.item.kind === 'answer');
+    assert.deepEqual([settled.streamed, settled.item.text.length], streamed ? [true, 0] : [undefined, text.length]);
+  }
 });
 
 test('a follow-up after a restart is not thrown by what Codex re-sends of the thread\'s earlier turns', async () => {

@@ -1,4 +1,5 @@
 // One turn while it runs: Codex's notifications become the page's items, as they come.
+import { createHash, type Hash } from 'node:crypto';
 import { completeItem, describeError, OUTPUT_LIMIT, toItem, usageOf } from '../codex/translate.ts';
 import { texts } from '../texts.ts';
 import type { CodexTokenBreakdown, TurnNotification } from '../codex/protocol.ts';
@@ -19,8 +20,11 @@ export interface CodexPlace {
 export interface TurnSink {
   /** The turn's head changed: its status, usage or error. */
   turn(head: TurnHead): void;
-  /** An item appeared or was replaced whole; settled when Codex has said its last word on it. */
-  item(head: TurnHead, item: Item, settled: boolean): void;
+  /**
+   * An item appeared or was replaced whole; settled when Codex has said its last word on it;
+   * streamed when its text is exactly what its deltas brought.
+   */
+  item(head: TurnHead, item: Item, settled: boolean, streamed?: boolean): void;
   /** How full the model's context is, as Codex counted at its last request. */
   context(head: TurnHead, context: Context): void;
   /** Text was appended to an item (its answer, a reasoning part, a command's output), `at` UTF-16 units into its part. */
@@ -31,14 +35,16 @@ export interface TurnSink {
 
 export type Growing = Item & { kind: 'answer' | 'plan' };
 
+const DIGEST_SLICE = 1 << 16;
+
 export class LiveTurn {
   readonly head: TurnHead;
   readonly place: CodexPlace;
   readonly items: Item[] = [];
   readonly #sink: TurnSink;
   readonly #byCodexId = new Map<string, number>();
-  /** How long the answers that grew are; `item.text` stays what Codex started them with. */
-  readonly #lengths = new WeakMap<Item, number>();
+  /** What the answers that grew have streamed, how long and its digest; `item.text` stays what Codex started them with. */
+  readonly #streamed = new WeakMap<Item, { length: number; digest: Hash }>();
   readonly #readBack = (item: Growing) => this.#sink.textOf(this.head, item);
   codexThreadId: string | null = null;
   /** Codex's id for this turn, known from its answer to our turn/start. */
@@ -101,15 +107,21 @@ export class LiveTurn {
         // Codex's own text replaces what streamed; only an item it no longer knows as such keeps ours.
         const whole = completeItem(current, notification.params.item, () => this.#whole(current));
         this.items[position] = whole;
-        this.#sink.item(this.head, whole, true);
+        this.#sink.item(this.head, whole, true, this.#sameAsStreamed(current, whole));
         return;
       }
       case 'item/agentMessage/delta': {
         const item = this.#find(notification.params.itemId);
         if (item?.kind !== 'answer' && item?.kind !== 'plan') return;
-        const at = this.#lengths.get(item) ?? item.text.length;
-        this.#lengths.set(item, at + notification.params.delta.length);
+        let streamed = this.#streamed.get(item);
+        if (!streamed) {
+          streamed = { length: item.text.length, digest: createHash('sha256').update(item.text) };
+          this.#streamed.set(item, streamed);
+        }
+        const at = streamed.length;
+        streamed.length += notification.params.delta.length;
         this.#sink.delta(this.head, item, 'text', undefined, at, notification.params.delta);
+        streamed.digest.update(notification.params.delta);
         return;
       }
       case 'item/reasoning/summaryPartAdded': {
@@ -179,7 +191,7 @@ export class LiveTurn {
       if (item.status !== 'running') continue;
       const stopped = { ...this.#whole(item), status: status === 'completed' ? 'completed' : 'stopped' } as Item;
       this.items[position] = stopped;
-      this.#sink.item(this.head, stopped, true);
+      this.#sink.item(this.head, stopped, true, this.#streamed.has(item));
     }
     this.head.status = status;
     this.head.error = status === 'completed' ? null : error;
@@ -204,7 +216,23 @@ export class LiveTurn {
 
   /** The item with its whole text: an answer that grew has it read back, once it settled it holds it. */
   #whole(item: Item, textOf = this.#readBack): Item {
-    return this.#lengths.has(item) && item.status === 'running' ? { ...item, text: textOf(item as Growing) } as Item : item;
+    return this.#streamed.has(item) && item.status === 'running' ? { ...item, text: textOf(item as Growing) } as Item : item;
+  }
+
+  /** Whether Codex completed the answer with exactly the text it streamed, which the pages have. */
+  #sameAsStreamed(current: Item, settled: Item): boolean {
+    const streamed = this.#streamed.get(current);
+    if (!streamed || settled.kind !== current.kind || !('text' in settled) || settled.text.length !== streamed.length) return false;
+    // A slice at a time: the whole answer encoded at once would be one more copy of it. None ends
+    // between a surrogate pair's halves, either of which alone is encoded as a replacement.
+    const { text } = settled;
+    const digest = createHash('sha256');
+    for (let at = 0, end = 0; at < text.length; at = end) {
+      end = Math.min(at + DIGEST_SLICE, text.length);
+      if (end < text.length && (text.charCodeAt(end - 1) & 0xfc00) === 0xd800) end += 1;
+      digest.update(text.slice(at, end));
+    }
+    return digest.digest('hex') === streamed.digest.digest('hex');
   }
 
   #find(codexId: string): Item | undefined {

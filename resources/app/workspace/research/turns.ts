@@ -83,9 +83,11 @@ export class TurnRunner {
         this.#journal.turn(head);
         options.publish({ type: 'turn', turn: head });
       },
-      item: (head, item, settled) => {
+      item: (head, item, settled, streamed) => {
         this.#journal.item(head.id, item);
-        options.publish({ type: 'item', threadId: head.threadId, turnId: head.id, item });
+        const event: PageEvent = { type: 'item', threadId: head.threadId, turnId: head.id, item };
+        // Sent again, a long answer's text was the event's JSON and frame: twice its size more at its end.
+        options.publish(streamed ? { ...event, item: { ...item, text: '' } as Item, streamed } : event);
         if (settled) this.#journal.flush();
       },
       context: (head, context) => {
