@@ -29,12 +29,13 @@ export interface TurnSink {
   context(head: TurnHead, context: Context): void;
   /** Text was appended to an item (its answer, a reasoning part, a command's output), `at` UTF-16 units into its part. */
   delta(head: TurnHead, item: Item, field: 'text' | 'output', part: number | undefined, at: number, text: string): void;
-  /** The whole text of an answer that grew: the turn keeps only its length, the store and the journal its text. */
+  /** The whole text of an answer that grew: the turn keeps only its length and digest, the store and the journal its text. */
   textOf(head: TurnHead, item: Growing): string;
 }
 
 export type Growing = Item & { kind: 'answer' | 'plan' };
 
+// A completed answer is digested so many UTF-16 units at a time, each encoded apart.
 const DIGEST_SLICE = 1 << 16;
 
 export class LiveTurn {
