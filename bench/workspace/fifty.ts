@@ -2,8 +2,9 @@
 // sent; each of 49 reading pages stamps each delta as it arrives, and a fiftieth connection reads
 // its snapshot and then nothing more. Figures: from a delta's sending to the last page having it,
 // and how far apart the pages are; then, with deltas big enough that the stalled page overflows the
-// kernel's buffers and the hub's limit, the service's resident memory with and without it; and a
-// page opening the thread three quarters into a 12 MiB answer, which is read back for its snapshot.
+// kernel's buffers and the hub's limit, the service's resident memory with and without it; a page
+// opening the thread three quarters into a 12 MiB answer, which is read back for its snapshot; and
+// that answer completed with its whole text, as Codex does.
 //
 // The pages are either bare event-stream clients in this process ('taps') or real pages in
 // headless Chromium ('tabs', one browser, 49 tabs).
