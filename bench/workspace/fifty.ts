@@ -2,18 +2,21 @@
 // sent; each of 49 reading pages stamps each delta as it arrives, and a fiftieth connection reads
 // its snapshot and then nothing more. Figures: from a delta's sending to the last page having it,
 // and how far apart the pages are; then, with deltas big enough that the stalled page overflows the
-// kernel's buffers and the hub's limit, the service's resident memory with and without it.
+// kernel's buffers and the hub's limit, the service's resident memory with and without it; a page
+// opening the thread three quarters into a 12 MiB answer, which is read back for its snapshot; and
+// that answer completed with its whole text, as Codex does.
 //
 // The pages are either bare event-stream clients in this process ('taps') or real pages in
 // headless Chromium ('tabs', one browser, 49 tabs).
 import { connect, type Socket } from 'node:net';
 import { rmSync } from 'node:fs';
-import { fakeCodex, startService, temporaryFolder, until, type Running } from '../../tests/harness/service.ts';
+import { eventSocket, fakeCodex, startService, temporaryFolder, until, type Running } from '../../tests/harness/service.ts';
 import { Tap, upgradeRequest } from './tap.ts';
 import { launchBrowser, type Page } from '../../tests/harness/browser.ts';
 import { MAX_QUEUED_BYTES } from '../../resources/app/workspace/http/events.ts';
 import { residentMemory } from './memory.ts';
 import { median, quantile, type Figure } from './figures.ts';
+import type { PageEvent } from '../../resources/app/workspace/model.ts';
 
 export interface FiftyOptions {
   clients: 'taps' | 'tabs';
@@ -28,9 +31,9 @@ const settle = (ms: number) => new Promise((resolve) => setTimeout(resolve, ms))
 /** A page's view of the deltas: each one's head ("index:sent:") and when it arrived. */
 interface Arrivals { heads: string[]; times: number[] }
 
-async function withService<T>(stream: string, app: string | undefined, work: (service: Running, id: string) => Promise<T>): Promise<T> {
+async function withService<T>(stream: string, app: string | undefined, work: (service: Running, id: string) => Promise<T>, completion = ''): Promise<T> {
   const fake = temporaryFolder('lm-bench-fake-');
-  const service = await startService({ codexPath: fakeCodex(fake), app, env: { FAKE_CODEX_STREAM: stream } });
+  const service = await startService({ codexPath: fakeCodex(fake), app, env: { FAKE_CODEX_STREAM: stream, FAKE_CODEX_COMPLETE: completion } });
   service.child.setMaxListeners(0);
   try {
     const created = await service.request('POST', '/api/threads', { question: 'first' });
@@ -143,8 +146,26 @@ async function latencyRun(options: FiftyOptions, deltas: number): Promise<{ all:
   });
 }
 
-/** Big deltas: the stalled page overflows its connection and the hub's limit; resident memory sampled throughout. */
-async function memoryRun(options: FiftyOptions, stall: boolean, readers = READERS): Promise<{ before: number; peak: number; after: number; dropped: boolean | null; complete: number }> {
+/** A page opening the thread: from its connection to its snapshot's arrival, and how long the running answer was in it. */
+async function openedPage(service: Running, id: string): Promise<{ ms: number; chars: number }> {
+  const started = performance.now();
+  const socket = eventSocket(service.port, id);
+  const data = await new Promise<string>((resolve) => socket.addEventListener('message', (message) => resolve(message.data as string), { once: true }));
+  const ms = performance.now() - started;
+  socket.close();
+  const hello = JSON.parse(data) as Extract<PageEvent, { type: 'hello' }>;
+  const item = hello.thread?.turns.at(-1)?.items[0];
+  return { ms, chars: item?.kind === 'answer' ? item.text.length : 0 };
+}
+
+/**
+ * Big deltas: the stalled page overflows its connection and the hub's limit; resident memory
+ * sampled throughout. openAt: after so many deltas, another page opens the thread; completion:
+ * 'whole' to have the answer completed with its whole text, as Codex does.
+ */
+async function memoryRun(options: FiftyOptions, stall: boolean, readers = READERS, openAt?: number, completion?: 'whole'): Promise<{
+  before: number; peak: number; after: number; dropped: boolean | null; complete: number; opened?: { ms: number; chars: number };
+}> {
   const count = 192;
   const size = 64 << 10;
   return withService(`${count}x${size}x30`, options.app, async (service, id) => {
@@ -157,14 +178,19 @@ async function memoryRun(options: FiftyOptions, stall: boolean, readers = READER
     let peak = before;
     const sampler = setInterval(() => { peak = Math.max(peak, residentMemory(pid).rss); }, 50);
     await service.request('POST', `/api/threads/${id}/turns`, { question: 'stream' });
+    let opened: { ms: number; chars: number } | undefined;
+    if (openAt !== undefined) {
+      await until('the answer to be long enough', () => taps[0]!.heads.length >= openAt, 120_000);
+      opened = await openedPage(service, id);
+    }
     await until('the turn to end', turnOver(taps, id), 120_000);
     clearInterval(sampler);
     await settle(1000);
     const after = residentMemory(pid).rss;
     const complete = taps.filter((tap) => !tap.ended && tap.heads.length === count + 1).length;
     taps.forEach((tap) => tap.close());
-    return { before, peak, after, dropped: stalled ? await wasDropped(stalled) : null, complete };
-  });
+    return { before, peak, after, dropped: stalled ? await wasDropped(stalled) : null, complete, opened };
+  }, completion);
 }
 
 /** How many tabs of one profile load the page on one thread before the next one cannot. */
@@ -219,6 +245,20 @@ export async function fiftyFigures(options: FiftyOptions): Promise<Figure[]> {
     alone.push(await memoryRun(options, false, 1));
     options.log(`one page, 12 MiB answer, run ${run + 1}: service resident ${alone.at(-1)!.before.toFixed(1)} → peak ${alone.at(-1)!.peak.toFixed(1)} MB`);
   }
+  // A reload three quarters into the answer: its snapshot has the answer so far read back.
+  const reloads: { before: number; peak: number; opened: { ms: number; chars: number } }[] = [];
+  for (let run = 0; run < (options.clients === 'tabs' ? 0 : options.runs); run += 1) {
+    const result = await memoryRun(options, false, 1, 144);
+    reloads.push({ ...result, opened: result.opened! });
+    options.log(`one page, 12 MiB answer, a second opening the thread at delta 144, run ${run + 1}: snapshot in ${result.opened!.ms.toFixed(1)} ms with ${(result.opened!.chars / 1048576).toFixed(1)} Mi characters of the answer; service resident ${result.before.toFixed(1)} → peak ${result.peak.toFixed(1)} MB`);
+  }
+  // Completed with its whole text, as Codex does: the settling on top of the streaming.
+  const settling: { before: number; peak: number; after: number; complete: number }[] = [];
+  for (let run = 0; run < (options.clients === 'tabs' ? 0 : options.runs); run += 1) {
+    settling.push(await memoryRun(options, false, 1, undefined, 'whole'));
+    const { before, peak, after, complete } = settling.at(-1)!;
+    options.log(`one page, 12 MiB answer completed whole, run ${run + 1}: service resident ${before.toFixed(1)} → peak ${peak.toFixed(1)} → ${after.toFixed(1)} MB; page let go: ${complete !== 1}`);
+  }
   const of = (stall: boolean, key: 'before' | 'peak' | 'after') => [memory.filter((each) => each.stall === stall).map((each) => each[key])];
   const figures: Figure[] = [
     ...(inOneProfile === null ? [] : [{ name: 'tabs of one browser profile that load the workspace', unit: 'tabs', runs: [[inOneProfile]], note: 'tried up to 12, each given 5 s to load; an event stream over HTTP held one of the six connections a browser keeps to one host' }]),
@@ -238,5 +278,8 @@ export async function fiftyFigures(options: FiftyOptions): Promise<Figure[]> {
     { name: 'fifty, 12 MiB answer, one stalled: resident peak', unit: 'MB', runs: of(true, 'peak'), statistic: 'max', note: `the hub lets a page go past ${MAX_QUEUED_BYTES / 1048576} MiB queued; stalled page dropped in ${memory.filter((each) => each.dropped).length} of ${memory.filter((each) => each.stall).length} runs; readers with every delta per run: ${memory.map((each) => each.complete).join(', ')} of ${READERS}` },
     { name: 'fifty, 12 MiB answer, one stalled: resident after', unit: 'MB', runs: of(true, 'after') },
     { name: 'one page, 12 MiB answer: resident peak − before', unit: 'MB', runs: [alone.map((each) => each.peak - each.before)], statistic: 'max', goal: { limit: 20, atMost: true, text: '≤ 20 MB' }, note: 'one event-stream client, the same deltas; VmRSS sampled every 50 ms' },
+    { name: 'a page opening that answer at 9 MiB: connection → snapshot', unit: 'ms', runs: [reloads.map((each) => each.opened.ms)], note: 'its hello frame read whole, not parsed' },
+    { name: 'the same: resident peak − before', unit: 'MB', runs: [reloads.map((each) => each.peak - each.before)], statistic: 'max' },
+    { name: 'one page, 12 MiB answer completed whole: resident peak − before', unit: 'MB', runs: [settling.map((each) => each.peak - each.before)], statistic: 'max', note: 'the fake app-server completes it with all it streamed, as Codex does' },
   ];
 }

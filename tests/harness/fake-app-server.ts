@@ -11,6 +11,8 @@ const log = process.env.FAKE_CODEX_LOG;
 // "<count>x<size>x<gap ms>": every turn after the first streams this many numbered deltas of this
 // size, this far apart, before it ends; each says when it was sent (for benchmarks).
 const [streamCount, streamSize, streamGap] = (process.env.FAKE_CODEX_STREAM ?? '0x0x0').split('x').map(Number) as [number, number, number];
+// "whole": an answer is completed with all it streamed, as Codex does; else with its first delta.
+const completeWhole = process.env.FAKE_CODEX_COMPLETE === 'whole';
 let threads = 0;
 let turns = 0;
 
@@ -22,13 +24,16 @@ async function turn(threadId: string, turnId: string) {
   notify('item/started', { threadId, turnId, item: { type: 'agentMessage', id: `m${turnId}`, text: '' } });
   notify('item/agentMessage/delta', { threadId, turnId, itemId: `m${turnId}`, delta: 'partial answer' });
   if (die === 'mid-turn') process.exit(3);
+  const streamed = ['partial answer'];
   for (let i = 0; turns > 1 && i < streamCount; i += 1) {
     await new Promise((resolve) => setTimeout(resolve, streamGap));
-    notify('item/agentMessage/delta', { threadId, turnId, itemId: `m${turnId}`, delta: `${i}:${(performance.timeOrigin + performance.now()).toFixed(2)}:`.padEnd(streamSize, '.') });
+    const delta = `${i}:${(performance.timeOrigin + performance.now()).toFixed(2)}:`.padEnd(streamSize, '.');
+    if (completeWhole) streamed.push(delta);
+    notify('item/agentMessage/delta', { threadId, turnId, itemId: `m${turnId}`, delta });
   }
   // Streams on and on: the turn stays open until it is interrupted.
   if (die === 'never-finishes' && turns > 1) return;
-  notify('item/completed', { threadId, turnId, item: { type: 'agentMessage', id: `m${turnId}`, text: 'partial answer' } });
+  notify('item/completed', { threadId, turnId, item: { type: 'agentMessage', id: `m${turnId}`, text: streamed.join('') } });
   notify('turn/completed', { threadId, turn: { id: turnId, status: 'completed', items: [], error: null } });
 }
 

@@ -259,7 +259,7 @@ export class Controller {
         if (event.threadId === state.open) views.thread.context(event.context);
         return;
       case 'item':
-        if (event.threadId === state.open) views.thread.item(event.turnId, event.item);
+        if (event.threadId === state.open) views.thread.item(event.turnId, event.item, event.streamed === true);
         return;
       case 'delta':
         if (event.threadId === state.open) views.thread.delta(event.turnId, event.position, event.field, event.part, event.text);

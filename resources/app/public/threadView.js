@@ -282,10 +282,19 @@ export class ThreadView {
     if (isNew) this.#conversation.append(parts.node);
   }
 
-  /** @param {string} turnId @param {Item} item */
-  item(turnId, item) {
+  /**
+   * @param {string} turnId @param {Item} item
+   * @param {boolean} [streamed] its text left out, being what the deltas brought: the text drawn is kept
+   */
+  item(turnId, item, streamed = false) {
     const turn = this.#turns.get(turnId);
-    if (turn) this.#drawItem(turnId, item, turn.items);
+    if (!turn) return;
+    let shown = item;
+    if (streamed && (item.kind === 'answer' || item.kind === 'plan')) {
+      const drawn = this.#items.get(itemKey(turnId, item.position));
+      if (drawn?.kind === item.kind) shown = { ...item, text: drawn.block(0).text };
+    }
+    this.#drawItem(turnId, shown, turn.items);
   }
 
   /**

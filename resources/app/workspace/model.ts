@@ -316,5 +316,6 @@ export type PageEvent =
   | { type: 'folderChanged'; threadId: string; path: string }
   | { type: 'context'; threadId: string; context: Context }
   | { type: 'turn'; turn: TurnHead }
-  | { type: 'item'; threadId: string; turnId: string; item: Item }
+  /** streamed: the answer's text is left out, being exactly what its deltas brought, which the page has. */
+  | { type: 'item'; threadId: string; turnId: string; item: Item; streamed?: true }
   | { type: 'delta'; threadId: string; turnId: string; position: number; field: 'text' | 'output'; part?: number; text: string };

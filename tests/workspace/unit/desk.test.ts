@@ -111,24 +111,48 @@ test('a Codex that does not confirm a stop: the turn is stopped at the deadline,
   assert.deepEqual(answers(thread.id), [[], ['from the new turn']]);
 });
 
-test('while the disk is full the page still has the whole turn, and it is written once there is room', async () => {
+test('a running answer reads as it streamed, its text unwritten, written in part or held back by a full disk; settled, it is written once there is room', async () => {
   let full = false;
-  const { desk, store, storage, clock, notify, answers } = deskFixture({
+  const { desk, store, storage, clock, events, notify, answers } = deskFixture({
     commit: (write) => { if (full) throw new StoreError('full', 'database or disk is full'); write(); },
   });
   const { thread } = desk.create(asked('q'));
   await settle();
-  full = true;
-  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } });
-  notify('item/completed', { item: { type: 'agentMessage', id: 'a', text: 'the answer' } });
-  notify('turn/completed', { turn: { id: 'turn-1', status: 'completed', error: null } });
-  assert.deepEqual(storage, ['full']);
-  assert.deepEqual(answers(thread.id), [['the answer']]);
-  assert.deepEqual(store.readThread(thread.id)!.turns[0]!.items, []);
+  let streamed = '早';
+  notify('item/started', { item: { type: 'agentMessage', id: 'a', text: streamed } });
+  // Longer than one tail, with characters of two and four bytes across the tails' ends.
+  const long = '中😀'.repeat(12_000);
+  // A quarter second apart: the first before the item is written at all, each next after the last was.
+  for (const [delta, disk] of [['晨', 'room'], [long, 'room'], ['a', 'full'], [long, 'full']] as const) {
+    full = disk === 'full';
+    streamed += delta;
+    notify('item/agentMessage/delta', { itemId: 'a', delta });
+    assert.ok(answers(thread.id)[0]![0] === streamed, `${delta.slice(0, 2)} on a disk with ${disk}`);
+    await clock.advance(250);
+  }
+  notify('turn/completed', { turn: { id: 'turn-1', status: 'interrupted', error: null } });
+  // The pages have the text: the settled item goes to them without it.
+  const settled = events.findLast((event) => event.type === 'item');
+  assert.ok(settled?.type === 'item' && settled.streamed && answers(thread.id)[0]![0] === streamed);
   full = false;
   await clock.advance(2000);
-  assert.deepEqual(storage, ['full', null]);
-  assert.deepEqual(store.readThread(thread.id)!.turns.map((turn) => [turn.status, turn.items.length]), [['completed', 1]]);
+  assert.deepEqual([storage, store.readThread(thread.id)!.turns[0]!.items[0]], [['full', null], { kind: 'answer', position: 0, status: 'stopped', text: streamed }]);
+});
+
+test('an answer Codex completes as it streamed goes to the pages without its text, one it completes otherwise with it', async () => {
+  const deltas = ['a', '😀'.repeat(20_000), '😀'.repeat(20_000)];
+  // The first has a pair's halves either side of where its digest's first slice would end.
+  for (const [text, streamed] of [[deltas.join(''), true], [`${deltas.join('').slice(0, -2)}😃`, undefined]] as const) {
+    const { desk, events, notify } = deskFixture();
+    desk.create(asked('q'));
+    await settle();
+    notify('item/started', { item: { type: 'agentMessage', id: 'a', text: '' } });
+    for (const delta of deltas) notify('item/agentMessage/delta', { itemId: 'a', delta });
+    notify('item/completed', { item: { type: 'agentMessage', id: 'a', text } });
+    const settled = events.findLast((event) => event.type === 'item');
+    assert.ok(settled?.type === 'item' && settled.item.kind === 'answer');
+    assert.deepEqual([settled.streamed, settled.item.text.length], streamed ? [true, 0] : [undefined, text.length]);
+  }
 });
 
 test('a follow-up after a restart is not thrown by what Codex re-sends of the thread\'s earlier turns', async () => {

@@ -13,14 +13,13 @@ const cases: { name: string; deltas: string[] }[] = [
 
 test('what was appended is read back whole, whatever chunk ends it crossed', () => {
   for (const { name, deltas } of cases) {
-    for (const text of [new GrowingText(8), new GrowingText(new ChunkPool(8, 4))]) {
-      let whole = '';
-      for (const delta of deltas) {
-        text.append(delta);
-        whole += delta;
-        // Read between deltas too: what was decoded before one came is not the text after it.
-        assert.deepEqual([text.toString(), text.pieces().join(''), text.length], [whole, whole, whole.length], name);
-      }
+    const text = new GrowingText(new ChunkPool(8, 4));
+    let whole = '';
+    for (const delta of deltas) {
+      text.append(delta);
+      whole += delta;
+      // Read between deltas too: the journal reads a text that is still growing.
+      assert.deepEqual([text.toString(), text.length], [whole, whole.length], name);
     }
   }
 });

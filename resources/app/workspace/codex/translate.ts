@@ -74,10 +74,10 @@ export function toItem(codex: CodexItem, position: number): Item | null {
   }
 }
 
-/** Codex's completed item laid over what streaming built: Codex's word is final. */
-export function completeItem(current: Item, codex: CodexItem): Item {
+/** Codex's completed item laid over what streaming built: Codex's word is final; `whole` is what streamed, where it has none. */
+export function completeItem(current: Item, codex: CodexItem, whole = () => current): Item {
   const final = toItem(codex, current.position);
-  if (!final || final.kind !== current.kind) return { ...current, status: 'completed' } as Item;
+  if (!final || final.kind !== current.kind) return { ...whole(), status: 'completed' } as Item;
   const done = (final.status === 'running' ? { ...final, status: 'completed' } : final) as Item;
   // Codex leaves the aggregate out when the command's output was streamed in full.
   if (done.kind === 'command' && current.kind === 'command' && done.output === '') {

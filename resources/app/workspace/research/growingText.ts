@@ -4,8 +4,6 @@
 // generation to its limit: 26 MB more while a 12 MiB answer streamed. Copied into buffers, each
 // delta dies young.
 const encoder = new TextEncoder();
-// Most answers are short: their first chunk is small, and each next one twice the last, up to the most.
-const FIRST_CHUNK_BYTES = 1024;
 
 /**
  * Spare chunks of one size for texts that are written and dropped again and again: a buffer that
@@ -13,17 +11,17 @@ const FIRST_CHUNK_BYTES = 1024;
  * every quarter second piled up, 10 MB of them over a 12 MiB answer.
  */
 export class ChunkPool {
-  readonly bytes: number;
+  readonly #bytes: number;
   readonly #keep: number;
   readonly #spare: Buffer[] = [];
 
   constructor(bytes: number, keep: number) {
-    this.bytes = bytes;
+    this.#bytes = bytes;
     this.#keep = keep;
   }
 
   take(): Buffer {
-    return this.#spare.pop() ?? Buffer.allocUnsafeSlow(this.bytes);
+    return this.#spare.pop() ?? Buffer.allocUnsafeSlow(this.#bytes);
   }
 
   give(chunks: Buffer[]): void {
@@ -32,22 +30,17 @@ export class ChunkPool {
 }
 
 export class GrowingText {
-  readonly #pool: ChunkPool | null;
-  readonly #maxBytes: number;
-  #nextBytes: number;
+  readonly #pool: ChunkPool;
   readonly #chunks: Buffer[] = [];
   /** How many bytes of each chunk hold text; every one but the last ends on a character's end. */
   readonly #ends: number[] = [];
   /** The last chunk has no room for the next character. */
   #full = true;
   #length = 0;
-  #decoded: string | null = '';
 
-  /** Chunks of up to so many bytes, or the pool's: what one decodes to is the longest string made at once. */
-  constructor(source: number | ChunkPool) {
-    this.#pool = typeof source === 'number' ? null : source;
-    this.#maxBytes = typeof source === 'number' ? source : source.bytes;
-    this.#nextBytes = Math.min(FIRST_CHUNK_BYTES, this.#maxBytes);
+  /** In the pool's chunks: what one decodes to is the longest string made at once. */
+  constructor(pool: ChunkPool) {
+    this.#pool = pool;
   }
 
   /** In UTF-16 units, as a string's length counts. */
@@ -59,7 +52,6 @@ export class GrowingText {
   append(text: string): void {
     if (text === '') return;
     this.#length += text.length;
-    this.#decoded = null;
     let rest = text;
     for (;;) {
       if (this.#full) this.#open();
@@ -80,25 +72,18 @@ export class GrowingText {
     return this.#chunks.map((chunk, index) => chunk.toString('utf8', 0, this.#ends[index]));
   }
 
-  /** The whole text, decoded once until it grows again. */
+  /** The whole text, decoded anew each time: kept, it would be the copy these buffers spare. */
   toString(): string {
-    this.#decoded ??= this.pieces().join('');
-    return this.#decoded;
+    return this.pieces().join('');
   }
 
   /** Gives the chunks back to the pool; the text is not used again. */
   release(): void {
-    this.#pool?.give(this.#chunks);
+    this.#pool.give(this.#chunks);
   }
 
   #open(): void {
-    if (this.#pool) {
-      this.#chunks.push(this.#pool.take());
-    } else {
-      // Outside the pool Buffer keeps for small ones, so a chunk holds nothing else alive.
-      this.#chunks.push(Buffer.allocUnsafeSlow(this.#nextBytes));
-      this.#nextBytes = Math.min(2 * this.#nextBytes, this.#maxBytes);
-    }
+    this.#chunks.push(this.#pool.take());
     this.#ends.push(0);
     this.#full = false;
   }

@@ -1,7 +1,8 @@
 // Writes what streams in to the store in batches: what changed in the last quarter second, one
-// transaction. An item that only grew is written as the text it gained, never whole again: a long
-// answer costs each batch what came in it. A failed write keeps its changes for the next attempt,
-// so nothing already kept is touched and nothing shown is dropped while the disk is full.
+// transaction. What an item gains is written as tails, never the whole item again: a long answer
+// costs each batch what came in it. A failed write keeps its changes for the next attempt, so
+// nothing already kept is touched and nothing shown is dropped while the disk is full. A running
+// answer's text is the store's and this journal's alone: what it has yet to write is the only copy.
 import { StoreError, type ThreadStore } from '../store/store.ts';
 import type { ItemTail } from '../store/tails.ts';
 import { ChunkPool, GrowingText } from './growingText.ts';
@@ -58,7 +59,7 @@ export class Journal {
     this.#schedule();
   }
 
-  /** Text was appended `at` UTF-16 units into a part of the item (its text, output, or a reasoning part); the item holds it already. */
+  /** Text was appended `at` UTF-16 units into a part of the item (its text, output, or a reasoning part). */
   grew(turnId: string, item: Item, part: number, at: number, text: string): void {
     const key = `${turnId}\u0000${item.position}`;
     let changed = this.#items.get(key);
@@ -66,18 +67,26 @@ export class Journal {
       changed = { turnId, item, whole: false, gained: new Map() };
       this.#items.set(key, changed);
     }
-    if (!changed.whole) {
-      // Copied as it comes: taking the new text from the item's own would have V8 copy all of that
-      // text into one string, every time, and keeping the deltas would keep them in V8's young
-      // generation for a quarter second, long enough to grow it.
-      let gain = changed.gained.get(part);
-      if (!gain) {
-        gain = { at, text: new GrowingText(this.#chunks) };
-        changed.gained.set(part, gain);
-      }
-      gain.text.append(text);
+    // Kept for an item to be written whole too: an answer's holds none of what it gained. Copied
+    // as it comes, as keeping the deltas would keep them in V8's young generation for a quarter
+    // second, long enough to grow it.
+    let gain = changed.gained.get(part);
+    if (!gain) {
+      gain = { at, text: new GrowingText(this.#chunks) };
+      changed.gained.set(part, gain);
     }
+    gain.text.append(text);
     this.#schedule();
+  }
+
+  /** A growing item's text as the store will have it once written: `kept`, the store's now, then what came since. */
+  textOf(turnId: string, position: number, kept: string): string {
+    const changed = this.#items.get(`${turnId}\u0000${position}`);
+    if (!changed) return kept;
+    // An item still to be written whole has nothing of it in the store.
+    const base = changed.whole && 'text' in changed.item ? changed.item.text : kept;
+    const gain = changed.gained.get(0);
+    return gain ? base.slice(0, gain.at) + gain.text.toString() : base;
   }
 
   get pending(): boolean {
@@ -90,8 +99,9 @@ export class Journal {
     if (!this.pending) return;
     const changed = [...this.#items.values()];
     const tails: ItemTail[] = [];
-    for (const { turnId, item, whole, gained } of changed) {
-      if (whole) continue;
+    // An item written whole in this batch has its gains written too: the store puts its JSON
+    // first and these tails after it.
+    for (const { turnId, item, gained } of changed) {
       for (const [part, gain] of gained) {
         let at = gain.at;
         // A reasoning part that only began is written as an empty tail, so the store has it too.

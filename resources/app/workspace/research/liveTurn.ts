@@ -1,7 +1,7 @@
 // One turn while it runs: Codex's notifications become the page's items, as they come.
+import { createHash, type Hash } from 'node:crypto';
 import { completeItem, describeError, OUTPUT_LIMIT, toItem, usageOf } from '../codex/translate.ts';
 import { texts } from '../texts.ts';
-import { GrowingText } from './growingText.ts';
 import type { CodexTokenBreakdown, TurnNotification } from '../codex/protocol.ts';
 import type { Choice, Context, Item, Permission, Turn, TurnHead, TurnStatus } from '../model.ts';
 
@@ -20,19 +20,23 @@ export interface CodexPlace {
 export interface TurnSink {
   /** The turn's head changed: its status, usage or error. */
   turn(head: TurnHead): void;
-  /** An item appeared or was replaced whole; settled when Codex has said its last word on it. */
-  item(head: TurnHead, item: Item, settled: boolean): void;
+  /**
+   * An item appeared or was replaced whole; settled when Codex has said its last word on it;
+   * streamed when its text is exactly what its deltas brought.
+   */
+  item(head: TurnHead, item: Item, settled: boolean, streamed?: boolean): void;
   /** How full the model's context is, as Codex counted at its last request. */
   context(head: TurnHead, context: Context): void;
   /** Text was appended to an item (its answer, a reasoning part, a command's output), `at` UTF-16 units into its part. */
   delta(head: TurnHead, item: Item, field: 'text' | 'output', part: number | undefined, at: number, text: string): void;
+  /** The whole text of an answer that grew: the turn keeps only its length and digest, the store and the journal its text. */
+  textOf(head: TurnHead, item: Growing): string;
 }
 
-// An answer's text grows in chunks of up to this many bytes: few for the longest answer, and
-// decoded only when a page or the store asks for the whole text.
-const ANSWER_CHUNK_BYTES = 1 << 20;
+export type Growing = Item & { kind: 'answer' | 'plan' };
 
-type Growing = Item & { kind: 'answer' | 'plan' };
+// A completed answer is digested so many UTF-16 units at a time, each encoded apart.
+const DIGEST_SLICE = 1 << 16;
 
 export class LiveTurn {
   readonly head: TurnHead;
@@ -40,7 +44,9 @@ export class LiveTurn {
   readonly items: Item[] = [];
   readonly #sink: TurnSink;
   readonly #byCodexId = new Map<string, number>();
-  readonly #texts = new WeakMap<Growing, GrowingText>();
+  /** What the answers that grew have streamed, how long and its digest; `item.text` stays what Codex started them with. */
+  readonly #streamed = new WeakMap<Item, { length: number; digest: Hash }>();
+  readonly #readBack = (item: Growing) => this.#sink.textOf(this.head, item);
   codexThreadId: string | null = null;
   /** Codex's id for this turn, known from its answer to our turn/start. */
   codexTurnId: string | null = null;
@@ -64,8 +70,9 @@ export class LiveTurn {
     return this.head.status !== 'running';
   }
 
-  get turn(): Turn {
-    return { ...this.head, items: this.items };
+  /** The turn as a page is to see it, a running answer's text read back through `textOf`. */
+  snapshot(textOf = this.#readBack): Turn {
+    return { ...this.head, items: this.items.map((item) => this.#whole(item, textOf)) };
   }
 
   apply(notification: TurnNotification): void {
@@ -97,18 +104,25 @@ export class LiveTurn {
           this.#sink.item(this.head, whole, true);
           return;
         }
-        const whole = completeItem(this.items[position]!, notification.params.item);
+        const current = this.items[position]!;
+        // Codex's own text replaces what streamed; only an item it no longer knows as such keeps ours.
+        const whole = completeItem(current, notification.params.item, () => this.#whole(current));
         this.items[position] = whole;
-        this.#sink.item(this.head, whole, true);
+        this.#sink.item(this.head, whole, true, this.#sameAsStreamed(current, whole));
         return;
       }
       case 'item/agentMessage/delta': {
         const item = this.#find(notification.params.itemId);
         if (item?.kind !== 'answer' && item?.kind !== 'plan') return;
-        const text = this.#textOf(item);
-        const at = text.length;
-        text.append(notification.params.delta);
+        let streamed = this.#streamed.get(item);
+        if (!streamed) {
+          streamed = { length: item.text.length, digest: createHash('sha256').update(item.text) };
+          this.#streamed.set(item, streamed);
+        }
+        const at = streamed.length;
+        streamed.length += notification.params.delta.length;
         this.#sink.delta(this.head, item, 'text', undefined, at, notification.params.delta);
+        streamed.digest.update(notification.params.delta);
         return;
       }
       case 'item/reasoning/summaryPartAdded': {
@@ -176,9 +190,9 @@ export class LiveTurn {
     if (this.finished) return;
     for (const [position, item] of this.items.entries()) {
       if (item.status !== 'running') continue;
-      const stopped = { ...item, status: status === 'completed' ? 'completed' : 'stopped' } as Item;
+      const stopped = { ...this.#whole(item), status: status === 'completed' ? 'completed' : 'stopped' } as Item;
       this.items[position] = stopped;
-      this.#sink.item(this.head, stopped, true);
+      this.#sink.item(this.head, stopped, true, this.#streamed.has(item));
     }
     this.head.status = status;
     this.head.error = status === 'completed' ? null : error;
@@ -201,20 +215,25 @@ export class LiveTurn {
     if (!this.finished) this.#push({ kind: 'guidance', text, position: this.items.length, status: 'completed' });
   }
 
-  /**
-   * The growing text behind the item's own: whoever reads `item.text` (a snapshot, the journal's
-   * write of it whole, a copy when it settles) gets it decoded, once until it grows again.
-   */
-  #textOf(item: Growing): GrowingText {
-    let text = this.#texts.get(item);
-    if (!text) {
-      const growing = new GrowingText(ANSWER_CHUNK_BYTES);
-      growing.append(item.text);
-      Object.defineProperty(item, 'text', { get: () => growing.toString(), enumerable: true, configurable: true });
-      this.#texts.set(item, growing);
-      text = growing;
+  /** The item with its whole text: an answer that grew has it read back, once it settled it holds it. */
+  #whole(item: Item, textOf = this.#readBack): Item {
+    return this.#streamed.has(item) && item.status === 'running' ? { ...item, text: textOf(item as Growing) } as Item : item;
+  }
+
+  /** Whether Codex completed the answer with exactly the text it streamed, which the pages have. */
+  #sameAsStreamed(current: Item, settled: Item): boolean {
+    const streamed = this.#streamed.get(current);
+    if (!streamed || settled.kind !== current.kind || !('text' in settled) || settled.text.length !== streamed.length) return false;
+    // A slice at a time: the whole answer encoded at once would be one more copy of it. None ends
+    // between a surrogate pair's halves, either of which alone is encoded as a replacement.
+    const { text } = settled;
+    const digest = createHash('sha256');
+    for (let at = 0, end = 0; at < text.length; at = end) {
+      end = Math.min(at + DIGEST_SLICE, text.length);
+      if (end < text.length && (text.charCodeAt(end - 1) & 0xfc00) === 0xd800) end += 1;
+      digest.update(text.slice(at, end));
     }
-    return text;
+    return digest.digest('hex') === streamed.digest.digest('hex');
   }
 
   #find(codexId: string): Item | undefined {

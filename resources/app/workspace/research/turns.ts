@@ -2,7 +2,7 @@
 // afresh with the thread so far), its turn started, stopped or cut short, and settled. Codex's
 // notifications for a turn come here; what they make streams to the pages and into the store.
 import { join } from 'node:path';
-import { LiveTurn, type CodexPlace, type TurnSink } from './liveTurn.ts';
+import { LiveTurn, type CodexPlace, type Growing, type TurnSink } from './liveTurn.ts';
 import { Journal } from './journal.ts';
 import { describeStorage } from './storage.ts';
 import { texts } from '../texts.ts';
@@ -14,7 +14,7 @@ import { MARKER } from '../codex/commands.ts';
 import { StoreError, type ThreadStore } from '../store/store.ts';
 import { attachmentNote, isImage } from '../files/uploads.ts';
 import type { Clock, Timer } from '../clock.ts';
-import type { Choice, PageEvent, ThreadSummary, Turn, TurnHead, TurnStatus } from '../model.ts';
+import type { Choice, Item, PageEvent, ThreadSummary, Turn, TurnHead, TurnStatus } from '../model.ts';
 
 export const STOP_DEADLINE_MS = 900;
 // The service's end waits for nothing long: what Codex has not confirmed by then is cut short.
@@ -83,9 +83,11 @@ export class TurnRunner {
         this.#journal.turn(head);
         options.publish({ type: 'turn', turn: head });
       },
-      item: (head, item, settled) => {
+      item: (head, item, settled, streamed) => {
         this.#journal.item(head.id, item);
-        options.publish({ type: 'item', threadId: head.threadId, turnId: head.id, item });
+        const event: PageEvent = { type: 'item', threadId: head.threadId, turnId: head.id, item };
+        // Sent again, a long answer's text was the event's JSON and frame: twice its size more at its end.
+        options.publish(streamed ? { ...event, item: { ...item, text: '' } as Item, streamed } : event);
         if (settled) this.#journal.flush();
       },
       context: (head, context) => {
@@ -101,6 +103,7 @@ export class TurnRunner {
         const event: PageEvent = { type: 'delta', threadId: head.threadId, turnId: head.id, position: item.position, field, text };
         options.publish(part === undefined ? event : { ...event, part });
       },
+      textOf: (head, item) => this.#textOf(head.id, item, options.store.readItem(head.id, item.position)),
     };
   }
 
@@ -118,11 +121,23 @@ export class TurnRunner {
     return this.#live.has(threadId);
   }
 
-  /** The thread's turns as they are now: the running one, and ended ones the store has not taken yet, from memory. */
+  /**
+   * The thread's turns, read from the store just now, as they are: the running one's answers with
+   * what the journal has yet to write, and ended ones the store has not taken yet from memory.
+   */
   fresh(threadId: string, turns: Turn[]): Turn[] {
-    const fresh = [this.#live.get(threadId), ...this.#unsaved.values()]
-      .filter((turn): turn is LiveTurn => turn?.head.threadId === threadId);
-    return turns.map((turn) => fresh.find((live) => live.head.id === turn.id)?.turn ?? turn);
+    const running = this.#live.get(threadId);
+    return turns.map((turn) => {
+      if (running?.head.id === turn.id) {
+        return running.snapshot((item) => this.#textOf(turn.id, item, turn.items.find((kept) => kept.position === item.position) ?? null));
+      }
+      return this.#unsaved.get(turn.id)?.snapshot() ?? turn;
+    });
+  }
+
+  /** A running answer's text: what the store has of it, then what the journal has yet to write. */
+  #textOf(turnId: string, item: Growing, kept: Item | null): string {
+    return this.#journal.textOf(turnId, item.position, kept?.kind === item.kind ? kept.text : '');
   }
 
   /** Runs the question's turn, whose head the store has; the answer streams in afterwards. */
@@ -361,6 +376,6 @@ export class TurnRunner {
       this.#options.publish({ type: 'threadSummary', thread: { ...summary, running: false, waiting: false } });
       this.#options.publish({ type: 'threadUsage', threadId, usage: this.#options.store.threadUsage(threadId) });
     }
-    this.#options.settled?.(live.turn);
+    this.#options.settled?.(live.snapshot());
   }
 }

@@ -6,7 +6,7 @@ import { migrations as allMigrations, type Migration } from './migrations.ts';
 import { SearchIndex } from './search.ts';
 import type { BackendName } from './indexBackend.ts';
 import { preparedOnce } from './prepared.ts';
-import { applyTail, type ItemTail } from './tails.ts';
+import { applyTails, type ItemTail } from './tails.ts';
 import { systemClock, type Clock } from '../clock.ts';
 import { randomUUID } from 'node:crypto';
 import type { Choice, Context, Item, Permission, Queued, SearchAnswer, StoredSummary, Thread, Turn, TurnHead, Usage, FileRecord, FileSeen } from '../model.ts';
@@ -300,8 +300,15 @@ export class ThreadStore {
     if (row.status !== 'running') return item;
     const tails = this.#statement('SELECT part, at, text FROM item_tails WHERE turn_id = ? AND position = ? ORDER BY part, at')
       .all(turnId, item.position) as { part: number; at: number; text: string }[];
-    for (const tail of tails) applyTail(item, tail.part, tail.at, tail.text);
+    applyTails(item, tails);
     return item;
+  }
+
+  /** The item at this place as written so far, with the text it gained while running; null when none is. */
+  readItem(turnId: string, position: number): Item | null {
+    const row = this.#statement('SELECT status, body FROM items WHERE turn_id = ? AND position = ?').get(turnId, position) as
+      { status: string; body: string } | undefined;
+    return row ? this.#itemOf(turnId, row) : null;
   }
 
   /** The files the thread's questions brought, by name, each with the last question (its position) that brought it. */

@@ -13,8 +13,26 @@ export interface ItemTail {
   text: string;
 }
 
+/**
+ * Puts tails, in order of part and place, in the item. Each run of tails that follow one another
+ * is joined first: a part sliced after each tail was copied whole each time, a gigabyte for the
+ * tails of a running 12 MiB answer read back for a page.
+ */
+export function applyTails(item: Item, tails: readonly Omit<ItemTail, 'turnId' | 'position'>[]): void {
+  for (let index = 0; index < tails.length;) {
+    const { part, at } = tails[index]!;
+    const run: string[] = [];
+    let end = at;
+    for (; index < tails.length && tails[index]!.part === part && tails[index]!.at === end; index += 1) {
+      run.push(tails[index]!.text);
+      end += tails[index]!.text.length;
+    }
+    applyTail(item, part, at, run.join(''));
+  }
+}
+
 /** Puts a tail's text in its place in the item, after the first `at` characters of its part. */
-export function applyTail(item: Item, part: number, at: number, text: string): void {
+function applyTail(item: Item, part: number, at: number, text: string): void {
   switch (item.kind) {
     case 'answer':
     case 'plan':
