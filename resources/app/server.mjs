@@ -1,8 +1,8 @@
 // Lanternmoor Pro workspace service.
 //
-// Started by the launcher as `node --experimental-strip-types server.mjs`
-// with the working directory set to this folder; everything it prints lands in the run log. Plain
-// Node.js, no packages, so it runs from the shipped resources as they are.
+// Started by the launcher as `node --experimental-strip-types server.mjs` with the working directory
+// set to this folder; everything it prints lands in the run log. Plain Node.js, no packages, so it
+// runs from the shipped resources as they are.
 //
 // This entry listens at once and answers the health check itself: the workspace behind it is
 // TypeScript, whose first load holds Node.js's event loop for a quarter of a second or more. It is
